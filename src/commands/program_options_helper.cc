@@ -1,0 +1,142 @@
+#include "commands/program_options_helper.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <locale>
+#include <sstream>
+#include <stdexcept>
+
+#include "commands/mail_db_options.h"
+#include "util/error_stream.h"
+#include "util/idn.h"
+#include "util/names.h"
+
+namespace po = boost::program_options;
+namespace style = boost::program_options::command_line_style;
+
+namespace tavix {
+namespace mail {
+namespace dravnik_commands {
+
+namespace {
+
+// The library's Unix style without allow_guessing: an abbreviated long option
+// would let "--domain" silently mean "--domain-name", so every option must be
+// spelled out.
+constexpr int kParseStyle = style::allow_long | style::allow_short |
+                            style::allow_dash_for_short | style::long_allow_adjacent |
+                            style::long_allow_next | style::short_allow_adjacent |
+                            style::short_allow_next | style::allow_sticky;
+static_assert(kParseStyle == 503, "option style changed");
+static_assert(kParseStyle == (style::unix_style & ~style::allow_guessing),
+              "option style must be the Unix style without guessing");
+
+// Reads exactly one word from `text`: leading blanks are not skipped, and
+// anything left after the word (a blank and more, or nothing read at all)
+// makes the value invalid.
+std::string singleWord(std::vector<std::string> const& values) {
+  std::string const& text = po::validators::get_single_string(values);
+  std::istringstream in(text);
+  in >> std::noskipws;
+  std::string word;
+  if (!(in >> word) || !in.eof())
+    throw po::invalid_option_value(text);
+  return word;
+}
+
+std::string lowerCased(std::string word) {
+  std::use_facet<std::ctype<char>>(std::locale())
+      .tolower(&word[0], &word[0] + word.size());
+  return word;
+}
+
+}  // namespace
+
+ProgramOptionsHelper::ProgramOptionsHelper(std::string const& purpose,
+                                           std::string const& usageLine)
+    : description_("Allowed options to " + purpose,
+                   po::options_description::m_default_line_length,
+                   po::options_description::m_default_line_length / 2),
+      purpose_(purpose),
+      usageLine_(usageLine) {}
+
+ProgramOptionsHelper::OptionAppender& ProgramOptionsHelper::OptionAppender::operator()(
+    char const* name, po::value_semantic const* semantic, char const* description,
+    bool mandatory) {
+  if (mandatory) {
+    helper_->mandatory_.push_front(name);
+    helper_->description_.add_options()(name, semantic,
+                                        (std::string(description) + " (mandatory)").c_str());
+  } else {
+    helper_->description_.add_options()(name, semantic, description);
+  }
+  return *this;
+}
+
+ProgramOptionsHelper::OptionAppender& ProgramOptionsHelper::OptionAppender::operator()(
+    MailDbOptions const&, bool) {
+  (*this)("domain-aliases", po::value<MailDbDomainAliasesList>(), "list of domain aliases");
+  (*this)("mail-addresses", po::value<MailDbMailAddressesList>(),
+          "list of mailnames together with their aliases");
+  return *this;
+}
+
+void ProgramOptionsHelper::parse(int argc, char** argv) {
+  description_.add_options()("help,h", "displays this help message");
+
+  std::vector<std::string> args(argv + 1, argv + argc);
+  po::store(po::command_line_parser(args).options(description_).style(kParseStyle).run(),
+            variables_);
+  po::notify(variables_);
+
+  if (variables_.count("help"))
+    usage(0, std::cout);
+  for (std::string const& name : mandatory_) {
+    if (!variables_.count(name))
+      throw MissingMandatoryOption(name);
+  }
+}
+
+void ProgramOptionsHelper::usage(int status, std::ostream& os) {
+  os << purpose_ << "\n"
+     << "Usage: " << usageLine_ << "\n"
+     << description_ << "\n"
+     << std::flush;
+  exit(status);
+}
+
+MissingMandatoryOption::MissingMandatoryOption(std::string const& name)
+    : po::error("mandatory option \"--" + name + "\" is not specified") {}
+
+void reportOptionError(ProgramOptionsHelper& helper, po::error const& e) {
+  tavix::uerr << e.what() << std::endl;
+  helper.usage(1, std::cout);
+}
+
+void standardOptionsParse(ProgramOptionsHelper& helper, int argc, char** argv) {
+  try {
+    helper.parse(argc, argv);
+  } catch (po::error const& e) {
+    reportOptionError(helper, e);
+  }
+}
+
+void validate(boost::any& v, std::vector<std::string> const& values, MailNameTOpt*, int) {
+  po::validators::check_first_occurrence(v);
+  std::string const name = lowerCased(singleWord(values));
+  if (!is_mailname_valid(name.c_str()))
+    throw std::runtime_error(name + " - local part of mailname has incorrect format.");
+  v = boost::any(MailNameTOpt{name});
+}
+
+void validate(boost::any& v, std::vector<std::string> const& values, DomainNameTOpt*, int) {
+  po::validators::check_first_occurrence(v);
+  std::string const domain = lowerCased(tavix::idn::toAscii(singleWord(values)));
+  if (!is_domain_name_valid(domain.c_str()))
+    throw std::runtime_error(domain + " - domain has incorrect format.");
+  v = boost::any(DomainNameTOpt{domain});
+}
+
+}  // namespace dravnik_commands
+}  // namespace mail
+}  // namespace tavix

@@ -1,0 +1,399 @@
+#include "util/fs.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "util/log.h"
+#include "util/unique_free.h"
+
+namespace tavix {
+
+void UniqueFd::reset(int fd) {
+  if (fd_ >= 0) {
+    int saved = errno;
+    ::close(fd_);
+    errno = saved;
+  }
+  fd_ = fd;
+}
+
+int UniqueFd::close() {
+  if (fd_ < 0)
+    return 0;
+  int fd = release();
+  return ::close(fd);
+}
+
+}  // namespace tavix
+
+namespace {
+
+using tavix::UniqueFd;
+using tavix::UniqueFile;
+using tavix::unique_free;
+
+bool is_directory(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+std::string join_path(const std::string& dir, const char* name) {
+  if (!dir.empty() && dir.back() == '/')
+    return dir + name;
+  return dir + "/" + name;
+}
+
+// Restores the process umask when it leaves scope.
+class UmaskGuard {
+ public:
+  explicit UmaskGuard(mode_t mask) : saved_(umask(mask)) {}
+  ~UmaskGuard() { umask(saved_); }
+  UmaskGuard(const UmaskGuard&) = delete;
+  UmaskGuard& operator=(const UmaskGuard&) = delete;
+
+ private:
+  mode_t saved_;
+};
+
+// An open directory stream whose close is checked by the caller; the
+// destructor only covers paths that leave early.
+class DirStream {
+ public:
+  explicit DirStream(DIR* dir) : dir_(dir) {}
+  ~DirStream() {
+    if (dir_)
+      closedir(dir_);
+  }
+  DirStream(const DirStream&) = delete;
+  DirStream& operator=(const DirStream&) = delete;
+
+  DIR* get() const { return dir_; }
+  int fd() const { return dirfd(dir_); }
+  int close() {
+    DIR* dir = dir_;
+    dir_ = nullptr;
+    return closedir(dir);
+  }
+
+ private:
+  DIR* dir_;
+};
+
+// Opens the directory `name` under `parent_fd` as a stream, refusing to
+// follow a symbolic link. Null with errno set on failure.
+DIR* open_dir_at(int parent_fd, const char* name) {
+  UniqueFd fd(openat(parent_fd, name,
+                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd)
+    return nullptr;
+  DIR* dir = fdopendir(fd.get());
+  if (dir)
+    fd.release();
+  return dir;
+}
+
+bool is_dot_or_dotdot(const char* name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// Calls `visit(dir_fd, name)` for every entry of `dir` but "." and "..".
+// Returns false when reading the directory failed (errno set) or when
+// `visit` returned false.
+template <typename Visit>
+bool for_each_entry(DirStream& dir, Visit visit) {
+  for (;;) {
+    errno = 0;
+    struct dirent* entry = readdir(dir.get());
+    if (!entry)
+      return errno == 0;
+    if (is_dot_or_dotdot(entry->d_name))
+      continue;
+    if (!visit(dir.fd(), entry->d_name))
+      return false;
+  }
+}
+
+// The removal works on descriptors relative to the directory being walked,
+// so the current directory never changes and a directory swapped for a
+// symbolic link under our feet is refused (O_NOFOLLOW) instead of followed.
+void remove_dir_at(int parent_fd, const char* name, const std::string& path,
+                   bool remove_top) {
+  DirStream dir(open_dir_at(parent_fd, name));
+  if (!dir.get()) {
+    if (errno != ENOENT)
+      messlog2(1, 1, "Unable to open dir %s: %s\n", path.c_str(),
+               strerror(errno));
+    return;
+  }
+  bool read_ok = for_each_entry(dir, [&](int dir_fd, const char* entry) {
+    std::string entry_path = join_path(path, entry);
+    struct stat st;
+    if (fstatat(dir_fd, entry, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno != ENOENT)  // an entry that vanished meanwhile is done
+        messlog2(1, 1, "Unable to check directory entry %s: %s\n",
+                 entry_path.c_str(), strerror(errno));
+      return true;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      remove_dir_at(dir_fd, entry, entry_path, true);
+    } else if (unlinkat(dir_fd, entry, 0) != 0 && errno != ENOENT) {
+      messlog2(1, 1, "Unable to unlink directory entry %s: %s\n",
+               entry_path.c_str(), strerror(errno));
+    }
+    return true;
+  });
+  if (!read_ok)
+    messlog2(1, 1, "Unable to check directory entry %s: %s\n", path.c_str(),
+             strerror(errno));
+  if (dir.close() != 0)
+    messlog2(1, 1, "Unable to close dir %s: %s\n", path.c_str(),
+             strerror(errno));
+  if (remove_top && unlinkat(parent_fd, name, AT_REMOVEDIR) != 0 &&
+      errno != ENOENT)
+    messlog2(1, 1, "Unable to remove dir %s: %s\n", path.c_str(),
+             strerror(errno));
+}
+
+long long size_of(const struct stat& st, bool in_blocks) {
+  return in_blocks ? static_cast<long long>(st.st_blocks) * 512
+                   : static_cast<long long>(st.st_size);
+}
+
+// Adds the sizes of everything inside the directory `name` under
+// `parent_fd` to `*total`. Entries that vanish meanwhile (mail being
+// delivered or moved) are skipped.
+bool add_dir_size_at(int parent_fd, const char* name, const std::string& path,
+                     bool in_blocks, long long* total) {
+  DirStream dir(open_dir_at(parent_fd, name));
+  if (!dir.get()) {
+    if (errno == ENOENT)
+      return true;
+    tavix_log(3, "Unable to open dir %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  bool entry_failed = false;
+  bool ok = for_each_entry(dir, [&](int dir_fd, const char* entry) {
+    std::string entry_path = join_path(path, entry);
+    struct stat st;
+    if (fstatat(dir_fd, entry, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT)
+        return true;
+      tavix_log(3, "Unable to check directory entry %s: %s",
+                entry_path.c_str(), strerror(errno));
+      entry_failed = true;
+      return false;
+    }
+    *total += size_of(st, in_blocks);
+    if (S_ISDIR(st.st_mode) &&
+        !add_dir_size_at(dir_fd, entry, entry_path, in_blocks, total)) {
+      entry_failed = true;
+      return false;
+    }
+    return true;
+  });
+  if (!ok && !entry_failed)
+    tavix_log(3, "Unable to read dir %s: %s", path.c_str(), strerror(errno));
+  if (dir.close() != 0) {
+    tavix_log(3, "Unable to close dir %s: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  return ok;
+}
+
+// Creates `path` after its missing parents; see make_dir_p().
+void make_dir_chain(const std::string& path, uid_t uid, gid_t gid,
+                    mode_t mode) {
+  int rc = mkdir(path.c_str(), mode);
+  if (rc != 0 && errno == ENOENT) {
+    size_t end = path.find_last_not_of('/');
+    size_t slash = end == std::string::npos
+                       ? std::string::npos
+                       : path.find_last_of('/', end);
+    if (slash != std::string::npos && slash > 0) {
+      make_dir_chain(path.substr(0, slash), uid, gid, mode);
+      rc = mkdir(path.c_str(), mode);
+    }
+  }
+  if (rc == 0) {
+    if (chown(path.c_str(), uid, gid) != 0)
+      messlog2(0, 0, "Cannot chown %s: %s", path.c_str(), strerror(errno));
+    return;
+  }
+  if (errno == EEXIST) {
+    if (is_directory(path.c_str()))
+      return;
+    errno = ENOTDIR;
+  }
+  messlog2(1, 1, "Cannot create directory %s: %s", path.c_str(),
+           strerror(errno));
+}
+
+}  // namespace
+
+int createNestedDirectory(const char* path) {
+  size_t length = strlen(path);
+  if (length == 0) {
+    errno = ENOENT;
+    return 0;
+  }
+  std::string component;
+  for (size_t i = 1; i <= length; ++i) {
+    if (i < length && path[i] != '/')
+      continue;
+    if (path[i - 1] == '/')
+      continue;  // "//" or a trailing "/"
+    component.assign(path, i);
+    if (mkdir(component.c_str(), 0755) == 0)
+      continue;
+    int mkdir_error = errno;
+    struct stat st;
+    // An existing component may also answer EACCES or EROFS; only a
+    // component that is really missing keeps mkdir's reason.
+    if (stat(component.c_str(), &st) != 0) {
+      errno = mkdir_error;
+      return 0;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+      errno = ENOTDIR;
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int make_dir_p(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  UmaskGuard no_umask(0);
+  make_dir_chain(path, uid, gid, mode & 07777);
+  return 0;
+}
+
+int rename_dir(const char* old_path, const char* new_path) {
+  struct stat st;
+  if (lstat(old_path, &st) != 0 && errno == ENOENT)
+    return 0;
+  if (lstat(new_path, &st) == 0) {
+    errno = 0;  // the refusal is ours, not a system error
+    messlog2(0, 0,
+             "Directory rename error: target directory %s already exists.\n",
+             new_path);
+    return -1;
+  }
+  if (rename(old_path, new_path) != 0) {
+    messlog2(0, 0, "Remaming %s to %s failed: %s\n", old_path, new_path,
+             strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int rm_tree(const char* path, int remove_top) {
+  struct stat st;
+  if (lstat(path, &st) != 0) {
+    if (errno != ENOENT)
+      messlog2(1, 1, "Unable to check directory entry %s: %s\n", path,
+               strerror(errno));
+    return 0;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    if (unlink(path) != 0 && errno != ENOENT)
+      messlog2(1, 1, "Unable to unlink entry %s: %s\n", path,
+               strerror(errno));
+    return 0;
+  }
+  remove_dir_at(AT_FDCWD, path, path, remove_top != 0);
+  return 0;
+}
+
+long long get_dir_size(const char* path, int in_blocks) {
+  struct stat st;
+  if (lstat(path, &st) != 0) {
+    tavix_log(3, "Unable to check directory entry %s: %s", path,
+              strerror(errno));
+    return -1;
+  }
+  long long total = size_of(st, in_blocks != 0);
+  if (S_ISDIR(st.st_mode) &&
+      !add_dir_size_at(AT_FDCWD, path, path, in_blocks != 0, &total))
+    return -1;
+  return total;
+}
+
+int create_file(const char* path) {
+  UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  if (!fd || fd.close() != 0) {
+    messlog2(0, 0, "Unable to create file %s: %s", path, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  errno = 0;
+  struct stat st;
+  if (stat(path, &st) != 0)
+    return 0;
+  if (chown(path, uid, gid) != 0) {
+    messlog2(0, 0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
+    return -1;
+  }
+  if (chmod(path, mode) != 0) {
+    messlog2(0, 0, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int file_set_user_mode(const char* path, const char* user, mode_t mode) {
+  struct passwd* pw = getpwnam(user);
+  if (!pw) {
+    messlog2(0, 0, "user %s not found", user);
+    return -1;
+  }
+  return file_set_perms(path, pw->pw_uid, pw->pw_gid, mode);
+}
+
+char* get_stream_contents(FILE* stream, size_t* length) {
+  size_t capacity = 1024;
+  size_t used = 0;
+  unique_free<char> buffer(static_cast<char*>(malloc(capacity)));
+  if (!buffer)
+    return nullptr;
+  for (;;) {
+    size_t room = capacity - used - 1;  // one byte stays for the NUL
+    size_t got = fread(buffer.get() + used, 1, room, stream);
+    used += got;
+    if (got < room) {
+      if (ferror(stream))
+        return nullptr;
+      break;
+    }
+    char* grown = static_cast<char*>(realloc(buffer.get(), capacity * 2));
+    if (!grown)
+      return nullptr;
+    (void)buffer.release();
+    buffer.reset(grown);
+    capacity *= 2;
+  }
+  buffer.get()[used] = '\0';
+  if (length)
+    *length = used;
+  return buffer.release();
+}
+
+char* get_stream_contents_cstr(FILE* stream) {
+  return get_stream_contents(stream, nullptr);
+}
+
+char* get_file_contents(const char* path, size_t* length) {
+  UniqueFile file(fopen(path, "re"));
+  if (!file)
+    return nullptr;
+  return get_stream_contents(file.get(), length);
+}

@@ -1,0 +1,99 @@
+// Directory trees, owners and modes, whole-file reading, and the owners of
+// descriptors and streams that the rest of the program uses so that no exit
+// path can forget a close.
+#ifndef DRAVNIK_UTIL_FS_H_
+#define DRAVNIK_UTIL_FS_H_
+
+#include <sys/types.h>
+
+#include <cstdio>
+#include <memory>
+
+// Creates every missing component of `path` with mode 0755. A component that
+// exists but is not a directory fails with errno ENOTDIR. Returns 1 on
+// success, 0 on failure (errno tells why).
+int createNestedDirectory(const char* path);
+
+// Creates `path` and its missing parents with `mode` (umask ignored) and
+// gives each directory it created to uid:gid; existing directories are left
+// alone. A failing mkdir ends the process; a failing chown is only reported.
+// Returns 0.
+int make_dir_p(const char* path, uid_t uid, gid_t gid, mode_t mode);
+
+// Renames a directory. A missing `old_path` is success; an existing
+// `new_path` is refused. Returns 0 or -1 (reported).
+int rename_dir(const char* old_path, const char* new_path);
+
+// Removes a file, a symbolic link or a whole directory tree without ever
+// following a symbolic link. With `remove_top` 0 a directory is emptied but
+// kept. A missing path is success. Any failure ends the process, since the
+// mail tree can no longer be trusted. Returns 0.
+int rm_tree(const char* path, int remove_top);
+
+// Size of a file or a whole tree, symbolic links not followed: the sum of
+// the sizes in bytes or, with `in_blocks`, of the allocated 512-byte blocks
+// times 512. -1 on failure (logged).
+long long get_dir_size(const char* path, int in_blocks);
+
+// Creates `path` with mode 0644 if missing, without truncating it.
+// Returns 0 or -1 (reported).
+int create_file(const char* path);
+
+// Sets owner and mode of `path`. A path that cannot be stat'ed is left
+// alone and counts as success. Returns 0 or -1 (reported).
+int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode);
+
+// file_set_perms() with the uid and gid of the account `user`.
+int file_set_user_mode(const char* path, const char* user, mode_t mode);
+
+// Reads `stream` to its end into a NUL-terminated heap buffer (free() it);
+// the length without the NUL goes to `*length` when asked for. Null on
+// allocation or read failure (errno tells why).
+char* get_stream_contents(FILE* stream, size_t* length);
+char* get_stream_contents_cstr(FILE* stream);
+// The same for a file; null also when it cannot be opened.
+char* get_file_contents(const char* path, size_t* length);
+
+namespace tavix {
+
+// Owns a file descriptor; -1 means none.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  // Closes the descriptor held (errors of that close are lost; use close()
+  // where they matter) and takes `fd`.
+  void reset(int fd = -1);
+  // Closes the descriptor and reports the result of close(2); 0 when none.
+  int close();
+
+ private:
+  int fd_ = -1;
+};
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+// A stdio stream closed with fclose(); call fclose(release()) where the
+// result of the close matters.
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+}  // namespace tavix
+
+#endif  // DRAVNIK_UTIL_FS_H_
