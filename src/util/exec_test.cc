@@ -29,11 +29,14 @@ std::string Text(const unique_free<char>& text) {
 }
 
 struct RunCase {
+  const char* title;
   const char* script;
   int result;
   const char* out;  // null: nothing captured
   const char* err;
 };
+
+void PrintTo(const RunCase& c, std::ostream* os) { *os << c.title; }
 
 class GetOutErrTest : public testing::TestWithParam<RunCase> {};
 
@@ -52,13 +55,17 @@ TEST_P(GetOutErrTest, CapturesBothStreamsAndExitCode) {
 
 INSTANTIATE_TEST_SUITE_P(
     Scripts, GetOutErrTest,
-    testing::Values(RunCase{"exit 0", 0, nullptr, nullptr},
-                    RunCase{"printf out; printf err >&2; exit 3", 3, "out",
-                            "err"},
-                    RunCase{"echo late >&2; exit 255", 255, nullptr,
-                            "late\n"},
-                    RunCase{"printf partial; kill -9 $$", -1, "partial",
-                            nullptr}));
+    testing::Values(
+        RunCase{"Silent", "exit 0", 0, nullptr, nullptr},
+        RunCase{"BothStreams", "printf out; printf err >&2; exit 3", 3, "out",
+                "err"},
+        RunCase{"ErrorOnly", "echo late >&2; exit 255", 255, nullptr,
+                "late\n"},
+        RunCase{"Killed", "printf partial; kill -9 $$", -1, "partial",
+                nullptr}),
+    [](const testing::TestParamInfo<RunCase>& info) {
+      return std::string(info.param.title);
+    });
 
 TEST(GetOutErr, LargeOutputOnBothStreamsIsComplete) {
   char* out = nullptr;
@@ -159,11 +166,14 @@ TEST(Pipes, DescriptorsBecomeStandardStreams) {
 }
 
 struct LogCase {
+  const char* title;
   const char* script;
   int quiet;
   int result;
   const char* message;  // null: nothing may be printed
 };
+
+void PrintTo(const LogCase& c, std::ostream* os) { *os << c.title; }
 
 class ExecvLogTest : public testing::TestWithParam<LogCase> {};
 
@@ -186,11 +196,16 @@ TEST_P(ExecvLogTest, ReportsFailureOnBothStreams) {
 INSTANTIATE_TEST_SUITE_P(
     Scripts, ExecvLogTest,
     testing::Values(
-        LogCase{"echo broken >&2; exit 3", 0, 3,
+        LogCase{"ErrorText", "echo broken >&2; exit 3", 0, 3,
                 "/bin/sh execution failed:\nbroken"},
-        LogCase{"echo broken >&2; exit 3", 1, 3, nullptr},
-        LogCase{"exit 2", 0, 2, "/bin/sh execution failed (no output)"},
-        LogCase{"echo fine; echo fine >&2", 0, 0, nullptr}));
+        LogCase{"Quiet", "echo broken >&2; exit 3", 1, 3, nullptr},
+        LogCase{"NoErrorText", "exit 2", 0, 2,
+                "/bin/sh execution failed (no output)"},
+        LogCase{"SuccessShowsNothing", "echo fine; echo fine >&2", 0, 0,
+                nullptr}),
+    [](const testing::TestParamInfo<LogCase>& info) {
+      return std::string(info.param.title);
+    });
 
 TEST(ExecvLog, FailedChildOutputGoesToStandardError) {
   auto output = CaptureOutput([] {

@@ -163,6 +163,8 @@ struct RenameCase {
   bool moved;
 };
 
+void PrintTo(const RenameCase& c, std::ostream* os) { *os << c.title; }
+
 class RenameDirTest : public testing::TestWithParam<RenameCase> {};
 
 TEST_P(RenameDirTest, Renames) {

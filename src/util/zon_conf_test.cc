@@ -23,6 +23,8 @@ struct ParseCase {
   const char* warning;  // null: no warning may be logged
 };
 
+void PrintTo(const ParseCase& c, std::ostream* os) { *os << c.title; }
+
 class ConfParseTest : public testing::TestWithParam<ParseCase> {};
 
 TEST_P(ConfParseTest, ReadsValueOrWarns) {
@@ -111,6 +113,8 @@ struct DefaultCase {
   const char* name;
   const char* value;  // null: unknown name
 };
+
+void PrintTo(const DefaultCase& c, std::ostream* os) { *os << c.name; }
 
 // The defaults are only visible on a machine without the product's file.
 class WithoutZonConf : public testing::Test {
