@@ -1,0 +1,56 @@
+"""pytest set-up: every test that asks for `sandbox` gets a fresh one.
+
+The sandbox runs the real dravnik as root inside bubblewrap, so the session
+refuses to start without either; and after each test it checks that the
+host's own /var/qmail, /etc/zon, ... are exactly as they were before the
+session, so that a leak out of the sandbox fails loudly."""
+
+import os
+
+import pytest
+
+import sandbox as sandbox_module
+
+
+def pytest_sessionstart(session):
+    problems = []
+    if not os.access(sandbox_module.BWRAP, os.X_OK):
+        problems.append("bubblewrap is missing (%s); run scripts/install-deps.sh"
+                        % sandbox_module.BWRAP)
+    if not os.access(sandbox_module.PYTHON, os.X_OK):
+        problems.append("%s is missing; run scripts/install-deps.sh" % sandbox_module.PYTHON)
+    if os.geteuid() != 0:
+        problems.append("the sandbox runs dravnik as root: run the tests as root")
+    dravnik = sandbox_module.Sandbox.default_dravnik()
+    if not os.access(dravnik, os.X_OK):
+        problems.append("dravnik binary not found at %s: build it first "
+                        "(cmake -S . -B build -G Ninja && ninja -C build) or set DRAVNIK"
+                        % dravnik)
+    if problems:
+        raise pytest.UsageError("cannot run the sandbox tests:\n  " + "\n  ".join(problems))
+
+
+def assert_host_unchanged(before):
+    after = sandbox_module.host_fingerprint()
+    changed = [p for p in sorted(set(before) | set(after)) if before.get(p) != after.get(p)]
+    assert not changed, "a sandboxed run changed the host at: %s" % ", ".join(changed)
+
+
+@pytest.fixture(scope="session", autouse=True)
+def host_before():
+    """The host as it was before the session; checked again at its end, for
+    the tests that make sandboxes of their own."""
+    before = sandbox_module.host_fingerprint()
+    yield before
+    assert_host_unchanged(before)
+
+
+@pytest.fixture
+def sandbox(host_before):
+    """A fresh sandbox, removed after the test."""
+    box = sandbox_module.Sandbox()
+    try:
+        yield box
+    finally:
+        box.cleanup()
+    assert_host_unchanged(host_before)
