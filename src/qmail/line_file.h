@@ -1,0 +1,44 @@
+// Locked editing of qmail's line-oriented files (control/rcpthosts,
+// control/virtualdomains, users/assign, .qmail delivery files): the one way
+// this program adds lines to them and removes lines from them.
+//
+// Every edit holds the file's lock (qmail/lock.h) and, except an append,
+// writes the new contents to "<path>.tmp" and renames it over the file, so
+// readers see the old or the new contents, never a mixture. The file's
+// owner, group and mode are put back afterwards. A failure between creating
+// and renaming the temporary file leaves it behind; the next edit reuses it.
+#ifndef DRAVNIK_QMAIL_LINE_FILE_H_
+#define DRAVNIK_QMAIL_LINE_FILE_H_
+
+#include <cstdio>
+
+// (op, how) of file_strings().
+enum {
+  kLinesAdd = 0,       // how: kAddPrepend or kAddAppend
+  kLinesRemove = 1,    // lines exactly equal to a given one; how ignored
+  kLinesRemoveBy = 2,  // how: kMatchPrefix, kMatchSuffix or kMatchSubstring
+};
+enum { kAddPrepend = 0, kAddAppend = 1 };
+enum { kMatchPrefix = 0, kMatchSuffix = 1, kMatchSubstring = 2 };
+
+// Edits `path` under its lock. `lines` is a null-terminated list; a line may
+// or may not end with "\n" (one is added when written).
+//   (0, 0) prepend the lines (the file must exist);
+//   (0, 1) append them (the file is created if missing);
+//   (1, _) remove every line equal to one of them (the file must exist);
+//   (2, 0|1|2) remove every line that starts with, ends with or contains
+//          one of them. With several strings a kept line is written once for
+//          every string tried before the first that matches it, so callers
+//          pass one string.
+// Any other code leaves the contents as they are. Returns 0, or 1 after
+// reporting the failure.
+int file_strings(const char* path, const char* const* lines, int op, int how);
+
+// file_strings() with a one-line list.
+int file_str(const char* path, const char* line, int op, int how);
+
+// Writes each line to `stream`, adding "\n" where a line lacks one.
+// 0, or -1 when a write failed (errno tells why); nothing is reported.
+int write_strings(FILE* stream, const char* const* lines);
+
+#endif  // DRAVNIK_QMAIL_LINE_FILE_H_

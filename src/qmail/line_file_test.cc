@@ -1,0 +1,268 @@
+#include "qmail/line_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "qmail/lock.h"
+#include "qmail/qmail_test_support.h"
+
+namespace {
+
+using tavix::test::Attributes;
+using tavix::test::attributes_of;
+using tavix::test::CaptureStreams;
+using tavix::test::exists;
+using tavix::test::LockDirHidden;
+using tavix::test::read_file;
+using tavix::test::ScratchDir;
+using tavix::test::set_attributes;
+using tavix::test::write_file;
+
+using Lines = std::vector<const char*>;
+using Text = std::optional<std::string>;  // nullopt: the file does not exist
+
+int edit(const std::string& path, Lines lines, int op, int how) {
+  lines.push_back(nullptr);
+  return file_strings(path.c_str(), lines.data(), op, how);
+}
+
+Text contents_of(const std::string& path) {
+  if (!exists(path))
+    return std::nullopt;
+  return read_file(path);
+}
+
+struct EditCase {
+  const char* name;
+  Text before;
+  Lines lines;
+  int op;
+  int how;
+  int result;
+  Text after;
+  Text temp_after;      // "<path>.tmp" afterwards
+  const char* message;  // expected in the report; null: nothing reported
+};
+
+void PrintTo(const EditCase& c, std::ostream* out) { *out << c.name; }
+
+
+const EditCase kEditCases[] = {
+    {"prepend", "old\n", {"new"}, 0, 0, 0, "new\nold\n", {}, nullptr},
+    {"prepend_lines_with_and_without_newline", "old\n", {"x\n", "y"}, 0, 0, 0,
+     "x\ny\nold\n", {}, nullptr},
+    {"append", "old\n", {"new"}, 0, 1, 0, "old\nnew\n", {}, nullptr},
+    {"add_with_unknown_how", "old\n", {"new"}, 0, 2, 0, "old\n", {}, nullptr},
+    {"remove_exact_line_only", "example.com\nexample.com.au\n",
+     {"example.com"}, 1, 1, 0, "example.com.au\n", {}, nullptr},
+    {"remove_given_with_newline", "a\nb\n", {"a\n"}, 1, 1, 0, "b\n", {},
+     nullptr},
+    {"remove_every_occurrence_of_each", "a\nb\nc\na\n", {"a", "c"}, 1, 0, 0,
+     "b\n", {}, nullptr},
+    {"remove_empty_line", "a\n\nb\n", {""}, 1, 1, 0, "a\nb\n", {}, nullptr},
+    {"remove_keeps_last_line_without_newline", "a\nb", {"a"}, 1, 1, 0, "b",
+     {}, nullptr},
+    {"remove_last_line_without_newline", "a\nb", {"b"}, 1, 1, 0, "a\n", {},
+     nullptr},
+    {"remove_prefix", "example.com\nexample.com.au\nother\n", {"example.com"},
+     2, 0, 0, "other\n", {}, nullptr},
+    {"prefix_longer_than_line", "ab\n", {"abc"}, 2, 0, 0, "ab\n", {}, nullptr},
+    {"remove_suffix", "example.com\nexample.com.au\n", {".au"}, 2, 1, 0,
+     "example.com\n", {}, nullptr},
+    {"remove_suffix_of_last_line_without_newline", "a.x\nb.x", {".x"}, 2, 1,
+     0, "", {}, nullptr},
+    {"remove_substring", "=ab-c:x\n=cd-e:x\n+ab-:y\n", {"ab-"}, 2, 2, 0,
+     "=cd-e:x\n", {}, nullptr},
+    {"match_with_unknown_how_copies", "a\nb", {"a"}, 2, 3, 0, "a\nb", {},
+     nullptr},
+    // Each string tried before the first match writes the line once more.
+    {"match_list_repeats_lines", "a\nb\n", {"zzz", "yyy", "b"}, 2, 0, 0,
+     "a\na\na\nb\nb\n", {}, nullptr},
+    {"unknown_op", "old\n", {"new"}, 3, 0, 0, "old\n", {}, nullptr},
+
+    {"missing_prepend", {}, {"new"}, 0, 0, 1, {}, "new\n",
+     "Unable to open file "},
+    {"missing_append_creates", {}, {"new"}, 0, 1, 0, "new\n", {}, nullptr},
+    {"missing_add_with_unknown_how", {}, {"new"}, 0, 2, 0, {}, {}, nullptr},
+    {"missing_remove", {}, {"new"}, 1, 1, 1, {}, {}, nullptr},
+    {"missing_remove_by_match", {}, {"new"}, 2, 2, 1, {}, {},
+     "Unable to open file "},
+    {"missing_unknown_op", {}, {"new"}, 3, 0, 0, {}, {}, nullptr},
+};
+
+class FileStringsTest : public testing::TestWithParam<EditCase> {};
+
+TEST_P(FileStringsTest, Edits) {
+  const EditCase& c = GetParam();
+  ScratchDir dir;
+  std::string path = dir.path("file");
+  if (c.before)
+    write_file(path, *c.before);
+
+  auto run = CaptureStreams([&] { return edit(path, c.lines, c.op, c.how); });
+
+  EXPECT_EQ(c.result, run.result);
+  EXPECT_EQ(c.after, contents_of(path));
+  EXPECT_EQ(c.temp_after, contents_of(path + ".tmp"));
+  if (c.message) {
+    EXPECT_NE(std::string::npos, run.err.find(c.message + path)) << run.err;
+  } else {
+    EXPECT_EQ("", run.err);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, FileStringsTest, testing::ValuesIn(kEditCases),
+                         [](const testing::TestParamInfo<EditCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST(FileStringsLongLineTest, LongLineIsNeverEqualToAGivenLine) {
+  ScratchDir dir;
+  std::string path = dir.path("file");
+  const std::string longest(5000, 'x');
+  write_file(path, "short\n" + longest + "\ntail\n");
+  // Read in pieces, the long line matches neither itself nor a short line.
+  EXPECT_EQ(0, edit(path, {"x", longest.c_str(), "short"}, 1, 1));
+  EXPECT_EQ(longest + "\ntail\n", read_file(path));
+}
+
+// Every rewrite gives the file back its owner, group and mode.
+TEST(FileStringsAttributesTest, RewriteKeepsOwnerAndMode) {
+  const struct {
+    int op, how;
+  } edits[] = {{0, 0}, {0, 1}, {1, 1}, {2, 0}, {2, 1}, {2, 2}};
+  const Attributes popuser{110, 110, 0640};
+  for (const auto& e : edits) {
+    SCOPED_TRACE(testing::Message() << "op " << e.op << " how " << e.how);
+    ScratchDir dir;
+    std::string path = dir.path("assign");
+    write_file(path, "keep\ndrop\n");
+    set_attributes(path, popuser);
+    EXPECT_EQ(0, edit(path, {"drop"}, e.op, e.how));
+    EXPECT_EQ(popuser, attributes_of(path));
+  }
+}
+
+TEST(FileStringsLockTest, MissingLockDirectoryFailsEveryEdit) {
+  ScratchDir dir;
+  std::string path = dir.path("rcpthosts");
+  LockDirHidden hidden;
+  ASSERT_TRUE(hidden.ok());
+  auto run = CaptureStreams([&] { return file_str(path.c_str(), "a", 0, 1); });
+  EXPECT_EQ(1, run.result);
+  EXPECT_FALSE(exists(path));
+  EXPECT_NE(std::string::npos,
+            run.err.find("Unable to open file \"/run/lock/files/"))
+      << run.err;
+  EXPECT_NE(std::string::npos,
+            run.err.find("Error occurred while locking the file " + path +
+                         ": No such file or directory\n"))
+      << run.err;
+}
+
+TEST(FileStringsLockTest, UnreadablePathKeepsTheLock) {
+  ScratchDir dir;
+  write_file(dir.path("plain"), "");
+  std::string path = dir.path("plain/file");  // stat fails with ENOTDIR
+  auto run = CaptureStreams([&] { return file_str(path.c_str(), "a", 1, 1); });
+  EXPECT_EQ(1, run.result);
+  EXPECT_NE(std::string::npos,
+            run.err.find("file_str: Unable to stat file " + path))
+      << run.err;
+  lock_handle* attempt = mk_nonblock_lock(path.c_str(), 1);
+  EXPECT_TRUE(is_already_locked(attempt));
+  free_lock(attempt);
+}
+
+// Several processes keep their own lines in one file at the same time with
+// the callers' idiom: remove, then append or prepend. No edit may be lost.
+const int kWorkers = 6;
+const int kOperations = 200;
+const int kLinesPerWorker = 8;
+
+struct Step {
+  std::string line;
+  enum { kRemove, kAppend, kPrepend } action;
+};
+
+Step step_of(int worker, int i) {
+  unsigned r = (worker + 1) * 2654435761u ^ (i * 40503u);
+  r ^= r >> 13;
+  std::ostringstream line;
+  line << "=w" << worker << "-line" << (r % kLinesPerWorker)
+       << ":popuser:110:110:/var/qmail/mailnames/x:::";
+  return {line.str(), static_cast<decltype(Step::action)>((r >> 5) % 3)};
+}
+
+std::set<std::string> expected_lines(int worker) {
+  std::set<std::string> present;
+  for (int i = 0; i < kOperations; ++i) {
+    Step s = step_of(worker, i);
+    if (s.action == Step::kRemove)
+      present.erase(s.line);
+    else
+      present.insert(s.line);
+  }
+  return present;
+}
+
+int run_worker(const std::string& path, int worker) {
+  for (int i = 0; i < kOperations; ++i) {
+    Step s = step_of(worker, i);
+    if (file_str(path.c_str(), s.line.c_str(), 1, 1) != 0)
+      return 1;
+    if (s.action != Step::kRemove &&
+        file_str(path.c_str(), s.line.c_str(), 0,
+                 s.action == Step::kAppend ? 1 : 0) != 0)
+      return 1;
+  }
+  return 0;
+}
+
+TEST(FileStringsConcurrencyTest, ParallelEditsLoseNothing) {
+  ScratchDir dir;
+  std::string path = dir.path("assign");
+  write_file(path, ".\n");
+  std::vector<pid_t> children;
+  for (int w = 0; w < kWorkers; ++w) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0)
+      _exit(run_worker(path, w));
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+
+  std::map<int, std::multiset<std::string>> found;
+  std::istringstream text(read_file(path));
+  std::string line;
+  int others = 0;
+  while (std::getline(text, line)) {
+    if (line.rfind("=w", 0) == 0)
+      found[line[2] - '0'].insert(line);
+    else
+      ++others;
+  }
+  EXPECT_EQ(1, others);  // the "." line nobody touched
+  for (int w = 0; w < kWorkers; ++w) {
+    std::set<std::string> expected = expected_lines(w);
+    EXPECT_EQ(std::multiset<std::string>(expected.begin(), expected.end()),
+              found[w])
+        << "worker " << w;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+#include "qmail/lock.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <new>
+
+#include "util/log.h"
+
+const char* const kLockDir = "/run/lock/files";
+
+namespace {
+
+// The lock file for `path`: kLockDir/<md5 of the path in lower-case hex>.
+// Null when the digest or the name cannot be made.
+char* lock_file_for(const char* path) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int digest_length = 0;
+  if (EVP_Digest(path, strlen(path), digest, &digest_length, EVP_md5(),
+                 nullptr) != 1)
+    return nullptr;
+  char hex[2 * EVP_MAX_MD_SIZE + 1];
+  for (unsigned int i = 0; i < digest_length; ++i)
+    snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  hex[2 * digest_length] = '\0';
+  char* name = nullptr;
+  if (asprintf(&name, "%s/%s", kLockDir, hex) < 0)
+    return nullptr;
+  return name;
+}
+
+char* copy_of(const char* path) {
+  char* name = nullptr;
+  if (asprintf(&name, "%s", path) < 0)
+    return nullptr;
+  return name;
+}
+
+// flock() that is not cut short by a signal delivered while waiting.
+int flock_retrying(int fd, int operation) {
+  int result;
+  do {
+    result = flock(fd, operation);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+}  // namespace
+
+lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
+                      int use_lock_dir) {
+  lock_handle* handle = new (std::nothrow) lock_handle;
+  if (!handle)
+    return nullptr;
+  handle->path.reset(use_lock_dir ? lock_file_for(path) : copy_of(path));
+  if (!handle->path) {
+    errno = ENOMEM;
+    return handle;
+  }
+
+  // Close-on-exec: a child that outlived us must not keep the lock held.
+  int fd = open(handle->path.get(), open_flags | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    int saved = errno;
+    messlog2(0, 0, "Unable to open file \"%s\": %s.", handle->path.get(),
+             strerror(saved));
+    errno = saved;
+    return handle;
+  }
+  if (flock_retrying(fd, flock_operation) != 0) {
+    int saved = errno;
+    close(fd);
+    // Someone else holds it and we were asked not to wait.
+    handle->descriptor = saved == EWOULDBLOCK ? 0 : -1;
+    errno = saved;
+    return handle;
+  }
+  handle->descriptor = fd;
+  return handle;
+}
+
+lock_handle* mk_lock(const char* path, int use_lock_dir) {
+  return mk_lock_(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX, use_lock_dir);
+}
+
+lock_handle* mk_nonblock_lock(const char* path, int use_lock_dir) {
+  return mk_lock_(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB,
+                  use_lock_dir);
+}
+
+int is_locked(const lock_handle* handle) {
+  return handle != nullptr && handle->descriptor > 0;
+}
+
+int is_already_locked(const lock_handle* handle) {
+  return handle == nullptr || handle->descriptor == 0;
+}
+
+int rm_lock(lock_handle* handle) {
+  if (!handle)
+    return -1;
+  int result = 0;
+  if (handle->descriptor > 0 && close(handle->descriptor) != 0) {
+    int saved = errno;  // callers report the same cause in their own words
+    messlog2(0, 0, "An error occured during closing '%s' file: %s\n",
+             handle->path ? handle->path.get() : "", strerror(saved));
+    errno = saved;
+    result = -1;
+  }
+  delete handle;
+  return result;
+}
+
+int free_lock(lock_handle* handle) { return rm_lock(handle); }
+
+namespace tavix {
+
+int ScopedLock::release() {
+  lock_handle* handle = handle_;
+  handle_ = nullptr;
+  return rm_lock(handle);
+}
+
+void ScopedLock::keep_until_exit() {
+  if (!handle_)
+    return;
+  handle_->descriptor = -1;  // rm_lock() now only frees; the lock stays
+  release();
+}
+
+}  // namespace tavix

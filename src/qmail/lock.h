@@ -1,0 +1,75 @@
+// Exclusive advisory locks that keep concurrent runs of the utility from
+// editing one file at the same time.
+//
+// A lock on a file F is an flock() on a separate lock file, so that renaming
+// a freshly written F over the old one does not drop the lock. The lock file
+// lives in kLockDir and is named by the MD5 of F's path exactly as spelled:
+// two spellings of one file are two different locks. Lock files are never
+// removed; releasing a lock only closes its descriptor.
+#ifndef DRAVNIK_QMAIL_LOCK_H_
+#define DRAVNIK_QMAIL_LOCK_H_
+
+#include "util/unique_free.h"
+
+extern const char* const kLockDir;  // "/run/lock/files", never created here
+
+// descriptor > 0: the lock is held; 0: a non-blocking attempt found it held
+// by someone else; < 0: the lock file could not be opened or locked.
+struct lock_handle {
+  int descriptor = -1;
+  tavix::unique_free<char> path;  // the lock file
+};
+
+// Exclusive lock on `path`, waiting as long as it takes. With
+// `use_lock_dir` 0 the lock file is `path` itself. Null only when the
+// handle cannot be allocated; any other failure gives a handle that is not
+// locked (errno tells why).
+lock_handle* mk_lock(const char* path, int use_lock_dir);
+// The same without waiting.
+lock_handle* mk_nonblock_lock(const char* path, int use_lock_dir);
+// The common worker: open(open_flags, 0644) and flock(flock_operation).
+lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
+                      int use_lock_dir);
+
+// 1 when `handle` holds its lock.
+int is_locked(const lock_handle* handle);
+// 1 when a non-blocking attempt found the lock taken (or there is no
+// handle at all).
+int is_already_locked(const lock_handle* handle);
+
+// Releases the lock and frees the handle. -1 for a null handle or a failed
+// close (reported), else 0.
+int rm_lock(lock_handle* handle);
+// rm_lock() for a handle whose lock was never obtained.
+int free_lock(lock_handle* handle);
+
+namespace tavix {
+
+// Owns a lock handle: whatever path leaves the scope releases the lock.
+class ScopedLock {
+ public:
+  explicit ScopedLock(lock_handle* handle) : handle_(handle) {}
+  ~ScopedLock() {
+    if (handle_)
+      rm_lock(handle_);
+  }
+  ScopedLock(const ScopedLock&) = delete;
+  ScopedLock& operator=(const ScopedLock&) = delete;
+
+  lock_handle* get() const { return handle_; }
+  bool locked() const { return is_locked(handle_) != 0; }
+
+  // Releases now, for callers that report a failed release; rm_lock()'s
+  // result.
+  int release();
+  // Frees the handle but leaves the lock file open, so that the lock stays
+  // held until the process ends.
+  void keep_until_exit();
+
+ private:
+  lock_handle* handle_;
+};
+
+}  // namespace tavix
+
+#endif  // DRAVNIK_QMAIL_LOCK_H_

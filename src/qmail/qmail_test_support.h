@@ -1,0 +1,219 @@
+// Helpers for the qmail back end's tests. These tests take real locks in
+// /run/lock/files and so run only inside the private test sandbox, where
+// that directory and /var/qmail belong to the test alone.
+#ifndef DRAVNIK_QMAIL_QMAIL_TEST_SUPPORT_H_
+#define DRAVNIK_QMAIL_QMAIL_TEST_SUPPORT_H_
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <ostream>
+#include <string>
+
+#include "util/test_support.h"
+
+namespace tavix {
+namespace test {
+
+// Refuses to run anywhere but in the sandbox, whose launcher keeps its
+// records in /run/sandbox: on a real host the tests would leave lock files
+// in the system's lock directory.
+class SandboxOnly : public testing::Environment {
+ public:
+  void SetUp() override {
+    struct stat info;
+    if (stat("/run/sandbox", &info) != 0)
+      GTEST_FAIL() << "run these tests through tests/sandbox.py (or ctest)";
+  }
+};
+inline testing::Environment* const kSandboxOnly =
+    testing::AddGlobalTestEnvironment(new SandboxOnly);
+
+// A fresh directory under /var/qmail (the sandbox's /tmp is read-only),
+// removed with everything in it at the end.
+class ScratchDir {
+ public:
+  ScratchDir() {
+    char name[] = "/var/qmail/dravnik-test.XXXXXX";
+    if (mkdtemp(name) == nullptr)
+      ADD_FAILURE() << "mkdtemp under /var/qmail failed";
+    else
+      path_ = name;
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    if (!path_.empty())
+      std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+
+  std::string path(const std::string& relative) const {
+    return path_ + "/" + relative;
+  }
+
+ private:
+  std::string path_;
+};
+
+inline bool exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+struct Attributes {
+  uid_t uid;
+  gid_t gid;
+  mode_t mode;
+  bool operator==(const Attributes& other) const {
+    return uid == other.uid && gid == other.gid && mode == other.mode;
+  }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Attributes& a) {
+  return out << a.uid << ":" << a.gid << " " << std::oct << a.mode << std::dec;
+}
+
+inline Attributes attributes_of(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) {
+    ADD_FAILURE() << "stat " << path;
+    return {0, 0, 0};
+  }
+  return {info.st_uid, info.st_gid, info.st_mode & 07777};
+}
+
+inline void set_attributes(const std::string& path, const Attributes& a) {
+  ASSERT_EQ(0, chown(path.c_str(), a.uid, a.gid)) << path;
+  ASSERT_EQ(0, chmod(path.c_str(), a.mode)) << path;
+}
+
+// Hides /run/lock/files while alive, as on a system whose run-time
+// directories were not set up: an empty file system is mounted over
+// /run/lock in a mount namespace of this process's own.
+class LockDirHidden {
+ public:
+  LockDirHidden() {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/run/lock", "tmpfs", 0, "mode=0755") != 0) {
+      ADD_FAILURE() << "cannot hide /run/lock/files: " << strerror(errno);
+      return;
+    }
+    mounted_ = true;
+  }
+  ~LockDirHidden() {
+    if (mounted_ && umount("/run/lock") != 0)
+      ADD_FAILURE() << "umount /run/lock: " << strerror(errno);
+  }
+  LockDirHidden(const LockDirHidden&) = delete;
+  LockDirHidden& operator=(const LockDirHidden&) = delete;
+
+  bool ok() const { return mounted_; }
+
+ private:
+  bool mounted_ = false;
+};
+
+// Sends one standard stream to a memory file while alive. (GoogleTest's own
+// capture needs a writable /tmp, which the sandbox does not have.)
+class StreamCapture {
+ public:
+  explicit StreamCapture(int target) : target_(target) {
+    fflush(stdout);
+    fflush(stderr);
+    memory_ = memfd_create("captured", MFD_CLOEXEC);
+    saved_ = dup(target);
+    if (memory_ < 0 || saved_ < 0 || dup2(memory_, target) < 0)
+      ADD_FAILURE() << "cannot capture descriptor " << target;
+  }
+  ~StreamCapture() { finish(); }
+  StreamCapture(const StreamCapture&) = delete;
+  StreamCapture& operator=(const StreamCapture&) = delete;
+
+  // Puts the stream back and returns what was written to it.
+  std::string finish() {
+    std::string text;
+    if (saved_ < 0)
+      return text;
+    fflush(stdout);
+    fflush(stderr);
+    dup2(saved_, target_);
+    close(saved_);
+    saved_ = -1;
+    char block[4096];
+    ssize_t got;
+    lseek(memory_, 0, SEEK_SET);
+    while ((got = read(memory_, block, sizeof(block))) > 0)
+      text.append(block, got);
+    close(memory_);
+    return text;
+  }
+
+ private:
+  int target_;
+  int memory_ = -1;
+  int saved_ = -1;
+};
+
+// Runs `body` with standard output and standard error captured. Assertions
+// belong outside the body.
+template <typename Body>
+Captured<decltype(std::declval<Body>()())> CaptureStreams(Body body) {
+  StreamCapture out(STDOUT_FILENO);
+  StreamCapture err(STDERR_FILENO);
+  auto result = body();
+  std::string err_text = err.finish();
+  std::string out_text = out.finish();
+  return {result, out_text, err_text};
+}
+
+struct ChildOutcome {
+  int status;          // as waitpid() gives it
+  std::string output;  // standard output and error together
+};
+
+// Runs `body` in a child process, for code that ends the process.
+template <typename Body>
+ChildOutcome RunInChild(Body body) {
+  int pipe_fds[2];
+  if (pipe(pipe_fds) != 0) {
+    ADD_FAILURE() << "pipe";
+    return {-1, ""};
+  }
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(pipe_fds[1], STDOUT_FILENO);
+    dup2(pipe_fds[1], STDERR_FILENO);
+    close(pipe_fds[0]);
+    close(pipe_fds[1]);
+    body();
+    fflush(nullptr);
+    _exit(0);
+  }
+  close(pipe_fds[1]);
+  ChildOutcome outcome{-1, ""};
+  char block[4096];
+  ssize_t got;
+  while ((got = read(pipe_fds[0], block, sizeof(block))) > 0)
+    outcome.output.append(block, got);
+  close(pipe_fds[0]);
+  if (pid < 0 || waitpid(pid, &outcome.status, 0) != pid)
+    ADD_FAILURE() << "fork or waitpid";
+  return outcome;
+}
+
+}  // namespace test
+}  // namespace tavix
+
+#endif  // DRAVNIK_QMAIL_QMAIL_TEST_SUPPORT_H_
