@@ -10,6 +10,7 @@
 
 #include "commands/commands.h"
 #include "commands/usage.h"
+#include "mailauth/auth_db.h"
 #include "util/error_stream.h"
 #include "util/traceback.h"
 #include "util/unique_free.h"
@@ -76,10 +77,9 @@ int do_main(int argc, char** argv) {
   if (found == commands.end())
     cmd::wrongUsage("invalid command " + word);
 
-  // Every known command, help included, is to run with authentication
-  // database style 0: mailAuthDBSelectStyle(0) belongs here, once per run and
-  // only for a known command word. The authentication database is not part of
-  // this build yet.
+  // Every known command, help included, works on the qmail-style
+  // authentication database.
+  mailAuthDBSelectStyle(0);
 
   return found->second(argc - 1, argv + 1);
 }

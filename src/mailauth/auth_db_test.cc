@@ -1,0 +1,235 @@
+// These tests create the database at its real paths and change owners, so
+// they run as root inside a private sandbox, never on the host.
+#include "mailauth/auth_db.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "mailauth/auth_records.h"
+#include "mailauth/sqlite_test_support.h"
+#include "util/test_support.h"
+#include "util/unique_free.h"
+
+namespace {
+
+using tavix::test::LogRecorder;
+using tavix::test::QueryRows;
+using tavix::test::read_file;
+using tavix::test::Rows;
+
+const char kQmailDB[] = "/var/lib/tavix/mail/auth/passwd.db";
+const char kQmailKey[] = "/var/lib/tavix/mail/auth/passwd_db_key";
+const char kPostfixDB[] = "/var/spool/postfix/tavix/passwd.db";
+const char kPostfixKey[] = "/var/spool/postfix/tavix/passwd_db_key";
+const char kScratch[] = "/var/lib/tavix/scratch";
+
+struct Attributes {
+  uid_t uid;
+  gid_t gid;
+  mode_t mode;
+  bool operator==(const Attributes& o) const {
+    return uid == o.uid && gid == o.gid && mode == o.mode;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Attributes& a) {
+  return out << a.uid << ":" << a.gid << " " << std::oct << a.mode << std::dec;
+}
+
+Attributes AttributesOf(const std::string& path) {
+  struct stat st = {};
+  EXPECT_EQ(0, stat(path.c_str(), &st)) << path;
+  return {st.st_uid, st.st_gid, st.st_mode & 07777};
+}
+
+gid_t NofilesGroup() {
+  const struct group* nofiles = getgrnam("nofiles");
+  EXPECT_NE(nullptr, nofiles) << "the sandbox defines the group nofiles";
+  return nofiles ? nofiles->gr_gid : 0;
+}
+
+class AuthDBTest : public testing::Test {
+ protected:
+  void SetUp() override { mailAuthDBSelectStyle(0); }
+  void TearDown() override { mailAuthDBSelectStyle(0); }
+
+  LogRecorder log_;
+};
+
+// Each style gives database, directory and key their own owners and modes.
+TEST_F(AuthDBTest, InitStyleCreatesDatabaseAndKeyWithTheirAccess) {
+  const gid_t nofiles = NofilesGroup();
+  struct Case {
+    int style;
+    const char* db;
+    const char* key;
+    Attributes db_attr;
+    Attributes dir_attr;
+    Attributes key_attr;
+  } const cases[] = {
+      {0, kQmailDB, kQmailKey, {0, nofiles, 0640}, {0, nofiles, 0750}, {0, nofiles, 0440}},
+      // Any other style keeps the paths it finds.
+      {7, "/var/lib/tavix/other/passwd.db", "/var/lib/tavix/other/passwd_db_key",
+       {0, 0, 0600}, {0, 0, 0750}, {0, 0, 0400}},
+  };
+  for (const Case& c : cases) {
+    mailAuthDBSetPath(c.db);
+    mailAuthKeySetPath(c.key);
+    ASSERT_EQ(0, mailAuthDBInitStyle(c.style)) << c.style;
+    EXPECT_STREQ(c.db, mailAuthDB);
+    EXPECT_STREQ(c.key, mailAuthKey);
+
+    std::string dir(c.db);
+    dir.erase(dir.rfind('/'));
+    EXPECT_EQ(c.db_attr, AttributesOf(c.db)) << c.style;
+    EXPECT_EQ(c.dir_attr, AttributesOf(dir)) << c.style;
+    EXPECT_EQ(c.key_attr, AttributesOf(c.key)) << c.style;
+    EXPECT_EQ(32u, read_file(c.key).size());
+    EXPECT_EQ((Rows{{"domains"}, {"users"}}),
+              QueryRows(c.db, "SELECT name FROM sqlite_master WHERE type = 'table' "
+                              "AND name NOT LIKE 'sqlite_%' ORDER BY name"));
+  }
+}
+
+TEST_F(AuthDBTest, ReinitialisingStartsAfresh) {
+  ASSERT_EQ(0, mailAuthDBInitStyle(0));
+  ASSERT_EQ(0, mailAuthSet("john", "example.com", "secret", 0));
+  const std::string old_key = read_file(kQmailKey);
+
+  ASSERT_EQ(0, mailAuthDBInitStyle(0));
+  EXPECT_TRUE(QueryRows(kQmailDB, "SELECT * FROM users").empty());
+  EXPECT_TRUE(QueryRows(kQmailDB, "SELECT * FROM domains").empty());
+  EXPECT_EQ(32u, read_file(kQmailKey).size());
+  EXPECT_NE(old_key, read_file(kQmailKey));
+  EXPECT_EQ(0440u, AttributesOf(kQmailKey).mode);
+}
+
+TEST_F(AuthDBTest, StylesSelectPaths) {
+  struct Case {
+    int style;
+    const char* db;
+    const char* key;
+  } const cases[] = {
+      {2, "/custom/db", "/custom/key"},
+      {-1, "/custom/db", "/custom/key"},
+      {1, kPostfixDB, kPostfixKey},
+      {0, kQmailDB, kQmailKey},
+  };
+  for (const Case& c : cases) {
+    mailAuthDBSetPath("/custom/db");
+    mailAuthKeySetPath("/custom/key");
+    mailAuthDBSelectStyle(c.style);
+    EXPECT_STREQ(c.db, mailAuthDB) << c.style;
+    EXPECT_STREQ(c.key, mailAuthKey) << c.style;
+  }
+  tavix::unique_free<char> key(mailAuthDBToKeyPath("/var/spool/postfix/tavix/passwd.db"));
+  EXPECT_STREQ(kPostfixKey, key.get());
+}
+
+TEST_F(AuthDBTest, SetAccessRefusesADatabaseOutsideADirectory) {
+  for (const char* path : {"/passwd.db", "passwd.db"}) {
+    mailAuthDBSetPath(path);
+    EXPECT_EQ(-1, mailAuthDBSetAccess(0, 0, 0600, 0, 0, 0750)) << path;
+    EXPECT_TRUE(LogRecorder::Has(LOG_CRIT,
+                                 std::string("Invalid mail authentication DB path ") + path));
+  }
+}
+
+// The directory is set first; a missing database file then fails the call.
+TEST_F(AuthDBTest, SetAccessReportsTheFirstFailure) {
+  const std::string dir = std::string(kScratch) + "/access";
+  const std::string db = dir + "/missing.db";
+  ASSERT_EQ(0, createDBPath(db.c_str()));
+  mailAuthDBSetPath(db.c_str());
+  EXPECT_EQ(-1, mailAuthDBSetAccess(0, 0, 0600, 0, NofilesGroup(), 0710));
+  EXPECT_EQ((Attributes{0, NofilesGroup(), 0710}), AttributesOf(dir));
+  EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "chown(\"" + db + "\", 0, 0) failed: No such file or "
+                                         "directory"));
+}
+
+// Style 1 needs the postfix account and spool, which this machine lacks.
+TEST_F(AuthDBTest, PostfixStyleFailsCleanlyWithoutPostfix) {
+  EXPECT_EQ(-1, mailAuthDBInitStyle(1));
+  EXPECT_STREQ(kPostfixDB, mailAuthDB);
+  bool reported = false;
+  for (const auto& line : LogRecorder::lines())
+    reported = reported || line.priority == LOG_CRIT;
+  EXPECT_TRUE(reported);
+}
+
+TEST_F(AuthDBTest, DirectoryCreationFailuresAreReported) {
+  const std::string blocker = std::string(kScratch) + "/file";
+  ASSERT_EQ(0, createDBPath(blocker.c_str()));
+  tavix::test::write_file(blocker, "in the way");
+  const std::string below = blocker + "/sub/db";
+
+  EXPECT_EQ(-1, createDBPath(below.c_str()));
+  EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "recursive mkdir(" + blocker + "/sub) failed: Not a "
+                                         "directory"));
+  EXPECT_EQ(-1, sqlite_create_db_path(below.c_str(), "Mail Handlers"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "Unable to create directories for Mail Handlers "
+                                         "database (" + blocker + "/sub): Not a directory (20)"));
+}
+
+// Unlike the authentication database, a generic one is not deleted first.
+TEST_F(AuthDBTest, GenericCreationRunsTheScriptOnTheExistingFile) {
+  const std::string db = std::string(kScratch) + "/generic/handlers.db";
+  ASSERT_EQ(0, sqlite_create_db_path(db.c_str(), "Mail Handlers"));
+  ASSERT_EQ(0, sqlite_db_create(db.c_str(), "CREATE TABLE a (x); INSERT INTO a VALUES (1);",
+                                "Mail Handlers"));
+  ASSERT_EQ(0, sqlite_db_create(db.c_str(), "INSERT INTO a VALUES (2);", "Mail Handlers"));
+  EXPECT_EQ((Rows{{"1"}, {"2"}}), QueryRows(db, "SELECT x FROM a ORDER BY x"));
+
+  EXPECT_EQ(-1, sqlite_db_create(db.c_str(), "CREATE TABLE a (x);", "Mail Handlers"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unable to re-create Mail Handlers database: table a "
+                                        "already exists"));
+}
+
+TEST(FeatureLineTest, NamesTheMailServer) {
+  struct Case {
+    const char* line;
+    int style;
+    const char* logged;  // informational note, if any
+  } const cases[] = {
+      {"$features['SMTP_Server'] = \"QMAIL\";", 0, nullptr},
+      {"$features['SMTP_Server'] = 'postfix';", 1, nullptr},
+      {"$features['SMTP_Server']=\"Qmail\"", 0, nullptr},
+      // Only the value's length minus one counts.
+      {"$features['SMTP_Server'] = 'postfiX';", 1, nullptr},
+      {"$features['SMTP_Server'] = 'qmaiZ';", 0, nullptr},
+      {"$features['SMTP_Server'] = 'p';", 1, nullptr},
+      {"$features['SMTP_Server'] = 'exim';", -1, "Unknown server style \"exi\", skipped"},
+      {"$features['SMTP_Server'] = '';", -1, "Unknown server style \"\", skipped"},
+      {"$features['SMTP_Server'] = qmail;", -1,
+       "Unparseable line \"$features['SMTP_Server'] = qmail;\", skipped"},
+      {"$features['SMTP_Server'] = 'qmail", -1,
+       "Unparseable line \"$features['SMTP_Server'] = 'qmail\", skipped"},
+      {"$features['SMTP_Server'] = '", -1,
+       "Unparseable line \"$features['SMTP_Server'] = '\", skipped"},
+      {"$features['IMAP_Server'] = 'qmail';", -1, nullptr},
+      {" $features['SMTP_Server'] = 'qmail';", -1, nullptr},
+  };
+  for (const Case& c : cases) {
+    LogRecorder log;
+    EXPECT_EQ(c.style, mailAuthDBStyleFromFeatureLine(c.line)) << c.line;
+    if (c.logged)
+      EXPECT_TRUE(LogRecorder::Has(LOG_INFO, c.logged)) << c.line;
+    else
+      EXPECT_TRUE(LogRecorder::lines().empty()) << c.line;
+  }
+}
+
+// No server program is installed here, so there is nothing to decide by.
+TEST(DetectStyleTest, WithoutTheServerProgramNothingIsDecided) {
+  LogRecorder log;
+  EXPECT_EQ(-1, mailAuthDBDetectStyle());
+  EXPECT_TRUE(LogRecorder::Has(
+      LOG_INFO, "Unable to determine mail server type from ``dravnik-server --features''"));
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+#include "mailauth/base64.h"
+
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "util/unique_free.h"
+
+namespace {
+
+using tavix::unique_free;
+
+std::string Encode(const std::string& bytes) {
+  unique_free<char> text(b64_encode(reinterpret_cast<const unsigned char*>(bytes.data()),
+                                    bytes.size()));
+  return text ? text.get() : "<null>";
+}
+
+std::string Decode(const std::string& text) {
+  size_t len = 12345;
+  unique_free<unsigned char> bytes(b64_decode(text.c_str(), &len));
+  if (!bytes) return "<null>";
+  EXPECT_EQ(bytes.get()[len], 0) << "decoded data must be NUL-terminated";
+  return std::string(reinterpret_cast<const char*>(bytes.get()), len);
+}
+
+TEST(Base64Test, Rfc4648Vectors) {
+  const struct {
+    const char* plain;
+    const char* encoded;
+  } cases[] = {
+      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Encode(c.plain), c.encoded);
+    EXPECT_EQ(Decode(c.encoded), c.plain);
+    unique_free<char> text(b64_encode_cstr(c.plain));
+    EXPECT_STREQ(text.get(), c.encoded);
+    unique_free<char> plain(b64_decode_cstr(c.encoded));
+    EXPECT_STREQ(plain.get(), c.plain);
+  }
+}
+
+TEST(Base64Test, EveryByteValueRoundTripsWithoutLineBreaks) {
+  std::string bytes;
+  for (int i = 0; i < 256; ++i) bytes += static_cast<char>(255 - i);
+  for (size_t len : {1, 2, 3, 62, 63, 64, 255, 256}) {
+    const std::string text = Encode(bytes.substr(0, len));
+    EXPECT_EQ(text.size(), (len + 2) / 3 * 4);
+    EXPECT_EQ(text.find_first_not_of(
+                  "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/="),
+              std::string::npos);
+    EXPECT_EQ(Decode(text), bytes.substr(0, len));
+  }
+}
+
+TEST(Base64Test, EncodesInPlace) {
+  char buf[9] = "foobar";
+  base64Encode(reinterpret_cast<unsigned char*>(buf), 6, buf);
+  EXPECT_STREQ(buf, "Zm9vYmFy");
+  char partial[9] = "foob";
+  base64Encode(reinterpret_cast<unsigned char*>(partial), 4, partial);
+  EXPECT_STREQ(partial, "Zm9vYg==");
+}
+
+TEST(Base64Test, DecodingNeverFails) {
+  const struct {
+    const char* text;
+    const char* bytes;
+    size_t len;
+  } cases[] = {
+      {"=", "", 0},
+      {"==", "", 0},
+      {"Zg=", "", 0},             // one padding character but no whole group
+      {"Zm9vYg", "foo", 3},       // an unpadded tail is left over
+      {"Zm9v\n", "foo", 3},
+      {"****", "\xFF\xFF\xFF", 3},  // foreign bytes count as 255
+      {"A***", "\x0F\xFF\xFF", 3},
+      {"Zm 9", "f\x7F\xFD", 3},
+      {"Z\x80==", "o", 1},
+  };
+  for (const auto& c : cases) {
+    unsigned char out[8];
+    EXPECT_EQ(base64Decode(c.text, out), c.len) << c.text;
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(out), c.len), std::string(c.bytes, c.len))
+        << c.text;
+  }
+}
+
+TEST(Base64Test, ArrayDecodingStopsAtTheGivenLength) {
+  unsigned char out[8];
+  ASSERT_EQ(base64ArrayDecode("Zm9vYmFy", 4, out), 3u);
+  EXPECT_EQ(std::memcmp(out, "foo", 3), 0);
+}
+
+}  // namespace

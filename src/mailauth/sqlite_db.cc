@@ -1,0 +1,87 @@
+#include "mailauth/sqlite_db.h"
+
+#include <errno.h>
+#include <time.h>
+
+namespace tavix {
+namespace sqlite {
+
+int busy_sleep(unsigned attempt) {
+  long long delay = static_cast<long long>(attempt) * kBusyDelayStepNs;
+  struct timespec pause;
+  pause.tv_sec = static_cast<time_t>(delay / 1000000000LL);
+  pause.tv_nsec = static_cast<long>(delay % 1000000000LL);
+  return nanosleep(&pause, nullptr) == 0 ? 0 : -1;
+}
+
+const char* errmsg(sqlite3* db) {
+  return db ? sqlite3_errmsg(db) : "general DB errror";
+}
+
+int Database::open(const char* path) {
+  return open_with(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                   "Unable to open database %s: %s");
+}
+
+int Database::open_readonly(const char* path) {
+  return open_with(path, SQLITE_OPEN_READONLY, "Unable to open database(readonly) %s: %s");
+}
+
+int Database::open_with(const char* path, int flags, const char* failure_format) {
+  close();
+  if (sqlite3_open_v2(path, &db_, flags, nullptr) != SQLITE_OK) {
+    tavix_log(LOG_ERR, failure_format, path, errmsg());
+    close();
+    return -1;
+  }
+  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+  return 0;
+}
+
+int Database::exec(const char* sql, std::string* message) {
+  message->clear();
+  int rc = retry_while_busy([&] {
+    char* text = nullptr;
+    int result = sqlite3_exec(db_, sql, nullptr, nullptr, &text);
+    // Only the last attempt's message is of interest.
+    message->assign(text ? text : "");
+    sqlite3_free(text);
+    return result;
+  });
+  return rc;
+}
+
+int Database::close() {
+  if (!db_)
+    return SQLITE_OK;
+  int rc = retry_while_busy([&] { return sqlite3_close(db_); });
+  // A close that failed for good leaves the handle to the process's end;
+  // using it again would be worse than leaking it.
+  db_ = nullptr;
+  return rc;
+}
+
+int Statement::prepare(Database& db, const char* sql) {
+  if (prepare_quietly(db, sql) == SQLITE_OK)
+    return 0;
+  return fail("Unable to prepare SQL statement for query '%s': %s", sql);
+}
+
+int Statement::prepare_quietly(Database& db, const char* sql) {
+  sqlite3_finalize(stmt_);
+  stmt_ = nullptr;
+  db_ = db.get();
+  return retry_while_busy([&] { return sqlite3_prepare_v2(db_, sql, -1, &stmt_, nullptr); });
+}
+
+int Statement::step() {
+  return retry_while_busy([&] {
+    int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_BUSY)
+      sqlite3_reset(stmt_);
+    return rc;
+  });
+}
+
+}  // namespace sqlite
+}  // namespace tavix

@@ -1,0 +1,164 @@
+// SQLite access shared by the program's databases: owners of a connection
+// and of a prepared statement, and the busy rule.
+//
+// Several runs of the utility (and the mail server's authentication side)
+// use a database at the same time, so every exec, prepare, step and close
+// that SQLite answers with SQLITE_BUSY is tried again, without limit, after
+// a short sleep that grows with each attempt. The only way out of a busy
+// wait is a signal interrupting the sleep; the operation then gives -1,
+// which no SQLite result code equals.
+#ifndef DRAVNIK_MAILAUTH_SQLITE_DB_H_
+#define DRAVNIK_MAILAUTH_SQLITE_DB_H_
+
+#include <sqlite3.h>
+#include <syslog.h>
+
+#include <string>
+
+#include "util/log.h"
+
+namespace tavix {
+namespace sqlite {
+
+// Set on every connection: SQLite itself waits this long for a lock before
+// answering SQLITE_BUSY.
+constexpr int kBusyTimeoutMs = 50;
+// Each retry sleeps this much longer than the one before; the first none.
+constexpr long kBusyDelayStepNs = 10000;
+
+// Sleeps before busy retry number `attempt` (0 for the first):
+// attempt * kBusyDelayStepNs. 0, or -1 when a signal cut the sleep short.
+int busy_sleep(unsigned attempt);
+
+// Calls `op` until it gives something other than SQLITE_BUSY, sleeping
+// before each retry; its last result, or -1 when a sleep was interrupted.
+template <class Op>
+int retry_while_busy(Op op) {
+  for (unsigned attempt = 0;; ++attempt) {
+    int rc = op();
+    if (rc != SQLITE_BUSY)
+      return rc;
+    if (busy_sleep(attempt) != 0)
+      return -1;
+  }
+}
+
+// SQLite's message for `db`, or "general DB errror" when there is no
+// connection to ask.
+const char* errmsg(sqlite3* db);
+
+// Owns a database connection; the destructor closes it under the busy rule.
+class Database {
+ public:
+  Database() = default;
+  ~Database() { close(); }
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  // Opens `path` for reading and writing, creating the file when missing.
+  // 0, or -1 after logging "Unable to open database ...".
+  int open(const char* path);
+  // Opens an existing `path` for reading only. 0, or -1 after logging
+  // "Unable to open database(readonly) ...".
+  int open_readonly(const char* path);
+
+  // sqlite3_exec() under the busy rule. On failure `*message` receives
+  // SQLite's text for it, empty when SQLite gave none.
+  int exec(const char* sql, std::string* message);
+
+  // Closes the connection under the busy rule: SQLITE_OK (also when none
+  // was open), or what the close gave.
+  int close();
+
+  sqlite3* get() const { return db_; }
+  const char* errmsg() const { return sqlite::errmsg(db_); }
+
+ private:
+  int open_with(const char* path, int flags, const char* failure_format);
+
+  sqlite3* db_ = nullptr;
+};
+
+// Owns a prepared statement; the destructor finalizes it. A Statement must
+// end before the Database it was prepared on, so that the close does not
+// find the connection busy with it: declare it after the Database.
+class Statement {
+ public:
+  Statement() = default;
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  // Prepares `sql` under the busy rule. 0, or -1 after logging "Unable to
+  // prepare SQL statement for query '<sql>': <SQLite's message>".
+  int prepare(Database& db, const char* sql);
+  // The same with the caller's report of a failure, see bind_text().
+  template <class... Args>
+  int prepare(Database& db, const char* sql, const char* format, Args... args) {
+    if (prepare_quietly(db, sql) == SQLITE_OK)
+      return 0;
+    return fail(format, args...);
+  }
+
+  // The binds give true, or false after logging `format` with `args`
+  // followed by SQLite's message: the format's last conversion is that
+  // message, so that each caller keeps its own wording.
+
+  // Binds text, SQL NULL for a null `value`.
+  template <class... Args>
+  bool bind_text(int index, const char* value, const char* format, Args... args) {
+    return bound(sqlite3_bind_text(stmt_, index, value, -1, SQLITE_TRANSIENT), format,
+                 args...);
+  }
+  // Binds the first `length` bytes of `value`.
+  template <class... Args>
+  bool bind_prefix(int index, const char* value, int length, const char* format,
+                   Args... args) {
+    return bound(sqlite3_bind_text(stmt_, index, value, length, SQLITE_TRANSIENT), format,
+                 args...);
+  }
+  template <class... Args>
+  bool bind_int(int index, sqlite3_int64 value, const char* format, Args... args) {
+    return bound(sqlite3_bind_int64(stmt_, index, value), format, args...);
+  }
+
+  // sqlite3_step() under the busy rule; a busy step is reset before it is
+  // tried again. SQLITE_ROW, SQLITE_DONE, an error code, or -1.
+  int step();
+
+  // Column access of the current row; text is null for SQL NULL and stays
+  // valid until the next step.
+  const char* column_text(int column) const {
+    return reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+  }
+  sqlite3_int64 column_int(int column) const { return sqlite3_column_int64(stmt_, column); }
+
+  // Logs at error level `format` with `args` followed by SQLite's message
+  // for this statement's connection; gives -1.
+  template <class... Args>
+  int fail(const char* format, Args... args) const {
+    tavix_log(LOG_ERR, format, args..., errmsg());
+    return -1;
+  }
+
+  const char* errmsg() const { return sqlite::errmsg(db_); }
+  sqlite3_stmt* get() const { return stmt_; }
+
+ private:
+  int prepare_quietly(Database& db, const char* sql);
+  template <class... Args>
+  bool bound(int rc, const char* format, Args... args) {
+    if (rc == SQLITE_OK)
+      return true;
+    fail(format, args...);
+    return false;
+  }
+
+  sqlite3* db_ = nullptr;
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+}  // namespace sqlite
+}  // namespace tavix
+
+#endif  // DRAVNIK_MAILAUTH_SQLITE_DB_H_

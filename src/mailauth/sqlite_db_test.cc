@@ -1,0 +1,183 @@
+#include "mailauth/sqlite_db.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/time.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "mailauth/sqlite_test_support.h"
+#include "util/test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using tavix::sqlite::Database;
+using tavix::sqlite::Statement;
+using tavix::test::LockHolder;
+using tavix::test::LogRecorder;
+using tavix::test::MillisecondsOf;
+using tavix::test::QueryRows;
+using tavix::test::Rows;
+using tavix::test::TempDir;
+
+TEST(BusySleepTest, DelayGrowsByTenMicrosecondsPerAttempt) {
+  EXPECT_EQ(0, tavix::sqlite::busy_sleep(0));
+  // Attempt 5000 waits 5000 * 10 us.
+  long long ms = MillisecondsOf([] { EXPECT_EQ(0, tavix::sqlite::busy_sleep(5000)); });
+  EXPECT_GE(ms, 50);
+  EXPECT_LT(ms, 1000);
+}
+
+void IgnoreSignal(int) {}
+
+TEST(BusySleepTest, InterruptedSleepEndsTheWait) {
+  struct sigaction action = {};
+  action.sa_handler = IgnoreSignal;  // no SA_RESTART: the sleep is cut short
+  struct sigaction saved;
+  ASSERT_EQ(0, sigaction(SIGALRM, &action, &saved));
+  struct itimerval timer = {};
+  timer.it_value.tv_usec = 20000;
+  ASSERT_EQ(0, setitimer(ITIMER_REAL, &timer, nullptr));
+
+  int result = 0;
+  // Attempt 100000 would sleep a whole second.
+  long long ms = MillisecondsOf([&] { result = tavix::sqlite::busy_sleep(100000); });
+  sigaction(SIGALRM, &saved, nullptr);
+
+  EXPECT_EQ(-1, result);
+  EXPECT_LT(ms, 900);
+}
+
+TEST(RetryWhileBusyTest, RepeatsOnlyBusyResults) {
+  int calls = 0;
+  int rc = tavix::sqlite::retry_while_busy([&] { return ++calls < 4 ? SQLITE_BUSY : SQLITE_OK; });
+  EXPECT_EQ(SQLITE_OK, rc);
+  EXPECT_EQ(4, calls);
+
+  calls = 0;
+  rc = tavix::sqlite::retry_while_busy([&] {
+    ++calls;
+    return SQLITE_LOCKED;
+  });
+  EXPECT_EQ(SQLITE_LOCKED, rc);
+  EXPECT_EQ(1, calls);
+}
+
+class SqliteDbTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = tmp_.path("test.db");
+    Database db;
+    ASSERT_EQ(0, db.open(path_.c_str()));
+    std::string message;
+    ASSERT_EQ(SQLITE_OK, db.exec("CREATE TABLE t (v TEXT); INSERT INTO t VALUES ('one');",
+                                 &message))
+        << message;
+  }
+
+  TempDir tmp_;
+  std::string path_;
+  LogRecorder log_;
+};
+
+TEST_F(SqliteDbTest, OpenFailuresAreReported) {
+  struct Case {
+    bool readonly;
+    std::string path;
+    std::string message;
+  } const cases[] = {
+      {false, tmp_.path("missing-dir/x.db"), "Unable to open database " + tmp_.path("missing-dir/x.db") + ": "},
+      {true, tmp_.path("missing.db"), "Unable to open database(readonly) " + tmp_.path("missing.db") + ": "},
+  };
+  for (const Case& c : cases) {
+    Database db;
+    EXPECT_EQ(-1, c.readonly ? db.open_readonly(c.path.c_str()) : db.open(c.path.c_str()));
+    EXPECT_EQ(nullptr, db.get());
+    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, c.message + "unable to open database file")) << c.path;
+  }
+}
+
+TEST_F(SqliteDbTest, PrepareFailureNamesTheQuery) {
+  Database db;
+  ASSERT_EQ(0, db.open(path_.c_str()));
+  Statement stmt;
+  EXPECT_EQ(-1, stmt.prepare(db, "SELECT v FROM nowhere"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR,
+                               "Unable to prepare SQL statement for query 'SELECT v FROM "
+                               "nowhere': no such table: nowhere"));
+  EXPECT_EQ(-1, stmt.prepare(db, "SELEC", "Custom %s report: %s", "prepare"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Custom prepare report: near \"SELEC\": syntax error"));
+}
+
+TEST_F(SqliteDbTest, BindFailureLogsTheCallersWordsAndSqlitesMessage) {
+  Database db;
+  ASSERT_EQ(0, db.open(path_.c_str()));
+  Statement stmt;
+  ASSERT_EQ(0, stmt.prepare(db, "SELECT v FROM t WHERE v = ?"));
+  EXPECT_TRUE(stmt.bind_text(1, "one", "unused %s"));
+  EXPECT_FALSE(stmt.bind_text(2, "x", "Unable to bind '%s' #%d: %s", "x", 2));
+  EXPECT_FALSE(stmt.bind_int(3, 7, "Unable to bind %d: %s", 7));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unable to bind 'x' #2: column index out of range"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unable to bind 7: column index out of range"));
+  ASSERT_EQ(SQLITE_ROW, stmt.step());
+  EXPECT_STREQ("one", stmt.column_text(0));
+}
+
+// Whatever was left half-done, the owners finalize and close: afterwards
+// another connection gets the exclusive lock at once.
+TEST_F(SqliteDbTest, OwnersReleaseTheDatabase) {
+  {
+    Database db;
+    ASSERT_EQ(0, db.open(path_.c_str()));
+    Statement stmt;
+    ASSERT_EQ(0, stmt.prepare(db, "SELECT v FROM t"));
+    ASSERT_EQ(SQLITE_ROW, stmt.step());  // a read is in progress
+  }
+  sqlite3* other = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(path_.c_str(), &other));
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE; COMMIT;", nullptr, nullptr, nullptr));
+  sqlite3_close(other);
+}
+
+// Each primitive waits for another connection's lock, well beyond SQLite's
+// own busy timeout, and then succeeds.
+TEST_F(SqliteDbTest, BusyOperationsWaitForTheLock) {
+  struct Case {
+    const char* name;
+    std::function<int(Database&)> run;
+    int expected;
+  } const cases[] = {
+      {"exec", [](Database& db) {
+         std::string message;
+         return db.exec("INSERT INTO t VALUES ('exec')", &message);
+       }, SQLITE_OK},
+      {"write step", [](Database& db) {
+         Statement stmt;
+         if (stmt.prepare(db, "INSERT INTO t VALUES ('step')") != 0)
+           return -2;
+         return stmt.step();
+       }, SQLITE_DONE},
+      {"read step", [](Database& db) {
+         Statement stmt;
+         if (stmt.prepare(db, "SELECT count(*) FROM t") != 0)
+           return -2;
+         return stmt.step();
+       }, SQLITE_ROW},
+  };
+  for (const Case& c : cases) {
+    Database db;
+    ASSERT_EQ(0, db.open(path_.c_str()));
+    LockHolder lock(path_, 200ms);
+    ASSERT_TRUE(lock.locked());
+    int rc = 0;
+    long long ms = MillisecondsOf([&] { rc = c.run(db); });
+    EXPECT_EQ(c.expected, rc) << c.name;
+    EXPECT_GE(ms, 150) << c.name;
+  }
+  EXPECT_EQ((Rows{{"3"}}), QueryRows(path_, "SELECT count(*) FROM t"));
+}
+
+}  // namespace
