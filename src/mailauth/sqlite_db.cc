@@ -52,6 +52,10 @@ int Database::exec(const char* sql, std::string* message) {
 }
 
 int Database::close() {
+  if (borrowed_) {
+    db_ = nullptr;
+    borrowed_ = false;
+  }
   if (!db_)
     return SQLITE_OK;
   int rc = retry_while_busy([&] { return sqlite3_close(db_); });
@@ -61,13 +65,13 @@ int Database::close() {
   return rc;
 }
 
-int Statement::prepare(Database& db, const char* sql) {
+int Statement::prepare(const Database& db, const char* sql) {
   if (prepare_quietly(db, sql) == SQLITE_OK)
     return 0;
   return fail("Unable to prepare SQL statement for query '%s': %s", sql);
 }
 
-int Statement::prepare_quietly(Database& db, const char* sql) {
+int Statement::prepare_quietly(const Database& db, const char* sql) {
   sqlite3_finalize(stmt_);
   stmt_ = nullptr;
   db_ = db.get();

@@ -66,8 +66,16 @@ class Database {
   // SQLite's text for it, empty when SQLite gave none.
   int exec(const char* sql, std::string* message);
 
+  // Works on a connection that someone else opened and will close:
+  // close() then only lets go of it.
+  void borrow(sqlite3* db) {
+    close();
+    db_ = db;
+    borrowed_ = true;
+  }
+
   // Closes the connection under the busy rule: SQLITE_OK (also when none
-  // was open), or what the close gave.
+  // was open, or it was borrowed), or what the close gave.
   int close();
 
   sqlite3* get() const { return db_; }
@@ -77,6 +85,7 @@ class Database {
   int open_with(const char* path, int flags, const char* failure_format);
 
   sqlite3* db_ = nullptr;
+  bool borrowed_ = false;
 };
 
 // Owns a prepared statement; the destructor finalizes it. A Statement must
@@ -91,10 +100,10 @@ class Statement {
 
   // Prepares `sql` under the busy rule. 0, or -1 after logging "Unable to
   // prepare SQL statement for query '<sql>': <SQLite's message>".
-  int prepare(Database& db, const char* sql);
+  int prepare(const Database& db, const char* sql);
   // The same with the caller's report of a failure, see bind_text().
   template <class... Args>
-  int prepare(Database& db, const char* sql, const char* format, Args... args) {
+  int prepare(const Database& db, const char* sql, const char* format, Args... args) {
     if (prepare_quietly(db, sql) == SQLITE_OK)
       return 0;
     return fail(format, args...);
@@ -145,7 +154,7 @@ class Statement {
   sqlite3_stmt* get() const { return stmt_; }
 
  private:
-  int prepare_quietly(Database& db, const char* sql);
+  int prepare_quietly(const Database& db, const char* sql);
   template <class... Args>
   bool bound(int rc, const char* format, Args... args) {
     if (rc == SQLITE_OK)

@@ -1,0 +1,123 @@
+#include "handlers/mail_handlers.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "handlers/mh_test_support.h"
+#include "mailauth/sqlite_test_support.h"
+#include "util/test_support.h"
+
+namespace {
+
+using tavix::test::HandlersDB;
+using tavix::test::LogRecorder;
+using tavix::test::QueryRows;
+using tavix::test::Rows;
+using tavix::test::TempDir;
+using tavix::test::Walk;
+
+TEST(GlobalRecipientTest, OnlyTheTwoAllFormsOrNothingAreAccepted) {
+  LogRecorder log;
+  const char all[] = "all";
+  const char all_recipients[] = "all-recipients";
+  struct Case {
+    const char* address;
+    const char* expected;  // null: rejected
+  } const cases[] = {
+      {nullptr, "all"}, {"", "all"}, {all, all}, {all_recipients, all_recipients},
+      {"ALL", nullptr}, {"all-recipients ", nullptr}, {"user@example.com", nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.address ? c.address : "(null)");
+    LogRecorder::lines().clear();
+    const char* result = validate_global_handler_recipient(c.address);
+    if (!c.expected) {
+      EXPECT_EQ(nullptr, result);
+      EXPECT_TRUE(LogRecorder::Has(LOG_ERR,
+                                   "Incorrect recipient address for global handler, expected "
+                                   "[NULL|EMPTY_STRING|all|all-recipients]"));
+      continue;
+    }
+    ASSERT_NE(nullptr, result);
+    EXPECT_STREQ(c.expected, result);
+    // An accepted argument is handed back itself, not a copy.
+    if (c.address && *c.address) {
+      EXPECT_EQ(c.address, result);
+    }
+  }
+}
+
+TEST(HandlerListTest, HoldsCopiesNewestFirst) {
+  tavix::handlers::ScopedList list;
+  tavix::handlers::Record rec(mh_data_init());
+  ASSERT_TRUE(rec);
+  for (const char* name : {"first", "second", "third"}) {
+    ASSERT_TRUE(tavix::handlers::set_text(&rec->name, name));
+    rec->priority++;
+    ASSERT_EQ(0, mh_list_add(list.get(), rec.get()));
+  }
+  ASSERT_TRUE(tavix::handlers::set_text(&rec->name, "changed after adding"));
+
+  // The null context stays null in the copies.
+  EXPECT_EQ((std::vector<std::string>{"third 3", "second 2", "first 1"}),
+            Walk(list.get(), [](const mh_data& d) {
+              return std::string(d.name) + (d.context ? " context!" : " ") +
+                     std::to_string(d.priority);
+            }));
+  // Every node knows the pointer that points at it.
+  mh_list_node** link = &list.get()->head;
+  for (mh_list_node* node = list.get()->head; node; node = node->next) {
+    EXPECT_EQ(link, node->prev);
+    link = &node->next;
+  }
+}
+
+TEST(HandlersDBTest, CreatedSchemaIsTheScript) {
+  LogRecorder log;
+  HandlersDB db;  // in a directory that did not exist yet
+  Rows expected = {
+      {"CREATE TABLE handlers (queue INTEGER, type INTEGER, enabled BOOLEAN, priority INTEGER, name VARCHAR(255) NOT NULL, address VARCHAR(2048) NOT NULL, executable VARCHAR(2048) NOT NULL, context VARCHAR(2048) NOT NULL, protected BOOLEAN NOT NULL default 0, CONSTRAINT uniq_entries_constaraint PRIMARY KEY (queue, type, name, address, executable, context))"},
+      {"CREATE INDEX idx1 ON handlers(queue, type, enabled, address)"},
+      {"CREATE INDEX idx2 ON handlers(queue, type, enabled, address, priority)"},
+      {"CREATE INDEX idx3 ON handlers(name, queue, type, address)"},
+      {"CREATE INDEX idx4 ON handlers(name, queue, type)"},
+  };
+  // The primary key's own index has no statement.
+  EXPECT_EQ(expected, QueryRows(db.path(), "SELECT sql FROM sqlite_master WHERE sql IS NOT NULL "
+                                           "ORDER BY rowid"));
+}
+
+// Fixing the permissions needs root and the group popuser: with both the
+// database ends up root:popuser 0640; without the group none is left.
+TEST(HandlersDBTest, CreateGivesTheDatabaseToPopuserOrRemovesIt) {
+  LogRecorder log;
+  const struct group* popuser = getgrnam("popuser");
+  if (popuser && geteuid() != 0)
+    GTEST_SKIP() << "changing the group needs root";
+  TempDir dir;
+  std::string path = dir.path("handlers/handlers.db");
+  const char* saved = mh_db_path;
+  mh_db_path_set(path.c_str());
+  int result = mh_db_create();
+  mh_db_path_set(saved);
+
+  struct stat st = {};
+  if (!popuser) {
+    EXPECT_EQ(-1, result);
+    EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "Unable to get mail handlers group uid"));
+    EXPECT_NE(0, stat(path.c_str(), &st)) << "a database without its permissions was left";
+    return;
+  }
+  ASSERT_EQ(0, result);
+  ASSERT_EQ(0, stat(path.c_str(), &st));
+  EXPECT_EQ(0u, st.st_uid);
+  EXPECT_EQ(popuser->gr_gid, st.st_gid);
+  EXPECT_EQ(0640u, st.st_mode & 07777);
+}
+
+}  // namespace
