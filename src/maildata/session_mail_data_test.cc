@@ -1,0 +1,448 @@
+#include "maildata/session_mail_data.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "util/fs.h"
+#include "util/names.h"
+#include "util/test_support.h"
+
+namespace {
+
+using tavix::test::LogRecorder;
+
+// Reads `text` the way standard input is read, from a stream of its own.
+int ReadDocument(const std::string& text) {
+  std::vector<char> bytes(text.begin(), text.end());
+  bytes.push_back('\0');  // fmemopen() wants a buffer even for no text
+  tavix::UniqueFile stream(fmemopen(bytes.data(), text.size(), "r"));
+  if (!stream) {
+    ADD_FAILURE() << "fmemopen failed";
+    return -100;
+  }
+  return read_session_mail_db_info(stream.get(), 0);
+}
+
+std::string List(const sj_string_array& array) {
+  std::string out = "[";
+  for (size_t i = 0; i < array.count; ++i)
+    out += (i ? "," : "") + std::string(array.values[i]);
+  return out + "]";
+}
+
+// "domain quota [aliases] [lists] {mail quota [aliases]}..."
+std::string Describe(const mail_db_data_t* data) {
+  if (data == nullptr)
+    return "(none)";
+  std::string out = std::string(data->name) + " " +
+                    std::to_string(data->mbox_quota) + " " +
+                    List(data->dom_aliases) + " " + List(data->maillists);
+  for (size_t i = 0; i < data->mails.count; ++i) {
+    const mail_db_mail_t& mail = data->mails.values[i];
+    out += " {" + std::string(mail.name) + " " +
+           std::to_string(mail.mbox_quota) + " " + List(mail.aliases) + "}";
+  }
+  return out;
+}
+
+const char kMinimal[] =
+    R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[],)"
+    R"("mails":[]}})";
+
+// Everything the document may hold, used as the seed of the fuzz loop.
+const char kFull[] = R"({
+  "version": [1, {"x": null, "y": 2.5e3}],
+  "domain": {
+    "name": "Example.COM",
+    "mbox_quota": 5,
+    "mbox_quota_unit": "MB",
+    "dom_aliases": ["Alias.Example.NET", "b.example"],
+    "maillists": ["News-Letter"],
+    "mails": [
+      {"name": "Info", "mbox_quota": 2, "mbox_quota_unit": "KB",
+       "aliases": ["Office", "sales"], "note": "skipped"},
+      {"name": "zero", "mbox_quota": 0, "mbox_quota_unit": "GB",
+       "aliases": []},
+      {"name": "nolimit", "mbox_quota": -1, "mbox_quota_unit": "TB",
+       "aliases": ["x\u0000y"]},
+      {"name": "plain", "mbox_quota": 0x10, "aliases": []}
+    ],
+    "extra": {"a": [true, false]}
+  }
+})";
+
+class SessionMailDataTest : public ::testing::Test {
+ protected:
+  void SetUp() override { free_session_mail_db_info(); }
+  void TearDown() override { free_session_mail_db_info(); }
+};
+
+struct Valid {
+  const char* name;
+  std::string document;
+  std::string expected;
+};
+
+const Valid kValid[] = {
+    {"Minimal", kMinimal, "example.com -1 [] []"},
+    {"Full", kFull,
+     "example.com 5242880 [alias.example.net,b.example] [News-Letter] "
+     "{info 2048 [office,sales]} {zero 0 []} {nolimit -1 [x]} "
+     "{plain 16 []}"},
+    {"UnitsOfTheDomain",
+     R"({"domain":{"name":"a.example","mbox_quota":3,"mbox_quota_unit":"TB",)"
+     R"("dom_aliases":[],"maillists":[],"mails":[{"name":"m",)"
+     R"("mbox_quota":1,"mbox_quota_unit":"GB","aliases":[]}]}})",
+     "a.example 3298534883328 [] [] {m 1073741824 []}"},
+    {"RepeatedMembersExtendOrOverwrite",
+     R"({"domain":{"name":"first.example","mbox_quota":7,)"
+     R"("dom_aliases":["a.example"],"maillists":[],"mails":[],)"
+     R"("dom_aliases":["b.example"],"name":"second.example",)"
+     R"("mbox_quota":9}})",
+     "second.example 9 [a.example,b.example] []"},
+};
+
+class ValidDocumentTest : public SessionMailDataTest,
+                          public ::testing::WithParamInterface<Valid> {};
+
+TEST_P(ValidDocumentTest, IsReadAndNormalised) {
+  EXPECT_EQ(0, ReadDocument(GetParam().document));
+  EXPECT_EQ(GetParam().expected, Describe(session_mail_db_info));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ValidDocumentTest, ::testing::ValuesIn(kValid),
+    [](const ::testing::TestParamInfo<Valid>& info) { return info.param.name; });
+
+struct Refused {
+  std::string document;
+  int code;
+  std::string message;  // the start of the logged parser message
+};
+
+// A domain object with `members` inserted before the required ones it does
+// not replace.
+std::string Domain(const std::string& members,
+                   const std::string& mails = "[]") {
+  return R"({"domain":{)" + members +
+         R"("name":"example.com","dom_aliases":[],"maillists":[],"mails":)" +
+         mails + "}}";
+}
+
+const char kMissing[] = "Some required fields are missing";
+const char kConstraint[] = "Custom JSON value constraint failed: ";
+
+const Refused kRefused[] = {
+    {Domain(R"("name":"bad name",)"), 23,
+     std::string(kConstraint) + "Domain name is not valid."},
+    {Domain(R"("dom_aliases":["-x.example"],)"), 23,
+     std::string(kConstraint) + "Domain alias is not valid."},
+    {Domain(R"("maillists":["a b"],)"), 23,
+     std::string(kConstraint) + "Maillist is not valid."},
+    {Domain(R"("mbox_quota":-2,)"), 23,
+     std::string(kConstraint) + "Domain quota value is out of bounds."},
+    {Domain(R"("mbox_quota_unit":"mb",)"), 23,
+     std::string(kConstraint) + "Domain quota unit value is invalid."},
+    {Domain("", R"([{"name":"a..b","aliases":[]}])"), 23,
+     std::string(kConstraint) + "Mailname is not valid."},
+    {Domain("", R"([{"name":"a","aliases":["x y"]}])"), 23,
+     std::string(kConstraint) + "Mail alias is not valid."},
+    {Domain("", R"([{"name":"a","mbox_quota":-5,"aliases":[]}])"), 23,
+     std::string(kConstraint) + "Mailbox quota value is out of bounds."},
+    {Domain("", R"([{"name":"a","mbox_quota_unit":"KiB","aliases":[]}])"), 23,
+     std::string(kConstraint) + "Mailbox quota unit value is invalid."},
+    {R"({"domain":{"name":"example.com","dom_aliases":[],"mails":[]}})", 14,
+     kMissing},
+    {R"({"domain":{"name":"example.com","maillists":[],"mails":[]}})", 14,
+     kMissing},
+    {R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[]}})",
+     14, kMissing},
+    {R"({"domain":{"dom_aliases":[],"maillists":[],"mails":[]}})", 14,
+     kMissing},
+    {R"({"domain":{}})", 14, kMissing},
+    {R"({})", 14, kMissing},
+    {R"({"other":{}})", 14, kMissing},
+    {Domain("", "[{}]"), 14, kMissing},
+    {Domain("", R"([{"name":"a"}])"), 14, kMissing},
+    {Domain("", R"([{"aliases":[]}])"), 14, kMissing},
+    {"[]", 11, "JSON object is expected."},
+    {Domain("", "{}"), 15, "JSON array is expected."},
+    {Domain(R"("mbox_quota":1.5,)"), 6, "Invalid or unsupported number"},
+    {Domain(R"("mbox_quota":"5",)"), 4, "Number is expected."},
+    {Domain(R"("name":5,)"), 7, "String is expected."},
+    {"", 11, "JSON object is expected."},
+};
+
+void PrintTo(const Refused& r, std::ostream* os) { *os << r.document; }
+
+class RefusedDocumentTest : public SessionMailDataTest,
+                            public ::testing::WithParamInterface<Refused> {};
+
+TEST_P(RefusedDocumentTest, LogsTheReasonAndKeepsNothing) {
+  LogRecorder log;
+  EXPECT_EQ(GetParam().code, ReadDocument(GetParam().document));
+  EXPECT_TRUE(LogRecorder::Has(
+      3, "Session mail DB info parsing error: " + GetParam().message))
+      << (LogRecorder::lines().empty() ? "" : LogRecorder::lines()[0].text);
+  EXPECT_EQ(nullptr, session_mail_db_info);
+  EXPECT_EQ(0, ReadDocument(kMinimal));  // nothing left to block a new read
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, RefusedDocumentTest,
+                         ::testing::ValuesIn(kRefused));
+
+TEST_F(SessionMailDataTest, IsReadOnlyOnce) {
+  LogRecorder log;
+  ASSERT_EQ(0, ReadDocument(kFull));
+  mail_db_data_t* first = session_mail_db_info;
+  EXPECT_EQ(-2, ReadDocument(kMinimal));
+  EXPECT_TRUE(LogRecorder::Has(3, "Session mail DB info have already been "
+                                  "initialized. Probably a programming error."));
+  EXPECT_EQ(first, session_mail_db_info);
+  EXPECT_EQ(first, get_session_mail_db_info());
+}
+
+TEST_F(SessionMailDataTest, GetMakesAnEmptyObjectWhenNoneWasRead) {
+  mail_db_data_t* empty = get_session_mail_db_info();
+  ASSERT_NE(nullptr, empty);
+  EXPECT_EQ(-1, empty->mbox_quota);
+  EXPECT_EQ(nullptr, empty->name);
+  EXPECT_EQ(0u, empty->mails.count + empty->dom_aliases.count +
+                    empty->maillists.count);
+  EXPECT_EQ(empty, get_session_mail_db_info());
+  LogRecorder log;
+  EXPECT_EQ(-2, ReadDocument(kMinimal));
+}
+
+TEST_F(SessionMailDataTest, OverflowingQuotaIsKeptWithAWarning) {
+  LogRecorder log;
+  ASSERT_EQ(0, ReadDocument(Domain(
+                   R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));
+  EXPECT_EQ(-1048576, session_mail_db_info->mbox_quota);
+  EXPECT_TRUE(LogRecorder::Has(
+      4, "Resulting quota value in session mail DB info is not valid: got "
+         "-1048576, source size unit was 'MB'"));
+}
+
+TEST_F(SessionMailDataTest, UnreadableStreamFails) {
+  LogRecorder log;
+  tavix::UniqueFile stream(fopen("/dev/null", "w"));
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(-3, read_session_mail_db_info(stream.get(), 0));
+  EXPECT_TRUE(LogRecorder::Has(
+      3, "Failed to read session mail DB info from input stream (fd=" +
+             std::to_string(fileno(stream.get())) + "): "));
+  EXPECT_EQ(nullptr, session_mail_db_info);
+}
+
+// Puts a pipe on descriptor 0 for the life of the object.
+class PipeOnStdin {
+ public:
+  PipeOnStdin() {
+    int fds[2];
+    if (pipe(fds) != 0) {
+      ADD_FAILURE() << "cannot make a pipe";
+      return;
+    }
+    writer_ = fds[1];
+    if (fds[0] != 0) {  // 0 is its own when standard input was closed
+      EXPECT_EQ(0, dup2(fds[0], 0));
+      close(fds[0]);
+    }
+  }
+  ~PipeOnStdin() {
+    if (writer_ >= 0)
+      close(writer_);
+    if (saved_ >= 0) {
+      dup2(saved_, 0);
+      close(saved_);
+    } else {
+      close(0);
+    }
+    clearerr(stdin);
+  }
+  void WriteAndClose(const std::string& text) {
+    EXPECT_EQ(static_cast<ssize_t>(text.size()),
+              write(writer_, text.data(), text.size()));
+    close(writer_);
+    writer_ = -1;
+  }
+
+ private:
+  int saved_ = dup(0);
+  int writer_ = -1;
+};
+
+TEST_F(SessionMailDataTest, ProbeReadsOnlyWhenStandardInputIsReady) {
+  {
+    PipeOnStdin input;
+    EXPECT_EQ(-1, read_session_mail_db_info(stdin, 1));
+    EXPECT_EQ(nullptr, session_mail_db_info);
+    input.WriteAndClose(kMinimal);
+    EXPECT_EQ(0, read_session_mail_db_info(stdin, 1));
+  }
+  free_session_mail_db_info();
+
+  // Any other descriptor is never seen as ready, even with data waiting.
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  ASSERT_EQ(static_cast<ssize_t>(sizeof(kMinimal) - 1),
+            write(fds[1], kMinimal, sizeof(kMinimal) - 1));
+  close(fds[1]);
+  tavix::UniqueFile other(fdopen(fds[0], "r"));
+  EXPECT_EQ(-1, read_session_mail_db_info(other.get(), 1));
+}
+
+TEST_F(SessionMailDataTest, DebugDump) {
+  auto dump = [] {
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    debug_print_session_mail_db_info(out);
+    fclose(out);
+    std::string result(text, size);
+    free(text);
+    return result;
+  };
+  EXPECT_EQ("mail_db_data_t = (null)\n", dump());
+  ASSERT_EQ(0, ReadDocument(Domain(
+                   R"("mbox_quota":1,"mbox_quota_unit":"KB",)"
+                   R"("dom_aliases":["a.example","b.example"],)",
+                   R"([{"name":"info","aliases":["office","sales"]},)"
+                   R"({"name":"x","mbox_quota":0,"aliases":[]}])")));
+  EXPECT_EQ(
+      "mail_db_data_t = {\n"
+      "  \"domain\": {\n"
+      "    \"name\": \"example.com\",\n"
+      "    \"mbox_quota\": 1024,\n"
+      "    \"dom_aliases\": [ \"a.example\", \"b.example\" ]"
+      "    \"mails\": [\n"
+      "      {\n"
+      "        \"name\": \"info\",\n"
+      "        \"mbox_quota\": -1,\n"
+      "        \"aliases\": [ \"office\", \"sales\" ]"
+      "      },\n\n"
+      "      {\n"
+      "        \"name\": \"x\",\n"
+      "        \"mbox_quota\": 0,\n"
+      "        \"aliases\": [  ]"
+      "      }\n"
+      "    ]\n"
+      "  }\n"
+      "}\n",
+      dump());
+}
+
+// Counts the blocks a parse holds and can refuse the n-th request.
+struct CountingAllocator {
+  long outstanding = 0;
+  long requests = 0;
+  long fail_at = -1;
+
+  bool Refuse() { return requests++ == fail_at; }
+  static void* Allocate(void* user, size_t size) {
+    auto* self = static_cast<CountingAllocator*>(user);
+    if (self->Refuse())
+      return nullptr;
+    ++self->outstanding;
+    return malloc(size);
+  }
+  static void* Reallocate(void* user, void* block, size_t size) {
+    auto* self = static_cast<CountingAllocator*>(user);
+    if (self->Refuse())
+      return nullptr;
+    if (block == nullptr)
+      ++self->outstanding;
+    return realloc(block, size);
+  }
+  static void Release(void* user, void* block) {
+    --static_cast<CountingAllocator*>(user)->outstanding;
+    free(block);
+  }
+};
+
+// Parses with `allocator`, refusing its request number `fail_after` once
+// the parser and the object exist, and releases everything again.
+int ParseCounted(const std::string& text, CountingAllocator& allocator,
+                 long fail_after = -1) {
+  std::vector<char> buffer(text.begin(), text.end());
+  buffer.push_back('\0');
+  sj_util_funcs funcs = {&allocator, CountingAllocator::Allocate,
+                         CountingAllocator::Reallocate,
+                         CountingAllocator::Release};
+  sj_parser* parser = sj_create_parser(buffer.data(), &funcs);
+  mail_db_data_t* object = create_mail_db_data_object(parser);
+  if (fail_after >= 0)
+    allocator.fail_at = allocator.requests + fail_after;
+  int code = parse_mail_db_data_object(parser, object);
+  free_mail_db_data_object(parser, object);
+  sj_free_parser(parser);
+  return code;
+}
+
+TEST(SessionMailDataAllocationTest, EveryRefusedGrowthIsReportedAndFreed) {
+  CountingAllocator allocator;
+  ASSERT_EQ(0, ParseCounted(kFull, allocator));
+  long needed = allocator.requests - 2;  // besides the parser and object
+  EXPECT_EQ(10, needed);  // one growth per element read
+  for (long n = 0; n < needed; ++n) {
+    CountingAllocator refusing;
+    EXPECT_EQ(20, ParseCounted(kFull, refusing, n)) << n;
+    EXPECT_EQ(0, refusing.outstanding) << n;
+  }
+}
+
+void Silent(int, const char*, ...) {}
+
+// Malformed documents made from valid ones, by truncation at every offset
+// and by changing every byte, must be refused or read without a crash,
+// without leaking (the counted allocator here; run under AddressSanitizer
+// for the reader's own text) and without leaving a session object behind.
+TEST_F(SessionMailDataTest, MalformedDocumentsNeverCrashOrLeak) {
+  tavix_log_fn saved_log = tavix_log;
+  tavix_log = Silent;
+  long accepted = 0;
+  long refused = 0;
+  auto check = [&](const std::string& document) {
+    int code = ReadDocument(document);
+    if (code == 0) {
+      ++accepted;
+      ASSERT_NE(nullptr, session_mail_db_info);
+      ASSERT_TRUE(is_domain_name_valid(session_mail_db_info->name));
+    } else {
+      ++refused;
+      ASSERT_TRUE(code >= 1 && code <= 23) << code << " for " << document;
+      ASSERT_EQ(nullptr, session_mail_db_info);
+    }
+    free_session_mail_db_info();
+    CountingAllocator allocator;
+    ASSERT_EQ(code, ParseCounted(document, allocator)) << document;
+    ASSERT_EQ(0, allocator.outstanding) << document;
+  };
+  const std::string seeds[] = {kFull, Domain("", R"([{"name":"a",)"
+                                                 R"("aliases":["b","c"]}])")};
+  for (const std::string& seed : seeds) {
+    for (size_t i = 0; i <= seed.size(); ++i) {
+      check(seed.substr(0, i));
+      for (char replacement : {'\0', '"', '\\', '{', ']', ',', '\x80'}) {
+        if (i == seed.size())
+          break;
+        std::string changed = seed;
+        changed[i] = replacement;
+        check(changed);
+      }
+      if (HasFatalFailure())
+        break;
+    }
+  }
+  tavix_log = saved_log;
+  EXPECT_GT(refused, 2000);
+  EXPECT_GT(accepted, 0);
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+#include "qmail/delivery.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "qmail/line_file.h"
+#include "qmail/paths.h"
+#include "util/fs.h"
+#include "util/idn.h"
+#include "util/log.h"
+#include "util/names.h"
+#include "util/strings.h"
+#include "util/unique_free.h"
+
+namespace {
+
+const int kLogError = 3;
+const int kLogWarning = 4;
+
+// Mailboxes and their delivery files belong to the account the IMAP/POP3
+// server reads them as.
+const char* const kMailboxOwner = "popuser";
+const mode_t kDotqmailMode = 0600;
+
+struct ImapPop3Server {
+  const char* agent;          // the local delivery agent probed for
+  const char* delivery_line;  // the .qmail line that hands mail to it
+  const char* human_name;
+  const char* component;
+};
+
+// Indexed by kind, in the order they are probed: Courier wins when both
+// are installed.
+const ImapPop3Server kServers[] = {
+    {"/usr/bin/deliverquota", "| /usr/bin/deliverquota ./Maildir",
+     "Courier-IMAP", "courier-imap"},
+    {"/usr/libexec/dovecot/dovecot-lda",
+     "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\"", "Dovecot",
+     "dovecot"},
+};
+const int kServerCount = sizeof(kServers) / sizeof(kServers[0]);
+
+// Every delivery line this program writes or once wrote ("./Maildir/" is
+// the older form); they are all removed before a new one goes in, so a
+// mailbox never gets two deliveries.
+const char* const kDeliveryLines[] = {
+    "./Maildir/",
+    kServers[kImapPop3Courier].delivery_line,
+    kServers[kImapPop3Dovecot].delivery_line,
+    nullptr,
+};
+
+// The server found, remembered for the process; unknown is not
+// remembered, so that an agent installed meanwhile is found.
+int detected_kind = kImapPop3Unknown;
+
+// The first server whose agent exists, with the agent's stat; unknown when
+// none does.
+int find_installed_server(struct stat* agent) {
+  for (int kind = 0; kind < kServerCount; ++kind) {
+    if (stat(kServers[kind].agent, agent) == 0)
+      return kind;
+  }
+  return kImapPop3Unknown;
+}
+
+bool is_executable_file(const struct stat& info) {
+  return S_ISREG(info.st_mode) &&
+         (info.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+}
+
+const ImapPop3Server* detected_server() {
+  int kind = detectImapPop3Server();
+  return kind == kImapPop3Unknown ? nullptr : &kServers[kind];
+}
+
+using MailPathBuilder = std::string (*)(const std::string& domain,
+                                        const std::string& mailname);
+
+// get_mailhome_path() and get_dotqmail_path(); `what` names the path in the
+// message about a short buffer.
+int format_mail_path(char* buffer, size_t size, const char* mailname,
+                     const char* domain, MailPathBuilder build,
+                     const char* what) {
+  if (!is_mailname_valid(mailname) || domain == nullptr || *domain == '\0') {
+    messlog2(0, 0, "empty mailname or maildomain");
+    return -1;
+  }
+  int rc = 0;
+  tavix::unique_free<char> ascii(idn_toascii(domain, &rc));
+  if (!ascii) {
+    messlog2(0, 0, "idn_toascii(%s) failed: %s", domain, idn_strerror(rc));
+    return -1;
+  }
+  std::string path = build(ascii.get(), mailname);
+  strtolower(&path[0]);
+  if (path.size() >= size) {
+    messlog2(0, 0,
+             "Either domain name '%s' or mailname '%s' are too long to store "
+             "%s in the provided buffer",
+             domain, mailname, what);
+    return -1;
+  }
+  memcpy(buffer, path.c_str(), path.size() + 1);
+  return 0;
+}
+
+int give_to_mailbox_owner(const char* path) {
+  return file_set_user_mode(path, kMailboxOwner, kDotqmailMode);
+}
+
+// The .qmail of mailname@domain, for the add and remove entry points.
+using DotqmailEdit = int (*)(const char* path);
+
+int edit_mailname_dotqmail(const char* mailname, const char* domain,
+                           DotqmailEdit edit) {
+  char path[4096];
+  if (get_dotqmail_path(path, sizeof(path), mailname, domain) != 0)
+    return -1;
+  return edit(path);
+}
+
+}  // namespace
+
+int detectImapPop3Server() {
+  if (detected_kind != kImapPop3Unknown)
+    return detected_kind;
+
+  struct stat agent;
+  int candidate = find_installed_server(&agent);
+  if (candidate == kImapPop3Unknown) {
+    tavix_log(kLogError,
+              "Unable to detect IMAP/POP3 server type - no LDA found");
+    return kImapPop3Unknown;
+  }
+  // A broken agent of the preferred server is reported, not passed over:
+  // the other server's agent may be a leftover, and mail handed to it
+  // would land where the serving IMAP/POP3 server does not look.
+  if (!is_executable_file(agent)) {
+    tavix_log(kLogError,
+              "Unable to detect IMAP/POP3 server type - LDA is present at "
+              "'%s' but is not a regular file or is not executable",
+              kServers[candidate].agent);
+    detected_kind = kImapPop3Unknown;
+    return kImapPop3Unknown;
+  }
+  detected_kind = candidate;
+  return detected_kind;
+}
+
+const char* getImapPop3ServerHumanReadableName() {
+  const ImapPop3Server* server = detected_server();
+  return server ? server->human_name : "";
+}
+
+const char* getImapPop3ServerParcelmgrComponentName() {
+  const ImapPop3Server* server = detected_server();
+  return server ? server->component : "";
+}
+
+int get_mailhome_path(char* buffer, size_t size, const char* mailname,
+                      const char* domain) {
+  return format_mail_path(buffer, size, mailname, domain,
+                          tavix::qmail::mailname_dir, "mailname home path");
+}
+
+int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
+                      const char* domain) {
+  return format_mail_path(buffer, size, mailname, domain,
+                          tavix::qmail::dotqmail_file, ".qmail path");
+}
+
+int dotqmail_reset(const char* path) {
+  tavix::UniqueFile file(fopen(path, "wt"));
+  if (!file) {
+    tavix_log(kLogError, "Unable to open '%s': %s", path, strerror(errno));
+    return -1;
+  }
+  bool written = fputs("| true\n", file.get()) != EOF;
+  int write_errno = errno;
+  if (fclose(file.release()) != 0 && written) {
+    written = false;
+    write_errno = errno;
+  }
+  if (!written) {
+    // No .qmail at all is better than a cut one: qmail then delivers by
+    // its default instead of acting on half a line.
+    unlink(path);
+    tavix_log(kLogError, "Unable to write to '%s': %s", path,
+              strerror(write_errno));
+    return -1;
+  }
+  return give_to_mailbox_owner(path);
+}
+
+int dotqmail_remove_delivery_strings(const char* path) {
+  if (file_strings(path, kDeliveryLines, kLinesRemove, 1) != 0) {
+    tavix_log(kLogWarning, "Unable to remove old delivery strings from '%s'",
+              path);
+    return -1;
+  }
+  return 0;
+}
+
+int dotqmail_add_delivery(const char* path) {
+  const ImapPop3Server* server = detected_server();
+  if (server == nullptr)
+    return -1;
+  if (dotqmail_remove_delivery_strings(path) != 0)
+    return -1;
+  if (file_str(path, server->delivery_line, kLinesAdd, kAddAppend) != 0) {
+    tavix_log(kLogError, "Unable to add delivery string to '%s'", path);
+    return -1;
+  }
+  return give_to_mailbox_owner(path);
+}
+
+int dotqmail_remove_delivery(const char* path) {
+  if (dotqmail_remove_delivery_strings(path) != 0)
+    return -1;
+  return give_to_mailbox_owner(path);
+}
+
+int add_mailname_delivery(const char* mailname, const char* domain) {
+  return edit_mailname_dotqmail(mailname, domain, dotqmail_add_delivery);
+}
+
+int remove_mailname_delivery(const char* mailname, const char* domain) {
+  return edit_mailname_dotqmail(mailname, domain, dotqmail_remove_delivery);
+}

@@ -1,0 +1,60 @@
+// Delivery lines of mail names and the IMAP/POP3 server they deliver to.
+//
+// Each mail name's directory holds a .qmail file. Without a mailbox it says
+// only "| true"; with one it also hands the mail to the local delivery agent
+// of the IMAP/POP3 server installed beside qmail. Which server that is, is
+// found by looking for its delivery agent.
+#ifndef DRAVNIK_QMAIL_DELIVERY_H_
+#define DRAVNIK_QMAIL_DELIVERY_H_
+
+#include <cstddef>
+
+// Server kinds that detectImapPop3Server() returns.
+enum {
+  kImapPop3Unknown = -1,
+  kImapPop3Courier = 0,
+  kImapPop3Dovecot = 1,
+};
+
+// Finds the installed IMAP/POP3 server by its delivery agent: Courier's
+// /usr/bin/deliverquota first, Dovecot's dovecot-lda otherwise. The agent
+// must be an executable regular file. A found server is remembered for the
+// rest of the process; a failure (logged) is not, so the next call looks
+// again. Returns a kImapPop3 kind.
+int detectImapPop3Server();
+
+// "Courier-IMAP", "Dovecot", or "" when no server is detected.
+const char* getImapPop3ServerHumanReadableName();
+// The server's package component: "courier-imap", "dovecot" or "".
+const char* getImapPop3ServerParcelmgrComponentName();
+
+// The lower-case path of the mail name's directory, or of its .qmail, in
+// `buffer` of `size` bytes; the domain is converted to its ASCII form.
+// 0, or -1 after reporting an invalid name or a buffer too short.
+int get_mailhome_path(char* buffer, size_t size, const char* mailname,
+                      const char* domain);
+int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
+                      const char* domain);
+
+// Writes a fresh .qmail that discards the mail ("| true"), owned by popuser
+// with mode 0600. A failed write leaves no file at all. 0 or -1 (logged).
+int dotqmail_reset(const char* path);
+
+// Makes the detected server's delivery line the only one in the existing
+// .qmail at `path`, which then belongs to popuser with mode 0600.
+// 0 or -1 (logged).
+int dotqmail_add_delivery(const char* path);
+
+// Removes every delivery line this program may have written (older forms
+// included) and gives the file to popuser with mode 0600. 0 or -1 (logged).
+int dotqmail_remove_delivery(const char* path);
+
+// Removes those delivery lines only. 0 or -1 (logged).
+int dotqmail_remove_delivery_strings(const char* path);
+
+// dotqmail_add_delivery() / dotqmail_remove_delivery() on the .qmail of
+// mailname@domain. 0 or -1 (logged).
+int add_mailname_delivery(const char* mailname, const char* domain);
+int remove_mailname_delivery(const char* mailname, const char* domain);
+
+#endif  // DRAVNIK_QMAIL_DELIVERY_H_

@@ -1,0 +1,728 @@
+#include "qmail/maildirpp.h"
+
+#include <ctype.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "qmail/paths.h"
+#include "util/account.h"
+#include "util/fs.h"
+#include "util/idn.h"
+#include "util/log.h"
+#include "util/strings.h"
+#include "util/unique_free.h"
+
+namespace {
+
+using tavix::UniqueFd;
+
+const int kLogError = 3;
+const int64_t kNoLimit = INT64_MAX;
+const size_t kMaxPath = 4096;
+// A longer maildirsize is due for a rewrite by the delivery agent; its
+// lines are not summed but the mailbox is counted afresh.
+const size_t kMaxMaildirsize = 5120;
+// The header and the first usage line always fit: at most 83 characters.
+const size_t kMaxMaildirsizeText = 99;
+const int kCreateAttempts = 5;
+const unsigned kRetryDelaySeconds = 2;
+// Readers trust a maildirsize for 15 minutes; one dated back further than
+// that is counted again by the next reader.
+const time_t kOutdatedBy = 960;
+
+// Messages keep errno: the caller may still report the cause.
+void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void say(const char* format, ...) {
+  int saved = errno;
+  va_list ap;
+  va_start(ap, format);
+  vmesslog2(0, 0, format, ap);
+  va_end(ap);
+  errno = saved;
+}
+
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using UniqueDir = std::unique_ptr<DIR, DirCloser>;
+
+// Work on a Maildir is done from inside it. enter() saves the working
+// directory and changes into another; the destructor goes back, on every
+// way out, so no caller is left in a mailbox.
+class DirVisit {
+ public:
+  DirVisit() = default;
+  DirVisit(const DirVisit&) = delete;
+  DirVisit& operator=(const DirVisit&) = delete;
+  ~DirVisit() {
+    if (!saved_)
+      return;
+    int saved_errno = errno;
+    if (fchdir(saved_.get()) != 0)
+      say("unable to change back to the previous working directory: %s",
+          strerror(errno));
+    errno = saved_errno;
+  }
+
+  // `what` names the directory in the failure message.
+  bool enter(const char* path, const char* what) {
+    UniqueFd here(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!here) {
+      say("unable to get current working directory");
+      return false;
+    }
+    if (chdir(path) != 0) {
+      say("unable to change to %s %s: %s", what, path, strerror(errno));
+      return false;
+    }
+    saved_ = std::move(here);
+    return true;
+  }
+
+ private:
+  UniqueFd saved_;
+};
+
+bool is_dot_or_dotdot(const char* name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// Maildir++ folders are the Maildir's dot-directories. The trash does not
+// count: deleting mail must be able to bring a mailbox under its quota.
+bool is_counted_folder(const char* name) {
+  return name[0] == '.' && !is_dot_or_dotdot(name) &&
+         strcmp(name, ".Trash") != 0;
+}
+
+// "dir/name" into `*path`; false when that would not fit a path buffer.
+bool join(std::string* path, const std::string& dir, const char* name) {
+  *path = dir + "/" + name;
+  return path->size() < kMaxPath;
+}
+
+// The size a delivery agent put into a message's name, as 2048 in
+// "1234.host,S=2048:2,S"; -1 when the name holds none.
+int64_t size_from_name(const char* name) {
+  for (const char* mark = strstr(name, ",S="); mark;
+       mark = strstr(mark + 3, ",S=")) {
+    const char* digit = mark + 3;
+    int64_t size = 0;
+    bool overflow = false;
+    for (; isdigit(static_cast<unsigned char>(*digit)); ++digit)
+      overflow |= __builtin_mul_overflow(size, 10, &size) ||
+                  __builtin_add_overflow(size, *digit - '0', &size);
+    if (digit > mark + 3 && !overflow && (*digit == ':' || *digit == '\0'))
+      return size;
+  }
+  return -1;
+}
+
+struct Usage {
+  int64_t bytes = 0;
+  int64_t count = 0;
+  time_t newest = 0;  // of the directories read
+};
+
+// Adds the messages of one message directory (new/ or cur/) to `usage`.
+bool scan_messages(const std::string& dir, Usage* usage) {
+  UniqueDir listing(opendir(dir.c_str()));
+  struct stat info;
+  if (!listing || fstat(dirfd(listing.get()), &info) != 0) {
+    say("unable to read Maildir folder %s: %s", dir.c_str(), strerror(errno));
+    return false;
+  }
+  usage->newest = std::max(usage->newest, info.st_mtime);
+  std::string path;
+  for (;;) {
+    errno = 0;
+    struct dirent* entry = readdir(listing.get());
+    if (!entry)
+      break;
+    if (is_dot_or_dotdot(entry->d_name))
+      continue;
+    int64_t size = size_from_name(entry->d_name);
+    if (size < 0) {
+      if (!join(&path, dir, entry->d_name)) {
+        errno = ENAMETOOLONG;
+        say("message name too long in Maildir folder %s", dir.c_str());
+        return false;
+      }
+      if (lstat(path.c_str(), &info) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR)
+          continue;  // moved or expunged while we were counting
+        say("unable to check message %s: %s", path.c_str(), strerror(errno));
+        return false;
+      }
+      size = info.st_size;
+    }
+    usage->bytes += size;
+    usage->count += 1;
+  }
+  if (errno != 0) {
+    say("unable to read Maildir folder %s: %s", dir.c_str(), strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Adds new/ and cur/ of a folder ("" for the Maildir itself).
+bool scan_folder(const std::string& folder, Usage* usage) {
+  for (const char* sub : {"new", "cur"}) {
+    std::string dir;
+    if (folder.empty()) {
+      dir = sub;
+    } else if (!join(&dir, folder, sub)) {
+      errno = ENAMETOOLONG;
+      say("Maildir folder name %s too long", folder.c_str());
+      return false;
+    }
+    if (!scan_messages(dir, usage))
+      return false;
+  }
+  return true;
+}
+
+// Calls visit(entry) for each entry of the Maildir (the current directory)
+// whose name is that of a counted folder. false when visit() returns false,
+// or after `listing_failure` was reported when the Maildir cannot be listed.
+template <typename Visit>
+bool for_each_folder_entry(const char* listing_failure, Visit visit) {
+  UniqueDir maildir(opendir("."));
+  if (!maildir) {
+    say("%s", listing_failure);
+    return false;
+  }
+  for (;;) {
+    errno = 0;
+    struct dirent* entry = readdir(maildir.get());
+    if (!entry)
+      break;
+    if (is_counted_folder(entry->d_name) && !visit(*entry))
+      return false;
+  }
+  if (errno != 0) {
+    say("%s", listing_failure);
+    return false;
+  }
+  return true;
+}
+
+// The newest modification time of the message directories of the Maildir
+// (the current directory) and of its folders, found after the file was
+// written.
+bool newest_message_dir_mtime(const char* maildir, time_t* newest) {
+  *newest = 0;
+  if (!get_maildirpp_folder_mtime(".", newest))
+    return false;
+  return for_each_folder_entry(
+      "Unable to open Maildir folder. Has it just been removed?",
+      [&](const struct dirent& entry) {
+        bool is_dir = entry.d_type == DT_DIR;
+        if (entry.d_type == DT_UNKNOWN) {
+          struct stat info;
+          if (stat(entry.d_name, &info) != 0) {
+            say("unable to check Maildir entry %s: %s", entry.d_name,
+                strerror(errno));
+            return false;
+          }
+          is_dir = S_ISDIR(info.st_mode);
+        }
+        if (!is_dir) {
+          say("Bad/unrecognized entry %s within Maildir folder %s\n",
+              entry.d_name, maildir);
+          return true;
+        }
+        return get_maildirpp_folder_mtime(entry.d_name, newest) == 1;
+      });
+}
+
+// Mail delivered while the usage was being counted may be missing from the
+// count. Then the file is dated back, so that the next reader counts again.
+void outdate_if_changed(const char* maildir, time_t scanned) {
+  time_t newest;
+  if (newest_message_dir_mtime(maildir, &newest) && newest <= scanned)
+    return;
+  struct utimbuf times;
+  times.actime = time(nullptr);
+  times.modtime = scanned - kOutdatedBy;
+  if (utime("maildirsize", &times) != 0)
+    say("unable to date back %s/maildirsize: %s", maildir, strerror(errno));
+}
+
+bool write_all(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t written = write(fd, data, size);
+    if (written < 0) {
+      if (errno == EINTR || errno == EAGAIN)
+        continue;
+      return false;
+    }
+    data += written;
+    size -= written;
+  }
+  return true;
+}
+
+// The temporary file a new maildirsize is written to, in the Maildir's
+// tmp/ like any delivery. It is removed again unless commit() renamed it
+// into place.
+class TempFile {
+ public:
+  TempFile() = default;
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+  ~TempFile() { discard(); }
+
+  // Time, process and host in the name keep concurrent writers apart; the
+  // exclusive create and the inode comparison make sure that what is
+  // written is a new file of our own and not what a link points to.
+  bool create(const char* host) {
+    for (int attempt = 1;; ++attempt) {
+      char name[kMaxPath];
+      int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s-maildirsize",
+                            static_cast<unsigned long>(time(nullptr)),
+                            static_cast<unsigned>(getpid()), host);
+      if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
+        errno = ENAMETOOLONG;
+        say("host name is too long to be used in filename");
+        return false;
+      }
+      if (try_create(name))
+        return true;
+      if (attempt == kCreateAttempts)
+        break;
+      sleep(kRetryDelaySeconds);
+    }
+    errno = EAGAIN;
+    say("Maximal allowed number of attempts to create a maildirsize file "
+        "exceeded");
+    return false;
+  }
+
+  int fd() const { return fd_.get(); }
+  const char* name() const { return name_.c_str(); }
+
+  // Puts the file on disk and renames it to `target`.
+  bool commit(const char* target) {
+    if (fsync(fd_.get()) != 0 || fd_.close() != 0) {
+      say("unable to commit written data to file");
+      return false;
+    }
+    if (rename(name_.c_str(), target) != 0) {
+      say("unable to rename %s to %s: %s", name_.c_str(), target,
+          strerror(errno));
+      return false;
+    }
+    name_.clear();
+    return true;
+  }
+
+ private:
+  bool try_create(const char* name) {
+    struct stat by_name;
+    if (stat(name, &by_name) == 0 || errno != ENOENT)
+      return false;
+    fd_.reset(open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                   0644));
+    if (!fd_)
+      return false;
+    name_ = name;
+    struct stat by_fd;
+    if (fstat(fd_.get(), &by_fd) == 0 && lstat(name, &by_name) == 0 &&
+        by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino &&
+        ftruncate(fd_.get(), 0) == 0)
+      return true;
+    discard();
+    return false;
+  }
+
+  void discard() {
+    int saved = errno;
+    fd_.reset();
+    if (!name_.empty())
+      unlink(name_.c_str());
+    name_.clear();
+    errno = saved;
+  }
+
+  UniqueFd fd_;
+  std::string name_;  // set while the file is ours to remove
+};
+
+// A quota of 0 must block every delivery, but the limit 0 means "none": it
+// becomes the smallest limit there is. A negative quota means no limit.
+int64_t size_limit_for(int64_t quota) {
+  if (quota > 0)
+    return quota;
+  return quota == 0 ? 1 : 0;
+}
+
+// Attachments kept beside the Maildir take their share of the quota
+// (in the current directory, the mailbox).
+bool subtract_attachments(int64_t* quota) {
+  struct stat info;
+  if (lstat("@attachments", &info) != 0 || !S_ISDIR(info.st_mode))
+    return true;
+  long long size = get_dir_size("@attachments", 0);
+  if (size < 0) {
+    say("unable to count attachments folder size");
+    return false;
+  }
+  *quota -= size;
+  if (*quota < 0) {
+    say("WARNING: @attachments directory is big enough to disable delivery!");
+    *quota = 0;
+  }
+  return true;
+}
+
+// The mailbox directory R/D/M under the mail names root, names in lower
+// case; `ascii_domain` is the domain's IDNA form.
+std::string mailbox_dir(const char* ascii_domain, const char* mailname) {
+  std::string domain(ascii_domain);
+  std::string name(mailname);
+  strtolower(&domain[0]);
+  strtolower(&name[0]);
+  return tavix::qmail::mailname_dir(domain, name);
+}
+
+// Reads `path` whole when it holds at most `limit` bytes.
+bool read_small_file(const char* path, size_t limit, std::string* text) {
+  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd)
+    return false;
+  text->clear();
+  char block[1024];
+  for (;;) {
+    ssize_t got = read(fd.get(), block, sizeof(block));
+    if (got == 0)
+      return true;
+    if (got < 0) {
+      if (errno == EINTR)
+        continue;
+      return false;
+    }
+    text->append(block, got);
+    if (text->size() > limit)
+      return false;
+  }
+}
+
+// Usage and limits from the maildirsize of the current directory; false
+// when the file is missing, too long or damaged and the usage must be
+// counted instead. The limits are set as soon as the header is read.
+bool read_maildirsize(int64_t* bytes, int64_t* count, int64_t* size_limit,
+                      int64_t* count_limit) {
+  std::string text;
+  if (!read_small_file("maildirsize", kMaxMaildirsize, &text) ||
+      text.find('\0') != std::string::npos)
+    return false;
+  size_t end = text.find('\n');
+  if (end == std::string::npos ||
+      !parse_header_string(text.substr(0, end).c_str(), size_limit,
+                           count_limit)) {
+    tavix_log(kLogError,
+              "maildirsize quota header is corrupted. Please run mbox_fixup "
+              "utility to fix.");
+    return false;
+  }
+  int64_t total_bytes = 0;
+  int64_t total_count = 0;
+  for (size_t start = end + 1; start < text.size(); start = end + 1) {
+    end = text.find('\n', start);
+    if (end == std::string::npos)
+      return false;  // a line still being appended
+    int64_t line_bytes;
+    int64_t line_count;
+    if (!parse_string_common(text.substr(start, end - start).c_str(),
+                             &line_bytes, &line_count, 0) ||
+        __builtin_add_overflow(total_bytes, line_bytes, &total_bytes) ||
+        __builtin_add_overflow(total_count, line_count, &total_count))
+      return false;
+  }
+  if (total_bytes < 0 || total_count < 0)
+    return false;
+  *bytes = total_bytes;
+  *count = total_count;
+  return true;
+}
+
+// A decimal number as strtoll() reads it (leading blanks and a sign
+// allowed); moves `*text` past it. false without digits or on overflow.
+bool parse_number(const char** text, int64_t* value) {
+  int saved = errno;
+  errno = 0;
+  char* end;
+  long long number = strtoll(*text, &end, 10);
+  bool ok = end != *text && errno != ERANGE;
+  errno = saved;
+  if (!ok)
+    return false;
+  *value = number;
+  *text = end;
+  return true;
+}
+
+// "<size>", "<size>S" or "<size>" + two characters (the first "S" or the
+// second ",") + "<count>C"; "" means no limits at all.
+bool parse_header(const char* text, int64_t* size_limit,
+                  int64_t* count_limit) {
+  if (*text == '\0') {
+    *size_limit = 0;
+    *count_limit = 0;
+    return true;
+  }
+  int64_t size;
+  int64_t messages = 0;
+  if (!parse_number(&text, &size) || size < 0)
+    return false;
+  if (*text != '\0' && strcmp(text, "S") != 0) {
+    if (text[1] == '\0' || (text[0] != 'S' && text[1] != ','))
+      return false;
+    text += 2;
+    if (!parse_number(&text, &messages) || strcmp(text, "C") != 0)
+      return false;
+  }
+  *size_limit = size;
+  *count_limit = messages;
+  return true;
+}
+
+// "<bytes><white space><count>", either possibly negative.
+bool parse_usage_line(const char* text, int64_t* bytes, int64_t* count) {
+  int64_t first;
+  int64_t second;
+  if (!parse_number(&text, &first) || !isspace(static_cast<unsigned char>(*text)) ||
+      !parse_number(&text, &second) || *text != '\0')
+    return false;
+  *bytes = first;
+  *count = second;
+  return true;
+}
+
+// usage + add > limit, where the limit 0 means none and a negative usage
+// counts as nothing.
+bool exceeds(int64_t usage, int64_t add, int64_t limit) {
+  if (limit == 0)
+    limit = kNoLimit;
+  if (usage < 0)
+    usage = 0;
+  int64_t total;
+  if (__builtin_add_overflow(usage, add, &total))
+    return add > 0;
+  return total > limit;
+}
+
+}  // namespace
+
+int store_mbox_quota(const char* domain, const char* mailname, int64_t quota) {
+  int rc = 0;
+  tavix::unique_free<char> ascii(idn_toascii(domain, &rc));
+  if (!ascii) {
+    errno = 0;  // the name is at fault, not the system
+    say("idn_toascii(%s) failed: %s", domain, idn_strerror(rc));
+    return 0;
+  }
+  std::string mailbox = mailbox_dir(ascii.get(), mailname);
+  if (mailbox.size() >= kMaxPath) {
+    errno = 0;
+    say("domain and/or user name too long to be stored on the filesystem");
+    return 0;
+  }
+  DirVisit visit;
+  if (!visit.enter(mailbox.c_str(), "mbox folder"))
+    return 0;
+  if (quota >= 0 && !subtract_attachments(&quota))
+    return 0;
+  return store_maildirpp_quota_raw("./Maildir", quota);
+}
+
+int store_maildirpp_quota_raw(const char* maildir, int64_t quota) {
+  uid_t uid;
+  gid_t gid;
+  if (tavix_getpw("popuser", &uid, &gid, nullptr) != 0)
+    return 0;
+  return write_maildirpp_maildirsize(maildir, uid, gid, size_limit_for(quota),
+                                     0);
+}
+
+int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
+                                int64_t size_limit, int64_t count_limit) {
+  DirVisit visit;
+  if (!visit.enter(maildir, "Maildir folder"))
+    return 0;
+  char host[HOST_NAME_MAX + 1];
+  if (gethostname(host, sizeof(host)) != 0) {
+    say("Unable to receive hostname");
+    return 0;
+  }
+  host[HOST_NAME_MAX] = '\0';
+
+  TempFile temp;
+  if (!temp.create(host))
+    return 0;
+  if (fchown(temp.fd(), uid, gid) != 0 || fchmod(temp.fd(), 0644) != 0) {
+    say("unable to set owner and mode of %s/%s: %s", maildir, temp.name(),
+        strerror(errno));
+    return 0;
+  }
+  int64_t bytes;
+  int64_t count;
+  time_t scanned;
+  if (!get_maildirpp_messages_usage(&bytes, &count, &scanned))
+    return 0;
+
+  char text[kMaxMaildirsizeText + 1];
+  int length = snprintf(text, sizeof(text),
+                        "%" PRId64 "S,%" PRId64 "C\n%12" PRId64 "%12" PRId64
+                        "\n",
+                        size_limit, count_limit, bytes, count);
+  if (length < 1 || static_cast<size_t>(length) > kMaxMaildirsizeText) {
+    errno = EINVAL;
+    say("maildirsize contents do not fit in %zu characters",
+        kMaxMaildirsizeText);
+    return 0;
+  }
+  if (!write_all(temp.fd(), text, length)) {
+    say("unable to write data to file");
+    return 0;
+  }
+  if (!temp.commit("maildirsize"))
+    return 0;
+  outdate_if_changed(maildir, scanned);
+  return 1;
+}
+
+int get_maildirpp_messages_usage(int64_t* bytes, int64_t* count,
+                                 time_t* newest_mtime) {
+  *bytes = 0;
+  *count = 0;
+  *newest_mtime = 0;
+  Usage usage;
+  if (!scan_folder("", &usage))
+    return 0;
+  bool listed = for_each_folder_entry(
+      "unable to list the folders of the Maildir",
+      [&](const struct dirent& entry) {
+        return entry.d_type != DT_DIR || scan_folder(entry.d_name, &usage);
+      });
+  if (!listed)
+    return 0;
+  *bytes = usage.bytes;
+  *count = usage.count;
+  *newest_mtime = usage.newest;
+  return 1;
+}
+
+int get_maildirpp_folder_mtime(const char* folder, time_t* newest_mtime) {
+  for (const char* sub : {"cur", "new"}) {
+    std::string path;
+    if (!join(&path, folder, sub)) {
+      errno = ENAMETOOLONG;
+      say("Maildir subfolder '%s' name too long to fit the allowed buffer",
+          sub);
+      return 0;
+    }
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) {
+      errno = EIO;
+      say("Maildir subfolder '%s' stat failed", sub);
+      return 0;
+    }
+    *newest_mtime = std::max(*newest_mtime, info.st_mtime);
+  }
+  return 1;
+}
+
+int get_maildirpp_usage_and_limits(const char* maildir, int no_recount,
+                                   int64_t* bytes, int64_t* count,
+                                   int64_t* size_limit, int64_t* count_limit) {
+  DirVisit visit;
+  if (!visit.enter(maildir, "Maildir folder"))
+    return 0;
+  *size_limit = kNoLimit;
+  *count_limit = kNoLimit;
+  if (read_maildirsize(bytes, count, size_limit, count_limit))
+    return 1;
+  if (no_recount)
+    return 0;
+  time_t newest;
+  return get_maildirpp_messages_usage(bytes, count, &newest);
+}
+
+int get_maildirpp_usage(const char* maildir, int64_t* bytes, int64_t* count) {
+  int64_t size_limit;
+  int64_t count_limit;
+  return get_maildirpp_usage_and_limits(maildir, 0, bytes, count, &size_limit,
+                                        &count_limit);
+}
+
+int check_maildirpp_overquota(const char* maildir, int64_t add_bytes,
+                              int64_t add_count) {
+  int64_t bytes;
+  int64_t count;
+  int64_t size_limit;
+  int64_t count_limit;
+  if (!get_maildirpp_usage_and_limits(maildir, 1, &bytes, &count, &size_limit,
+                                      &count_limit))
+    return 0;
+  return exceeds(bytes, add_bytes, size_limit) ||
+         exceeds(count, add_count, count_limit);
+}
+
+int64_t get_mbox_size(const char* mailname, const char* domain,
+                      int in_blocks) {
+  int rc = 0;
+  tavix::unique_free<char> ascii(idn_toascii(domain, &rc));
+  if (!ascii) {
+    errno = 0;
+    messlog2(1, 1, "idn_toascii() failed: %s", idn_strerror(rc));
+  }
+  std::string mailbox = mailbox_dir(ascii.get(), mailname) + "/";
+  if (mailbox.size() > kMaxPath - 2) {
+    errno = 0;
+    messlog2(1, 1, "user mailbox path is too long");
+  }
+  int64_t total = 0;
+  std::string attachments = mailbox + "@attachments";
+  struct stat info;
+  if (lstat(attachments.c_str(), &info) == 0)
+    total = std::max(0LL, get_dir_size(attachments.c_str(), in_blocks));
+  int64_t bytes;
+  int64_t count;
+  if (get_maildirpp_usage((mailbox + "Maildir").c_str(), &bytes, &count))
+    total += bytes;
+  else
+    say("Unable to calculate Maildir++ size: %s", strerror(errno));
+  return total;
+}
+
+int parse_header_string(const char* text, int64_t* size_limit,
+                        int64_t* count_limit) {
+  if (parse_string_common(text, size_limit, count_limit, 1))
+    return 1;
+  *size_limit = kNoLimit;
+  *count_limit = kNoLimit;
+  return 0;
+}
+
+int parse_string_common(const char* text, int64_t* a, int64_t* b,
+                        int header_mode) {
+  if (header_mode)
+    return parse_header(text, a, b);
+  return parse_usage_line(text, a, b);
+}

@@ -1,0 +1,32 @@
+// What happens to mail for a name a hosted domain does not have: a bounce
+// with a text or forwarding to a catch-all address, written as the domain's
+// .qmail-default, or rejection during the SMTP dialogue, by listing the
+// domain and its aliases in control/rejectnonexist.
+//
+// None of these ends the process: failures are reported and give -1.
+#ifndef DRAVNIK_QMAIL_NONEXISTING_MAIL_H_
+#define DRAVNIK_QMAIL_NONEXISTING_MAIL_H_
+
+// Bounces with `text` (null or empty: the default text), or forwards to
+// `address`; either takes the domain off the reject list. 0 or -1.
+int add_bounce(const char* domain, const char* text);
+int add_catch(const char* domain, const char* address);
+// Replaces the domain's .qmail-default with the one delivery line `line`,
+// owned by popuser, mode 0600. 0 or -1.
+int add_qmail_default(const char* domain, const char* line);
+
+// Lists (on 1) or unlists (on 0) the domain and each of its aliases known to
+// the session mail data. add_reject() lists each name exactly once,
+// del_reject() unlists them. 0 or -1.
+int add_reject(const char* domain);
+int del_reject(const char* domain);
+int set_reject(const char* domain, int on);
+// Lists the single name `name` exactly once. 0 or -1.
+int add_reject_for(const char* name);
+// Appends `name` to, or removes it from, the list file `file`. 0 or -1.
+int set_reject_for(const char* file, const char* name, int on);
+// Forms the list file's path in `buffer` (4096 bytes) and creates the file
+// (empty, 0644) when it is missing. 0 or -1.
+int touch_qmail_rejectnonexists_file(char* buffer);
+
+#endif  // DRAVNIK_QMAIL_NONEXISTING_MAIL_H_
