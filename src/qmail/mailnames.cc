@@ -1,0 +1,445 @@
+#include "qmail/mailnames.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "mailauth/auth_records.h"
+#include "maildata/domain_mail_ops.h"
+#include "maildata/session_quota.h"
+#include "qmail/delivery.h"
+#include "qmail/line_file.h"
+#include "qmail/lock.h"
+#include "qmail/maildirpp.h"
+#include "qmail/paths.h"
+#include "util/account.h"
+#include "util/exec.h"
+#include "util/fs.h"
+#include "util/idn.h"
+#include "util/log.h"
+#include "util/names.h"
+#include "util/unique_free.h"
+
+namespace {
+
+using tavix::qmail::mailname_dir;
+using tavix::qmail::mailnames_root;
+using tavix::qmail::qmail_file;
+
+const char kMailUser[] = "popuser";
+const char kNoPopuser[] = "Unable to define UID or GID for user popuser";
+
+// The mailbox tree below the mail name's directory, parents first.
+const char* const kMailboxDirs[] = {
+    "Maildir",           "Maildir/tmp",     "Maildir/new",
+    "Maildir/cur",       "Maildir/.Spam",   "Maildir/.Spam/tmp",
+    "Maildir/.Spam/new", "Maildir/.Spam/cur", "@attachments",
+};
+
+std::string assign() { return qmail_file("/users/assign"); }
+
+[[noreturn]] __attribute__((format(printf, 1, 2))) void fatal(const char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  vmesslog2(1, 0, format, ap);
+  va_end(ap);
+  _exit(1);  // not reached: a non-zero status ends the process
+}
+
+void lower_case(std::string* text) {
+  std::transform(text->begin(), text->end(), text->begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+}
+
+struct MailUser {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  bool found() const { return uid != 0 && gid != 0; }
+};
+
+// popuser's ids, looked up once per process into `cache`; 0 means unknown,
+// since popuser is never root.
+const MailUser& cached_mail_user(MailUser* cache) {
+  if (!cache->found()) {
+    cache->uid = tavix_ugid(kMailUser, 0);
+    cache->gid = tavix_ugid(kMailUser, 1);
+  }
+  return *cache;
+}
+
+MailUser lookup_mail_user() {
+  MailUser user;
+  return cached_mail_user(&user);
+}
+
+// ":popuser:U:G:R/D/M:::", the tail of every assign line that delivers to
+// mail name M's directory.
+std::string home_suffix(const std::string& domain, const std::string& mailname,
+                        const MailUser& user) {
+  return std::string(":") + kMailUser + ":" + std::to_string(user.uid) + ":" +
+         std::to_string(user.gid) + ":" + mailname_dir(domain, mailname) + ":::";
+}
+
+// "=D-N:popuser:U:G:R/D/M:::": N is the address's local part (the mail name
+// or an alias), M the mail name whose directory receives the mail.
+std::string assign_line(const std::string& domain, const std::string& local,
+                        const std::string& mailname, const MailUser& user) {
+  return "=" + domain + "-" + local + home_suffix(domain, mailname, user);
+}
+
+int remove_line(const std::string& line) {
+  return file_str(assign().c_str(), line.c_str(), kLinesRemove, 0);
+}
+
+int prepend_line(const std::string& line) {
+  return file_str(assign().c_str(), line.c_str(), kLinesAdd, kAddPrepend);
+}
+
+// qmail-newu reads the file as root, but other tools expect it world-readable.
+void assign_mode() {
+  if (chmod(assign().c_str(), 0644) != 0)
+    tavix_log(3, "chmod(%s, 0644) failed: %s", assign().c_str(), strerror(errno));
+}
+
+bool valid_names(const char* mailname, const char* domain) {
+  return mailname != nullptr && domain != nullptr && is_mailname_valid(mailname) &&
+         is_domain_name_valid(domain);
+}
+
+// D converted to ASCII; a name libidn refuses ends the run.
+std::string ascii_or_die(const char* domain) {
+  int rc = 0;
+  tavix::unique_free<char> ascii(idn_toascii(domain, &rc));
+  if (!ascii)
+    fatal("idn_toascii() failed: %s", idn_strerror(rc));
+  return ascii.get();
+}
+
+// --- add_mailname -----------------------------------------------------------
+
+MailUser add_mailname_user;
+
+// The end of a partly added mail name.
+[[noreturn]] __attribute__((format(printf, 3, 4))) void undo_add(
+    const char* mailname, const char* domain, const char* format, ...) {
+  int saved = errno;
+  rm_mailname(mailname, domain);
+  errno = saved;
+  va_list ap;
+  va_start(ap, format);
+  vmesslog2(1, 0, format, ap);
+  va_end(ap);
+  _exit(1);
+}
+
+void make_popuser_dir(const char* mailname, const char* domain, const std::string& home,
+                      const char* sub, const MailUser& user) {
+  std::string path = sub ? sub : home;
+  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (sub)
+      undo_add(mailname, domain, "Unable to make %s/%s dir: %s", home.c_str(), sub,
+               strerror(errno));
+    undo_add(mailname, domain, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
+  }
+  if (chown(path.c_str(), user.uid, user.gid) != 0) {
+    if (sub)
+      undo_add(mailname, domain, "Unable to chown %s/%s dir: %s", home.c_str(), sub,
+               strerror(errno));
+    undo_add(mailname, domain, "Unable to chown %s dir: %s", home.c_str(), strerror(errno));
+  }
+}
+
+// --- ch_mailname ------------------------------------------------------------
+
+// Filters `path` through "sed -e <expression>" into a fresh "<path>.mail.XXXXXX"
+// (mode 0644) whose name goes to `*temp`. sed's result, or -1 with nothing
+// left behind when the files could not be opened (reported).
+int sed_into_temp(const std::string& path, const std::string& expression,
+                  std::string* temp) {
+  tavix::UniqueFd in(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!in) {
+    tavix_log(3, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
+    return -1;
+  }
+  std::string name = path + ".mail.XXXXXX";
+  tavix::UniqueFd out(mkstemp(&name[0]));
+  if (!out || fchmod(out.get(), 0644) != 0) {
+    int saved = errno;
+    if (out)
+      unlink(name.c_str());
+    tavix_log(3, "Unable to create temporary file: %s", strerror(saved));
+    return -1;
+  }
+  *temp = name;
+  pid_t pid = fork_execl_pipes(in.get(), out.get(), STDERR_FILENO, "/bin/sed", "sed", "-e",
+                               expression.c_str(), static_cast<char*>(nullptr));
+  return fork_exec_getres(pid, "/bin/sed");
+}
+
+bool sed_failed(int result) { return result == 127 || result < 0; }
+
+// Re-points every assign line that ends with the old home directory (the
+// alias lines) at the new one; sed's result goes to `*sed_result`. -1 when
+// the file could not be locked or filtered at all, else 0.
+int repoint_aliases(const std::string& from, const std::string& to, int* sed_result) {
+  const std::string path = assign();
+  tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
+  if (!lock.locked()) {
+    tavix_log(3, "Error occurred while locking %s file", path.c_str());
+    return -1;
+  }
+  std::string temp;
+  int result = sed_into_temp(path, "s|" + from + "$|" + to + "|g", &temp);
+  if (temp.empty())
+    return -1;
+  *sed_result = result;
+  if (sed_failed(result)) {
+    unlink(temp.c_str());
+    tavix_log(3, "Unable to change aliases in %s\n", path.c_str());
+  } else if (rename(temp.c_str(), path.c_str()) != 0) {
+    tavix_log(3, "rename failed: %s\n", strerror(errno));
+  }
+  if (lock.release() != 0)
+    tavix_log(3, "Error occurred while unlocking %s file\n", path.c_str());
+  return 0;
+}
+
+// Moves the authentication records of OLD to NEW (with a password) or
+// drops them (without one). 0 or -1; `sed_result` decides in the
+// no-password case, as the caller has always had it.
+int move_auth_records(const char* old_name, const char* domain, const char* new_name,
+                      const char* password, int sed_result) {
+  if (password == nullptr || *password == '\0') {
+    if (rm_mname_from_domains(old_name, domain) < 0)
+      tavix_log(3, "Unable to delete auth records for %s@%s", old_name, domain);
+    return sed_result == 0 ? 0 : -1;
+  }
+  int failed = 0;
+  auto rename_in = [&](const char* in_domain) {
+    if (mailAuthRename(old_name, new_name, in_domain) != 0) {
+      tavix_log(3, "Unable to rename auth record %s@%s -> %s@%s", old_name, in_domain,
+                new_name, in_domain);
+      failed = 1;
+    }
+  };
+  rename_in(domain);
+  tavix::StringArray aliases;
+  if (get_domaliases_by_domain(nullptr, aliases.out(), domain) < 0) {
+    tavix_log(3, "Unable to get domain aliases for domain %s", domain);
+    return -1;
+  }
+  for (const char* alias : aliases)
+    rename_in(alias);
+  return failed ? -1 : 0;
+}
+
+// Turns OLD@ into NEW@ in the delivery lines of the renamed mail name's
+// .qmail. Failures are reported only: the rename stands.
+void rename_in_dotqmail(const char* old_name, const char* domain, const char* new_name) {
+  const std::string path = mailname_dir(domain, new_name) + "/.qmail";
+  tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
+  if (!lock.locked()) {
+    tavix_log(3, "Error occurred while locking %s file", path.c_str());
+    return;
+  }
+  std::string temp;
+  int result = sed_into_temp(
+      path, std::string("s|") + old_name + "@|" + new_name + "@|g", &temp);
+  if (!temp.empty()) {
+    if (sed_failed(result)) {
+      unlink(temp.c_str());
+      tavix_log(3, "Unable to change mailname in dot-qmail in %s\n", path.c_str());
+    } else if (rename(temp.c_str(), path.c_str()) != 0) {
+      tavix_log(3, "rename failed: %s\n", strerror(errno));
+      unlink(temp.c_str());
+    } else {
+      if (chmod(path.c_str(), 0600) != 0)
+        tavix_log(3, "chmod failed: %s\n", strerror(errno));
+      if (chown(path.c_str(), tavix_ugid(kMailUser, 0), tavix_ugid(kMailUser, 1)) != 0)
+        tavix_log(3, "chown failed: %s\n", strerror(errno));
+    }
+  }
+  if (lock.release() != 0)
+    tavix_log(3, "Error occurred while unlocking %s file\n", path.c_str());
+}
+
+}  // namespace
+
+int add_mailname(const char* mailname, const char* domain) {
+  if (!valid_names(mailname, domain))
+    fatal("invalid mailname or domain name.");
+  tavix::unique_free<char> converted(idn_toascii_safe(domain));
+  if (!converted)
+    fatal("Unable to allocate memory");
+  const char* ascii = converted.get();
+  const MailUser& user = cached_mail_user(&add_mailname_user);
+  if (!user.found())
+    fatal("%s", kNoPopuser);
+
+  std::string line = assign_line(ascii, mailname, mailname, user);
+  lower_case(&line);
+  if (remove_line(line) != 0)
+    tavix_log(3, "Unable to remove record for %s from assign file", mailname);
+  if (prepend_line(line) != 0)
+    undo_add(mailname, ascii, "Unable to add record for %s to assign file", mailname);
+  assign_mode();
+
+  std::string home = mailname_dir(ascii, mailname);
+  lower_case(&home);
+  make_popuser_dir(mailname, ascii, home, nullptr, user);
+
+  char saved_cwd[PATH_MAX];
+  if (getcwd(saved_cwd, sizeof(saved_cwd)) == nullptr)
+    undo_add(mailname, ascii, "Unable to getcwd: %s", strerror(errno));
+  if (chdir(home.c_str()) != 0)
+    undo_add(mailname, ascii, "Unable to chdir %s: %s", home.c_str(), strerror(errno));
+
+  char dotqmail[4096];
+  if (get_dotqmail_path(dotqmail, sizeof(dotqmail), mailname, ascii) != 0 ||
+      dotqmail_reset(dotqmail) != 0)
+    return -1;
+  for (const char* sub : kMailboxDirs)
+    make_popuser_dir(mailname, ascii, home, sub, user);
+  if (rm_mbox_quota(ascii, mailname) == 0)
+    undo_add(mailname, ascii, "Unable to initialize quota settings for %s@%s", mailname, ascii);
+  if (chdir(saved_cwd) != 0)
+    undo_add(mailname, ascii, "Unable to chdir %s: %s", saved_cwd, strerror(errno));
+  return 0;
+}
+
+int rm_mailname(const char* mailname, const char* domain) {
+  if (!valid_names(mailname, domain))
+    fatal("empty mailname or maildomain");
+  std::string ascii = ascii_or_die(domain);
+  MailUser user = lookup_mail_user();
+  if (!user.found())
+    fatal("Unable to get popuser uid or gid\n");
+  if (remove_line(assign_line(ascii, mailname, mailname, user)) != 0)
+    tavix_log(3, "Unable to remove %s mailbox record from assign file", mailname);
+  assign_mode();
+  if (mailAuthRemove(mailname, ascii.c_str()) != 0)
+    return -1;
+  rm_tree(mailname_dir(ascii, mailname).c_str(), 1);
+  return 0;
+}
+
+namespace {
+
+MailUser alias_user;
+
+// The lower-cased line of alias A of mailname@domain, after the checks the
+// two alias functions share.
+std::string alias_line(const char* mailname, const char* domain, const char* alias,
+                       const char* no_user) {
+  if (!valid_names(mailname, domain) || alias == nullptr || !is_mailname_valid(alias))
+    fatal("empty mailname, maildomain or mailalias");
+  std::string ascii = ascii_or_die(domain);
+  const MailUser& user = cached_mail_user(&alias_user);
+  if (!user.found())
+    fatal("%s", no_user);
+  std::string line = assign_line(ascii, alias, mailname, user);
+  lower_case(&line);
+  return line;
+}
+
+}  // namespace
+
+int add_mn_alias(const char* mailname, const char* domain, const char* alias) {
+  std::string line = alias_line(mailname, domain, alias, kNoPopuser);
+  if (remove_line(line) != 0)
+    tavix_log(3, "Unable to remove record from assign file");
+  if (prepend_line(line) != 0)
+    fatal("Unable to add record to assign file");
+  assign_mode();
+  return 0;
+}
+
+int rm_mn_alias(const char* mailname, const char* domain, const char* alias) {
+  std::string line = alias_line(mailname, domain, alias, "Unable to get popuser uid or gid\n");
+  if (remove_line(line) != 0)
+    tavix_log(3, "Unable to remove record from assign file");
+  assign_mode();
+  return 0;
+}
+
+int add_mn_postbox(const char* mailname, const char* domain, const char* password,
+                   uint8_t flag) {
+  if (mailname == nullptr || !is_mailname_valid(mailname)) {
+    tavix_log(3, "empty mailname or maildomain");
+    return -1;
+  }
+  if (set_postbox_passwd(mailname, domain, password, flag) != 0) {
+    tavix_log(3, "unable to set password");
+    return -1;
+  }
+  if (add_mailname_delivery(mailname, domain) != 0) {
+    rm_mn_postbox(mailname, domain);
+    return -1;
+  }
+  if (rm_mbox_quota(domain, mailname) == 0) {
+    tavix_log(3, "Unable to initialize quota settings for %s@%s", mailname, domain);
+    return -1;
+  }
+  return 0;
+}
+
+int rm_mn_postbox(const char* mailname, const char* domain) {
+  if (mailname == nullptr || !is_mailname_valid(mailname)) {
+    tavix_log(3, "empty mailname or maildomain");
+    return -1;
+  }
+  if (mailAuthRemove(mailname, domain) != 0)
+    return -1;
+  return remove_mailname_delivery(mailname, domain);
+}
+
+int ch_mailname(const char* old_mailname, const char* domain, const char* new_mailname,
+                const char* password) {
+  if (!valid_names(old_mailname, domain) || new_mailname == nullptr ||
+      !is_mailname_valid(new_mailname))
+    fatal("empty mailname or maildomain");
+  MailUser user = lookup_mail_user();
+  if (!user.found())
+    fatal("%s", kNoPopuser);
+
+  const std::string old_line = assign_line(domain, old_mailname, old_mailname, user);
+  const std::string new_line = assign_line(domain, new_mailname, new_mailname, user) + "\n";
+  if (remove_line(old_line) != 0)
+    fatal("Unable to remove record from assign file");
+  if (prepend_line(new_line) != 0) {
+    prepend_line(old_line);
+    fatal("Unable to add record to assign file");
+  }
+  assign_mode();
+  if (rename_dir(mailname_dir(domain, old_mailname).c_str(),
+                 mailname_dir(domain, new_mailname).c_str()) != 0) {
+    remove_line(new_line);
+    prepend_line(old_line);
+    fatal("Unable to rename directory");
+  }
+
+  int sed_result = 0;
+  if (repoint_aliases(home_suffix(domain, old_mailname, user),
+                      home_suffix(domain, new_mailname, user), &sed_result) != 0)
+    return -1;
+  if (move_auth_records(old_mailname, domain, new_mailname, password, sed_result) != 0)
+    return -1;
+  rename_in_dotqmail(old_mailname, domain, new_mailname);
+  return 0;
+}
+
+int set_quota(const char* domain, const char* mailname, int64_t bytes) {
+  int stored = bytes < 0 ? rm_mbox_quota(domain, mailname)
+                         : store_mbox_quota(domain, mailname, bytes);
+  return stored != 0 ? 0 : -1;
+}
