@@ -12,6 +12,7 @@
 
 namespace {
 
+using tavix::test::AuthFlags;
 using tavix::test::Attributes;
 using tavix::test::attributes_of;
 using tavix::test::exists;
@@ -31,18 +32,6 @@ std::string DomainLine(const std::string& d) {
 }
 std::string MailnameLine(const std::string& d, const std::string& m) {
   return "=" + d + "-" + m + ":popuser:110:110:/var/qmail/mailnames/" + d + "/" + m + ":::\n";
-}
-
-// Flags of the address's authentication record; -1 when there is none.
-int AuthFlags(const char* address) {
-  int flags = -1;
-  mailAuthCheck(address,
-                [](const char*, const char*, uint8_t f, void* data) {
-                  *static_cast<int*>(data) = f;
-                  return 1;
-                },
-                &flags);
-  return flags;
 }
 
 class MailDomainsTest : public testing::Test {

@@ -19,6 +19,7 @@
 
 namespace {
 
+using tavix::test::AuthFlags;
 using tavix::test::Attributes;
 using tavix::test::attributes_of;
 using tavix::test::CaptureStreams;
@@ -50,18 +51,6 @@ std::string FirstLine(const std::string& path) {
   std::string line;
   std::getline(lines, line);
   return line;
-}
-
-// Flags of the address's authentication record; -1 when there is none.
-int AuthFlags(const char* address) {
-  int flags = -1;
-  mailAuthCheck(address,
-                [](const char*, const char*, uint8_t f, void* data) {
-                  *static_cast<int*>(data) = f;
-                  return 1;
-                },
-                &flags);
-  return flags;
 }
 
 // Runs every "|" line of the mail name's .qmail as qmail's local delivery

@@ -19,6 +19,7 @@
 #include <ostream>
 #include <string>
 
+#include "mailauth/auth_records.h"
 #include "util/test_support.h"
 
 namespace tavix {
@@ -211,6 +212,18 @@ ChildOutcome RunInChild(Body body) {
   if (pid < 0 || waitpid(pid, &outcome.status, 0) != pid)
     ADD_FAILURE() << "fork or waitpid";
   return outcome;
+}
+
+// Flags of the address's authentication record; -1 when there is none.
+inline int AuthFlags(const char* address) {
+  int flags = -1;
+  mailAuthCheck(address,
+                [](const char*, const char*, uint8_t f, void* data) {
+                  *static_cast<int*>(data) = f;
+                  return 1;
+                },
+                &flags);
+  return flags;
 }
 
 }  // namespace test
