@@ -54,3 +54,10 @@ def sandbox(host_before):
     finally:
         box.cleanup()
     assert_host_unchanged(host_before)
+
+
+@pytest.fixture
+def mail_sandbox(sandbox):
+    """A fresh sandbox with the authentication and handlers databases."""
+    sandbox.init_databases()
+    return sandbox

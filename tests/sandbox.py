@@ -541,6 +541,15 @@ class Sandbox:
             "--clearenv", "--setenv", "PATH", DEFAULT_PATH,
         ]
 
+    def init_databases(self):
+        """Creates the authentication database with its key and the handlers
+        database, as installing the product on a mail server does."""
+        driver = Path(os.environ.get("INIT_DATABASES")
+                      or REPO / "build" / "tests" / "drivers" / "init_databases")
+        result = self.run_raw([str(driver)])
+        if result.rc != 0:
+            raise SandboxError("cannot create the databases: %s" % result.err)
+
     def run(self, *args, env=None, stdin=None, input_bytes=None, timeout=120):
         """Runs dravnik with `args` as root in the sandbox.  `stdin` is text
         for its standard input, `input_bytes` bytes; /dev/null otherwise."""
