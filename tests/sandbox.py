@@ -33,6 +33,7 @@ import fcntl
 import hashlib
 import json
 import os
+import select
 import shlex
 import shutil
 import sqlite3
@@ -40,6 +41,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -329,6 +331,46 @@ def _pipe_above_stdio():
     return ends
 
 
+def _run_on_terminal(command, pass_fds, timeout, prompt, answer):
+    """Runs `command` with a pseudo-terminal as standard input and output, as
+    an operator at a console would; once `prompt` has appeared, types
+    `answer` and an end of input (^D).  Returns what subprocess.run would,
+    with the terminal's transcript (echo included) as stdout."""
+    master, slave = os.openpty()
+    try:
+        proc = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=subprocess.PIPE,
+                                pass_fds=pass_fds)
+    finally:
+        os.close(slave)
+    transcript, answered = b"", False
+    deadline = time.monotonic() + timeout
+    try:
+        while True:
+            remaining = deadline - time.monotonic()
+            if remaining <= 0:
+                proc.kill()
+                raise subprocess.TimeoutExpired(command, timeout)
+            if not select.select([master], [], [], remaining)[0]:
+                continue
+            try:
+                chunk = os.read(master, 4096)
+            except OSError:  # EIO: the program and its children are gone
+                break
+            if not chunk:
+                break
+            transcript += chunk
+            if not answered and prompt.encode() in transcript:
+                os.write(master, answer.encode() + b"\n\x04")
+                answered = True
+    finally:
+        os.close(master)
+    stderr = proc.stderr.read()
+    proc.stderr.close()
+    proc.wait()
+    return subprocess.CompletedProcess(command, proc.returncode,
+                                       transcript.replace(b"\r\n", b"\n"), stderr)
+
+
 def _read_lines(path):
     try:
         with open(path) as f:
@@ -550,7 +592,24 @@ class Sandbox:
         if result.rc != 0:
             raise SandboxError("cannot create the databases: %s" % result.err)
 
-    def run(self, *args, env=None, stdin=None, input_bytes=None, timeout=120):
+    def deliver(self, home, message):
+        """Delivers `message` as qmail's local delivery would through the
+        .qmail file in the mailbox directory `home`: each "|" line through
+        the shell, as popuser, in `home`, with the message as a file on
+        standard input.  The first non-zero exit status, or 0."""
+        self.write(RECORD_DIR + "/message", message)
+        for line in self.read(home + "/.qmail").splitlines():
+            if not line.startswith("|"):
+                continue
+            script = "cd %s && %s < %s/message" % (shlex.quote(home), line[1:], RECORD_DIR)
+            result = self.run_raw(["/usr/bin/setpriv", "--reuid=%d" % POPUSER_UID,
+                                   "--regid=%d" % POPUSER_GID, "--clear-groups",
+                                   "/bin/sh", "-c", script])
+            if result.rc != 0:
+                return result.rc
+        return 0
+
+    def run(self, *args, env=None, stdin=None, input_bytes=None, timeout=120, terminal=None):
         """Runs dravnik with `args` as root in the sandbox.  `stdin` is text
         for its standard input, `input_bytes` bytes; /dev/null otherwise."""
         if not os.access(self.dravnik, os.X_OK):
@@ -559,12 +618,14 @@ class Sandbox:
         if any(_under(str(self.dravnik), p) for p in FRESH_DIRS + PRIVATE_PATHS):
             raise SandboxError("%s is not visible inside the sandbox" % self.dravnik)
         return self.run_raw([str(self.dravnik), *args], env=env, stdin=stdin,
-                            input_bytes=input_bytes, timeout=timeout)
+                            input_bytes=input_bytes, timeout=timeout, terminal=terminal)
 
     def run_raw(self, argv, env=None, stdin=None, input_bytes=None, timeout=120,
-                capture=True):
+                capture=True, terminal=None):
         """Runs any command in the sandbox, beside the stand-in qmail-send.
-        With capture=False the command shares this process's terminal."""
+        With capture=False the command shares this process's terminal; with
+        terminal=(prompt, answer) it gets a pseudo-terminal of its own, on
+        which `answer` is typed once `prompt` has appeared."""
         if stdin is not None and input_bytes is not None:
             raise ValueError("give stdin or input_bytes, not both")
         if stdin is not None:
@@ -585,7 +646,10 @@ class Sandbox:
                 else:
                     options.update(input=input_bytes)
             try:
-                proc = subprocess.run(command, **options)
+                if terminal is not None:
+                    proc = _run_on_terminal(command, (status_write,), timeout, *terminal)
+                else:
+                    proc = subprocess.run(command, **options)
             except subprocess.TimeoutExpired:
                 raise SandboxError("%s did not end within %d seconds" % (shlex.join(argv), timeout))
             finally:
@@ -642,6 +706,10 @@ def report(sandbox, result, changes, out=sys.stdout):
     section("stdout", result.out)
     section("stderr", result.err)
     out.write("exit status: %d\n%s\n" % (result.rc, result.summary()))
+    report_changes(sandbox, changes, out)
+
+
+def report_changes(sandbox, changes, out=sys.stdout):
     if changes:
         out.write("files changed:\n%s\n" % sandbox.describe(changes))
     else:

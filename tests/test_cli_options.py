@@ -49,12 +49,18 @@ def assert_fatal(res, text):
     assert (res.rc, res.err, res.out) == (1, line, line)
 
 
-# Foundation stage: a command whose options parse cleanly stops right there
-# with exit status 1 and a notice on stderr only.  Once the commands do their
-# work, this is the one place to change.
-def assert_options_accepted(res):
-    assert res.rc == 1
-    assert res.out == ""
+# Markers of the errors that end a run before the command does its work:
+# the option library quotes the option it complains about, the name checks
+# say "incorrect format".
+PARSE_FAILURES = ("option '", "mandatory option", "incorrect format")
+
+
+def assert_options_accepted(sandbox, res, word):
+    """The command line got the command to its work.  In a sandbox without
+    domains or databases the work itself may well fail; what matters is that
+    no option error, name error or help text came first."""
+    assert help_of(sandbox, word) not in res.out
+    assert not [m for m in PARSE_FAILURES if m in res.err], res.err
 
 
 # ---------------------------------------------------------------------------
@@ -183,10 +189,10 @@ def test_invalid_name_is_fatal(sandbox, args, quoted, suffix):
     ("--rename-domain", "--old-domain-name=example.com", "--new-domain-name=example.org"),
 ], ids=lambda args: args[0] if isinstance(args, tuple) else None)
 def test_valid_options_are_accepted(sandbox, args):
-    assert_options_accepted(sandbox.run(*args))
+    assert_options_accepted(sandbox, sandbox.run(*args), args[0])
 
 
 @pytest.mark.parametrize("command", COMMANDS, ids=command_ids(COMMANDS))
 def test_mandatory_options_alone_are_enough(sandbox, command):
     given = [f"--{name}={SAMPLE[name]}" for name in mandatory_names(command)]
-    assert_options_accepted(sandbox.run(command.word, *given))
+    assert_options_accepted(sandbox, sandbox.run(command.word, *given), command.word)

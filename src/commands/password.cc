@@ -20,6 +20,8 @@ bool takeEnv(char const* name, char const** value) {
 
 int get_env_password(char const** password, int* crypted) {
   if (takeEnv("ZON_PASSWORD", password)) {
+    // The plain password wins; the unused hash must not reach a child either.
+    unsetenv("ZON_CRYPTED_PASSWORD");
     *crypted = 0;
     return 0;
   }

@@ -43,7 +43,7 @@ TEST_F(PasswordTest, TakesOneVariableAndRemovesIt) {
     bool cryptedLeft;
   };
   std::vector<Case> const cases = {
-      {"secret", "$1$salt$hash", 0, "secret", 0, false, true},
+      {"secret", "$1$salt$hash", 0, "secret", 0, false, false},
       {"secret", nullptr, 0, "secret", 0, false, false},
       {nullptr, "$1$salt$hash", 0, "$1$salt$hash", 1, false, false},
       {"", "$1$salt$hash", 0, "$1$salt$hash", 1, true, false},
