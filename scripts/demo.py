@@ -8,13 +8,15 @@ later steps see what earlier ones did.  A step whose exit status differs
 from the expected one is reported, and makes the demo fail at the end."""
 
 import argparse
+import json
 import shlex
 import sys
 from dataclasses import dataclass, field
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests"))
-from sandbox import Sandbox, SandboxError, changed_files, report  # noqa: E402
+from sandbox import (Sandbox, SandboxError, changed_files, report,  # noqa: E402
+                     report_changes)
 
 
 @dataclass
@@ -24,21 +26,92 @@ class Step:
     expect: int = 0                             # exit status
     env: dict = field(default_factory=dict)     # e.g. {"ZON_PASSWORD": "..."}
     stdin: str = None                           # JSON mail data, when the step reads it
+    deliver: str = None                         # a mailbox directory: deliver MESSAGE there
 
+
+def mail_data(domain, aliases=(), mails=(), quota_mb=None):
+    """The session mail data document that the panel writes on standard
+    input: the domain, its aliases and its mail names with their aliases."""
+    data = {"name": domain, "dom_aliases": list(aliases), "maillists": [],
+            "mails": [{"name": name, "aliases": list(al)} for name, al in mails]}
+    if quota_mb is not None:
+        data.update(mbox_quota=quota_mb, mbox_quota_unit="MB")
+    return json.dumps({"domain": data}, indent=1) + "\n"
+
+
+D, A, NEW = "example.com", "example.net", "example.org"
+MAILS = [("john", ["info"]), ("mary", [])]
+MESSAGE = ("From: alice@example.org\nTo: info@example.com\nSubject: Hello\n\n"
+           "A first message through the mailbox that dravnik made.\n")
+JOHN_HOME = "/var/qmail/mailnames/%s/john" % D
 
 STEPS = [
-    Step("The short usage", ["--help"]),
     Step("The list of commands", ["--help-commands"]),
-    Step("The options of one command", ["--add-mailname", "--help"]),
-    Step("A mandatory option is missing",
-         ["--add-mailname", "--domain-name=example.com"], expect=1),
-    Step("An invalid domain name is refused",
-         ["--add-domain", "--domain-name=exa_mple.com"], expect=1),
-    Step("An unknown command", ["--add-everything"], expect=1),
+    Step("Add a mail domain (its session data on standard input)",
+         ["--add-domain", "--domain-name=" + D, "--wait-stdin"], stdin=mail_data(D)),
+    Step("Give it a domain alias; mail to unknown names there is rejected",
+         ["--add-domain-alias", "--domain-name=" + D, "--domain-alias-name=" + A,
+          "--set-reject", "--wait-stdin"], stdin=mail_data(D, [A])),
+    Step("Add the mail name john with a 10 MB mailbox quota",
+         ["--add-mailname", "--domain-name=" + D, "--mailname=john", "--disk-quota=10485760"]),
+    Step("Give john a mailbox and a password (encrypted in the database)",
+         ["--add-mailbox", "--domain-name=" + D, "--mailname=john", "--wait-stdin"],
+         env={"ZON_PASSWORD": "correct horse"}, stdin=mail_data(D, [A], [("john", [])])),
+    Step("Add mary, who takes the domain's default quota of 5 MB",
+         ["--add-mailname", "--domain-name=" + D, "--mailname=mary", "--wait-stdin"],
+         stdin=mail_data(D, [A], MAILS, quota_mb=5)),
+    Step("Give mary a mailbox with a password that is already a crypt hash",
+         ["--add-mailbox", "--domain-name=" + D, "--mailname=mary", "--wait-stdin"],
+         env={"ZON_CRYPTED_PASSWORD": "$6$salt$8Vb0TpN7/hashed"},
+         stdin=mail_data(D, [A], MAILS)),
+    Step("john also receives mail as info@",
+         ["--add-alias", "--domain-name=" + D, "--mailname=john", "--alias=info",
+          "--wait-stdin"], stdin=mail_data(D, [A], MAILS)),
+    Step("qmail delivers a message through john's .qmail (Courier deliverquota)",
+         [], deliver=JOHN_HOME),
+    Step("The size of john's mailbox, in bytes",
+         ["--get-mailbox-size", "--domain-name=" + D, "--mailname=john"]),
+    Step("A new password for john",
+         ["--set-password", "--domain-name=" + D, "--mailname=john", "--wait-stdin"],
+         env={"ZON_PASSWORD": "battery staple"}, stdin=mail_data(D, [A], MAILS)),
+    Step("mary's mailbox gets 20 MB",
+         ["--set-mailbox-disk-quota", "--domain-name=" + D, "--mailname=mary",
+          "--disk-quota=20971520", "--default-domain-quota=5242880"]),
+    Step("Rename john to jon (the password is given again)",
+         ["--rename-mailname", "--domain-name=" + D, "--old-mailname=john",
+          "--new-mailname=jon", "--wait-stdin"],
+         env={"ZON_PASSWORD": "battery staple"}, stdin=mail_data(D, [A], MAILS)),
+    Step("A mail name for a domain that is not there is refused",
+         ["--add-mailname", "--domain-name=example.invalid", "--mailname=john",
+          "--disk-quota=-1"], expect=1),
+    Step("Rename the domain",
+         ["--rename-domain", "--old-domain-name=" + D, "--new-domain-name=" + NEW]),
+    Step("Turn the domain off (its alias with it)",
+         ["--turn-off-domain", "--domain-name=" + NEW, "--wait-stdin"],
+         stdin=mail_data(NEW, [A], [("jon", ["info"]), ("mary", [])])),
+    Step("Turn it on again; unknown names now bounce",
+         ["--turn-on-domain", "--domain-name=" + NEW, "--set-bounce",
+          "--phrase", "No such mailbox here.", "--wait-stdin"],
+         stdin=mail_data(NEW, [A], [("jon", ["info"]), ("mary", [])])),
+    Step("Remove the alias info@",
+         ["--remove-alias", "--domain-name=" + NEW, "--mailname=jon", "--alias=info",
+          "--wait-stdin"], stdin=mail_data(NEW, [A], [("jon", ["info"]), ("mary", [])])),
+    Step("Remove mary altogether",
+         ["--remove-mailname", "--domain-name=" + NEW, "--mailname=mary", "--wait-stdin"],
+         stdin=mail_data(NEW, [A], [("jon", []), ("mary", [])])),
+    Step("Remove the domain alias",
+         ["--del-domain-alias", "--domain-name=" + NEW, "--domain-alias-name=" + A,
+          "--wait-stdin"], stdin=mail_data(NEW, [A], [("jon", [])])),
+    Step("Remove the domain",
+         ["--remove-domain", "--domain-name=" + NEW, "--wait-stdin"],
+         stdin=mail_data(NEW, [], [("jon", [])])),
 ]
 
 
 def shown_command(step):
+    if step.deliver is not None:
+        return ("$ (as qmail-local) cd %s && each '|' line of .qmail < message\n%s"
+                % (step.deliver, MESSAGE.rstrip("\n")))
     words = ["%s=%s" % (k, shlex.quote(v)) for k, v in step.env.items()]
     words += ["dravnik"] + [shlex.quote(a) for a in step.args]
     line = "$ " + " ".join(words)
@@ -55,14 +128,21 @@ def main():
     box = Sandbox(opts.dir)
     unexpected = []
     try:
+        box.init_databases()  # as installing the product on a server does
         print("dravnik demo: sandbox in %s, host name %s\n" % (box.dir, box.hostname()))
         for number, step in enumerate(STEPS, start=1):
             print("=== %d. %s ===" % (number, step.title))
             print(shown_command(step), flush=True)
             before = box.snapshot()
-            result = box.run(*step.args, env=step.env, stdin=step.stdin)
-            report(box, result, changed_files(before, box.snapshot()))
-            if result.rc != step.expect:
+            if step.deliver is not None:
+                rc = box.deliver(step.deliver, MESSAGE)
+                print("exit status: %d" % rc)
+                report_changes(box, changed_files(before, box.snapshot()))
+            else:
+                result = box.run(*step.args, env=step.env, stdin=step.stdin)
+                rc = result.rc
+                report(box, result, changed_files(before, box.snapshot()))
+            if rc != step.expect:
                 print("!!! expected exit status %d" % step.expect)
                 unexpected.append(number)
             print()

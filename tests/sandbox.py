@@ -62,6 +62,7 @@ LOG_DIR = RECORD_DIR + "/log"
 HUP_LOG = LOG_DIR + "/hups"
 NEWU_LOG = LOG_DIR + "/qmail-newu.calls"
 INIT_LOG = LOG_DIR + "/init.calls"
+AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
 
 # Every path the program may change or whose content a test sets up.  Each
 # sandbox holds its own copy of these under <dir>/root.
@@ -765,6 +766,9 @@ def main(argv=None):
             argv = opts.args if opts.raw else [str(sandbox.dravnik), *opts.args]
             result = sandbox.run_raw(argv, env=env, capture=False, timeout=None)
             return result.rc if 0 <= result.rc <= 255 else 1
+        if not opts.raw and not sandbox.exists(AUTH_DB):
+            # A mail server has its databases from installation on.
+            sandbox.init_databases()
         before = sandbox.snapshot()
         if opts.raw:
             result = sandbox.run_raw(opts.args, env=env, input_bytes=data)

@@ -1,9 +1,11 @@
 // Commands on aliases of a mail name and on domain aliases.
 #include <string>
 
+#include "commands/backend.h"
 #include "commands/command_options.h"
 #include "commands/commands.h"
-#include "commands/unavailable.h"
+#include "commands/mail_db_reader.h"
+#include "commands/nonexisting_action.h"
 #include "commands/usage.h"
 
 namespace po = boost::program_options;
@@ -11,6 +13,8 @@ namespace po = boost::program_options;
 namespace tavix {
 namespace mail {
 namespace dravnik_commands {
+
+namespace backend = tavix::mail::qmail::dravnik_commands;
 
 namespace {
 
@@ -24,16 +28,23 @@ void parseReportingErrors(ProgramOptionsHelper& helper, int argc, char** argv) {
   }
 }
 
+typedef int (*MailnameAliasBackend)(std::string const& domain, std::string const& mailname,
+                                    std::string const& alias);
+
 // "--add-alias" and "--remove-alias" take the same options and values.
-int mailnameAliasCommand(char const* purpose, char const* usageLine, int argc, char** argv) {
+int mailnameAliasCommand(char const* purpose, char const* usageLine, MailnameAliasBackend run,
+                         int argc, char** argv) {
   ProgramOptionsHelper helper(purpose, usageLine);
   formAliasOptions(helper);
   parseReportingErrors(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  [[maybe_unused]] std::string const alias = mailnameValue(helper, "alias");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  std::string const alias = mailnameValue(helper, "alias");
+  CommandMailData const data(
+      MailDbOptionsProcessor(helper).withDomain(domain).withMailname(mailname).withMailAlias(alias),
+      true);
+  return run(domain, mailname, alias);
 }
 
 }  // namespace
@@ -52,12 +63,13 @@ void formDomainAliasOptions(ProgramOptionsHelper& helper) {
 }
 
 int addAlias(int argc, char** argv) {
-  return mailnameAliasCommand("add alias for a given mailname", kAddAliasUsage, argc, argv);
+  return mailnameAliasCommand("add alias for a given mailname", kAddAliasUsage,
+                              backend::addAlias, argc, argv);
 }
 
 int removeAlias(int argc, char** argv) {
-  return mailnameAliasCommand("remove alias for a given mailname", kRemoveAliasUsage, argc,
-                              argv);
+  return mailnameAliasCommand("remove alias for a given mailname", kRemoveAliasUsage,
+                              backend::removeAlias, argc, argv);
 }
 
 int addDomainAlias(int argc, char** argv) {
@@ -66,9 +78,12 @@ int addDomainAlias(int argc, char** argv) {
   formNotexistingMailOptions(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const alias = domainValue(helper, "domain-alias-name");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const alias = domainValue(helper, "domain-alias-name");
+  CommandMailData const data(
+      MailDbOptionsProcessor(helper).withDomain(domain).withDomainAlias(alias), true);
+  NonexistingMailnamesAction const action = buildNotexistingMailnamesAction(helper);
+  return backend::addDomainAlias(domain, alias, action, true);
 }
 
 int removeDomainAlias(int argc, char** argv) {
@@ -76,9 +91,11 @@ int removeDomainAlias(int argc, char** argv) {
   formDomainAliasOptions(helper);
   parseReportingErrors(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const alias = domainValue(helper, "domain-alias-name");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const alias = domainValue(helper, "domain-alias-name");
+  CommandMailData const data(
+      MailDbOptionsProcessor(helper).withDomain(domain).withDomainAlias(alias), true);
+  return backend::removeDomainAlias(domain, alias, true);
 }
 
 int renameDomainAlias(int argc, char** argv) {
@@ -91,10 +108,15 @@ int renameDomainAlias(int argc, char** argv) {
   formNotexistingMailOptions(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const oldAlias = domainValue(helper, "old-domain-alias-name");
-  [[maybe_unused]] std::string const newAlias = domainValue(helper, "new-domain-alias-name");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const oldAlias = domainValue(helper, "old-domain-alias-name");
+  std::string const newAlias = domainValue(helper, "new-domain-alias-name");
+  // The session knows the alias by its old name: that is whose records the
+  // back end finds and moves.
+  CommandMailData const data(
+      MailDbOptionsProcessor(helper).withDomain(domain).withDomainAlias(oldAlias), true);
+  NonexistingMailnamesAction const action = buildNotexistingMailnamesAction(helper);
+  return backend::renameDomainAlias(domain, oldAlias, newAlias, action);
 }
 
 }  // namespace dravnik_commands

@@ -65,6 +65,19 @@ class MailDbStdinReader {
   MailDbOptionsProcessor const& processor_;
 };
 
+// A command's session mail data: gathered when constructed, from the options
+// or from standard input. The reader refers to its processor, so the two are
+// kept together until the command has called the back end.
+class CommandMailData {
+ public:
+  CommandMailData(MailDbOptionsProcessor const& processor, bool dataNeeded)
+      : processor_(processor), reader_(processor_, dataNeeded) {}
+
+ private:
+  MailDbOptionsProcessor const processor_;
+  MailDbStdinReader const reader_;
+};
+
 }  // namespace dravnik_commands
 }  // namespace mail
 }  // namespace tavix

@@ -1,17 +1,38 @@
 // Commands on one mail name of a domain, its mailbox and the quotas.
+#include <cstdint>
+#include <iostream>
 #include <string>
 
+#include "commands/backend.h"
 #include "commands/command_options.h"
 #include "commands/commands.h"
+#include "commands/mail_db_reader.h"
 #include "commands/password.h"
-#include "commands/unavailable.h"
 #include "commands/usage.h"
+#include "qmail/maildirpp.h"
 
 namespace po = boost::program_options;
+namespace backend = tavix::mail::qmail::dravnik_commands;
 
 namespace tavix {
 namespace mail {
 namespace dravnik_commands {
+
+namespace {
+
+// The command line's mail data about `domain`, with `mailname` (when given)
+// among its mail names.
+MailDbOptionsProcessor mailDataOptions(ProgramOptionsHelper const& helper,
+                                       std::string const& domain,
+                                       std::string const* mailname) {
+  MailDbOptionsProcessor processor(helper);
+  processor.withDomain(domain);
+  if (mailname != nullptr)
+    processor.withMailname(*mailname);
+  return processor;
+}
+
+}  // namespace
 
 int addMailname(int argc, char** argv) {
   ProgramOptionsHelper helper("add a mailname", kAddMailnameUsage);
@@ -20,12 +41,15 @@ int addMailname(int argc, char** argv) {
   declareDefaultQuotaAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  // Without a quota of its own the mailbox takes the domain's default one.
-  [[maybe_unused]] bool const hasQuota = given(helper, "disk-quota");
-  [[maybe_unused]] long const quota = hasQuota ? longValue(helper, "disk-quota") : -1;
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  // Without a quota of its own the mailbox takes the domain's default one,
+  // which only the session mail data knows.
+  bool const hasQuota = given(helper, "disk-quota");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &mailname), !hasQuota);
+  if (hasQuota)
+    return backend::addMailname(domain, mailname, longValue(helper, "disk-quota"));
+  return backend::addMailname(domain, mailname);
 }
 
 int removeMailname(int argc, char** argv) {
@@ -34,9 +58,10 @@ int removeMailname(int argc, char** argv) {
   declareMailDataAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &mailname), true);
+  return backend::removeMailname(domain, mailname);
 }
 
 int renameMailname(int argc, char** argv) {
@@ -49,39 +74,46 @@ int renameMailname(int argc, char** argv) {
   declareMailDataAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const oldMailname = mailnameValue(helper, "old-mailname");
-  [[maybe_unused]] std::string const newMailname = mailnameValue(helper, "new-mailname");
-  [[maybe_unused]] PasswordAccessor const password;
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const oldMailname = mailnameValue(helper, "old-mailname");
+  std::string const newMailname = mailnameValue(helper, "new-mailname");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &oldMailname), true);
+  PasswordAccessor const password;
+  return backend::renameMailname(domain, oldMailname, newMailname, password);
 }
 
 namespace {
 
 // "--add-mailbox" and "--set-password" take the same options and values.
-int mailboxPasswordCommand(char const* purpose, char const* usageLine, int argc,
-                           char** argv) {
+typedef int (*MailboxPasswordBackend)(std::string const& domain, std::string const& mailname,
+                                      PasswordAccessor const& password, bool domainDisabled);
+
+int mailboxPasswordCommand(char const* purpose, char const* usageLine,
+                           MailboxPasswordBackend run, int argc, char** argv) {
   ProgramOptionsHelper helper(purpose, usageLine);
   declareDomainAndMailname(helper);
   declareDomainDisabled(helper);
   declareMailDataAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  [[maybe_unused]] PasswordAccessor const password;
-  [[maybe_unused]] bool const domainDisabled = given(helper, "mail-domain-disabled");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  bool const domainDisabled = given(helper, "mail-domain-disabled");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &mailname), true);
+  PasswordAccessor const password;
+  return run(domain, mailname, password, domainDisabled);
 }
 
 }  // namespace
 
 int addMailbox(int argc, char** argv) {
-  return mailboxPasswordCommand("add mailname's mailbox", kAddMailboxUsage, argc, argv);
+  return mailboxPasswordCommand("add mailname's mailbox", kAddMailboxUsage, backend::addMailbox,
+                                argc, argv);
 }
 
 int setPassword(int argc, char** argv) {
-  return mailboxPasswordCommand("set mailname's password", kSetPasswordUsage, argc, argv);
+  return mailboxPasswordCommand("set mailname's password", kSetPasswordUsage,
+                                backend::setPassword, argc, argv);
 }
 
 int removeMailbox(int argc, char** argv) {
@@ -90,9 +122,10 @@ int removeMailbox(int argc, char** argv) {
   declareMailDataAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &mailname), true);
+  return backend::removeMailbox(domain, mailname);
 }
 
 int getMailboxSize(int argc, char** argv) {
@@ -101,10 +134,15 @@ int getMailboxSize(int argc, char** argv) {
   declareDomainAndMailname(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  [[maybe_unused]] bool const inBlocks = given(helper, "in-blocks");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  bool const inBlocks = given(helper, "in-blocks");
+  int64_t const size = get_mbox_size(mailname.c_str(), domain.c_str(), inBlocks ? 1 : 0);
+  if (size < 0)
+    return 1;
+  // The caller reads the bare number: no newline after it.
+  std::cout << size << std::flush;
+  return 0;
 }
 
 int setMailboxDiskQuota(int argc, char** argv) {
@@ -114,10 +152,11 @@ int setMailboxDiskQuota(int argc, char** argv) {
   declareDefaultQuotaAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] std::string const mailname = mailnameValue(helper, "mailname");
-  [[maybe_unused]] long const quota = longValue(helper, "disk-quota");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  std::string const mailname = mailnameValue(helper, "mailname");
+  long const quota = longValue(helper, "disk-quota");
+  CommandMailData const mailData(mailDataOptions(helper, domain, &mailname), true);
+  return backend::setMailboxDiskQuota(domain, mailname, quota);
 }
 
 int setDomainDiskQuota(int argc, char** argv) {
@@ -127,9 +166,10 @@ int setDomainDiskQuota(int argc, char** argv) {
   declareMailDataAndWait(helper);
   standardOptionsParse(helper, argc, argv);
 
-  [[maybe_unused]] std::string const domain = domainValue(helper, "domain-name");
-  [[maybe_unused]] long const quota = longValue(helper, "disk-quota");
-  return commandUnavailable(argv[0]);
+  std::string const domain = domainValue(helper, "domain-name");
+  long const quota = longValue(helper, "disk-quota");
+  CommandMailData const mailData(mailDataOptions(helper, domain, nullptr), true);
+  return backend::setDomainDiskQuota(domain, quota);
 }
 
 }  // namespace dravnik_commands

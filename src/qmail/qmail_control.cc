@@ -29,3 +29,9 @@ int qmail_reload_configuration() {
 int qmail_soft_reload_configuration() {
   return send_sig("qmail-send", SIGHUP);
 }
+
+int qmail_refresh() {
+  bool const newu_failed = run_qmail_newu() != 0;
+  bool const reload_failed = qmail_soft_reload_configuration() != 0;
+  return newu_failed || reload_failed ? -1 : 0;
+}

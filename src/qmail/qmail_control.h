@@ -14,4 +14,9 @@ int qmail_reload_configuration();
 // (rcpthosts, virtualdomains, locals); the result of send_sig().
 int qmail_soft_reload_configuration();
 
+// run_qmail_newu(), then qmail_soft_reload_configuration(): what a change of
+// users/assign and the control files needs. Both always run; 0, or -1 when
+// either failed.
+int qmail_refresh();
+
 #endif  // DRAVNIK_QMAIL_QMAIL_CONTROL_H_

@@ -1,0 +1,283 @@
+"""The domain commands, run for real in the sandbox: what they do to qmail's
+files, the authentication and handlers databases, and to qmail itself
+(qmail-newu runs and SIGHUPs to qmail-send).
+
+The helpers at the top are shared with test_alias_commands.py."""
+
+import json
+import sqlite3
+
+import pytest
+
+from sandbox import changed_files
+
+AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
+HANDLERS_DB = "/var/lib/tavix/mail/handlers/handlers.db"
+NOT_SPECIFIED = ('mandatory option "--set-bounce" or "--set-catchall" or "--set-reject" '
+                 'is not specified')
+NO_ACTION_LOG = ("Action for notexisting mail names is not specified "
+                 "(--set-bounce/--set-catchall/--set-reject)")
+READ_FAILURE = ("Failed to read and parse session mail data from STDIN. "
+                "See mail log for details.")
+
+
+# ---------------------------------------------------------------------------
+# Helpers
+
+def session(domain="example.com", aliases=(), mails=None):
+    """The JSON session mail data of `domain`; `mails` maps a mail name to
+    its aliases."""
+    return json.dumps({"domain": {
+        "name": domain, "dom_aliases": list(aliases), "maillists": [],
+        "mails": [{"name": n, "aliases": list(a)} for n, a in (mails or {}).items()]}})
+
+
+def lines(sb, name):
+    """The lines of a file under /var/qmail, [] when it does not exist."""
+    path = "/var/qmail/" + name
+    return sb.read(path).splitlines() if sb.exists(path) else []
+
+
+def _db(sb, path):
+    return sqlite3.connect(str(sb.path(path)))
+
+
+def auth_domains(sb):
+    """Domain name -> status (1 = disabled) of the authentication database."""
+    with _db(sb, AUTH_DB) as db:
+        return dict(db.execute("SELECT name, status FROM domains"))
+
+
+def auth_users(sb):
+    """"name@domain" -> stored password of every authentication record."""
+    with _db(sb, AUTH_DB) as db:
+        rows = db.execute("SELECT u.name || '@' || d.name, "
+                          "COALESCE(u.userPassword, u.cmusaslsecretPLAIN) "
+                          "FROM users u JOIN domains d ON u.dom_id = d.id")
+        return dict(rows)
+
+
+def add_auth_user(sb, mailname, domain, password="secret"):
+    """A record with a plain-text password, as a raw password is stored."""
+    with _db(sb, AUTH_DB) as db:
+        db.execute("INSERT OR IGNORE INTO domains (name, status) VALUES (?, 0)", (domain,))
+        db.execute("INSERT INTO users (name, cmusaslsecretPLAIN, dom_id) "
+                   "SELECT ?, ?, id FROM domains WHERE name = ?", (mailname, password, domain))
+
+
+def handlers(sb):
+    """(handler name, address) -> enabled."""
+    with _db(sb, HANDLERS_DB) as db:
+        return {(n, a): e for n, a, e in db.execute("SELECT name, address, enabled FROM handlers")}
+
+
+def add_handler(sb, name, address, enabled=1):
+    with _db(sb, HANDLERS_DB) as db:
+        db.execute("INSERT INTO handlers (queue, type, enabled, priority, name, address, "
+                   "executable, context) VALUES (5, 5, ?, 0, ?, ?, '/bin/true', 'none')",
+                   (enabled, name, address))
+
+
+def break_db(sb, path):
+    """Replaces a database by a file SQLite refuses."""
+    sb.write(path, "not a database\n", mode=0o640)
+
+
+def ok(result):
+    assert result.rc == 0, result
+    return result
+
+
+def add_domain(sb, domain="example.com"):
+    return ok(sb.run("--add-domain", "--domain-name=" + domain, "--wait-stdin",
+                     stdin=session(domain)))
+
+
+def add_mailname(sb, mailname, domain="example.com"):
+    return ok(sb.run("--add-mailname", "--domain-name=" + domain, "--mailname=" + mailname,
+                     "--disk-quota=-1"))
+
+
+def add_domain_alias(sb, alias, domain="example.com", mails=("john",)):
+    return ok(sb.run("--add-domain-alias", "--domain-name=" + domain,
+                     "--domain-alias-name=" + alias, "--mail-addresses=" + ";".join(mails),
+                     "--set-reject"))
+
+
+def qmail_effects(result):
+    return len(result.newu_calls), result.hups
+
+
+def mail_state(sb):
+    """Everything but the lock files, which a run may leave behind."""
+    return {p: e for p, e in sb.snapshot().items() if not p.startswith("/run/lock/")}
+
+
+# ---------------------------------------------------------------------------
+# Adding and removing
+
+WILDCARD = "+example.com:popuser:110:110:/var/qmail/mailnames/example.com:::"
+DEFAULT_BOUNCE = r"|bouncesaying This\ address\ no\ longer\ accepts\ mail."
+
+
+# The quota is accepted and has no effect: both runs must give the same.
+@pytest.mark.parametrize("quota", [(), ("--disk-quota=100",)], ids=["plain", "disk-quota"])
+def test_add_domain(mail_sandbox, quota):
+    sb = mail_sandbox
+    sb.write("/var/qmail/control/locals", "localhost\nexample.com\n")
+    sb.write("/var/qmail/control/rejectnonexist", "example.com\n")
+    r = ok(sb.run("--add-domain", "--domain-name=Example.COM", *quota, "--wait-stdin",
+                  stdin=session()))
+    assert qmail_effects(r) == (1, 1)
+    assert lines(sb, "control/rcpthosts") == ["example.com"]
+    assert lines(sb, "control/virtualdomains") == ["example.com:example.com"]
+    assert lines(sb, "users/assign") == [WILDCARD, "."]
+    # Bounced by default, so neither local nor rejected.
+    assert lines(sb, "mailnames/example.com/.qmail-default") == [DEFAULT_BOUNCE]
+    assert lines(sb, "control/locals") == ["localhost"]
+    assert lines(sb, "control/rejectnonexist") == []
+
+
+def test_remove_domain_with_its_alias_records_and_handlers(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_domain(sb, "other.example")
+    add_mailname(sb, "john")
+    add_auth_user(sb, "john", "example.com")
+    add_auth_user(sb, "mary", "other.example")
+    add_domain_alias(sb, "a.example")
+    for name, address in [("spam", "john@example.com"), ("wide", "example.com"),
+                          ("spam", "mary@other.example")]:
+        add_handler(sb, name, address)
+    assert "john@a.example" in auth_users(sb)
+
+    r = ok(sb.run("--remove-domain", "--domain-name=example.com",
+                  "--domain-aliases=a.example", "--mail-addresses=john"))
+    assert qmail_effects(r) == (1, 1)
+    assert "example.com" not in lines(sb, "control/rcpthosts")
+    assert not any("example.com-" in l or l.startswith("+example.com:")
+                   for l in lines(sb, "users/assign"))
+    assert not sb.exists("/var/qmail/mailnames/example.com")
+    assert lines(sb, "control/rejectnonexist") == []
+    assert auth_users(sb) == {"mary@other.example": "secret"}
+    assert list(handlers(sb)) == [("spam", "mary@other.example")]
+
+
+def test_rename_domain(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    ok(sb.run("--rename-domain", "--old-domain-name=example.com",
+              "--new-domain-name=Example.ORG"))
+    assert lines(sb, "control/rcpthosts") == ["example.org"]
+    assert sb.exists("/var/qmail/mailnames/example.org")
+
+
+# ---------------------------------------------------------------------------
+# Turning a domain off and on again
+
+def test_turn_domain_off_and_on(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_mailname(sb, "john")
+    add_auth_user(sb, "john", "example.com")
+    add_handler(sb, "spam", "john@example.com")
+    add_domain_alias(sb, "a.example")
+    add_domain_alias(sb, "b.example")
+    assigned = lines(sb, "users/assign")
+
+    # One qmail refresh for the domain and all its aliases.
+    r = ok(sb.run("--turn-off-domain", "--domain-name=example.com", "--wait-stdin",
+                  stdin=session(aliases=["a.example", "b.example"], mails={"john": []})))
+    assert qmail_effects(r) == (1, 1)
+    assert lines(sb, "control/rcpthosts") == []
+    assert lines(sb, "control/virtualdomains") == []
+    assert lines(sb, "users/assign") == assigned
+    assert auth_domains(sb) == {"example.com": 1}
+    assert auth_users(sb) == {"john@example.com": "secret"}
+    assert handlers(sb)[("spam", "john@example.com")] == 0
+
+    r = ok(sb.run("--turn-on-domain", "--domain-name=example.com",
+                  "--domain-aliases=a.example,b.example", "--mail-addresses=john",
+                  "--set-reject"))
+    assert qmail_effects(r) == (1, 1)
+    assert sorted(lines(sb, "control/rcpthosts")) == ["a.example", "b.example", "example.com"]
+    assert sorted(lines(sb, "control/virtualdomains")) == [
+        "a.example:example.com", "b.example:example.com", "example.com:example.com"]
+    assert auth_domains(sb) == {"example.com": 0, "a.example": 0, "b.example": 0}
+    assert sorted(auth_users(sb)) == ["john@a.example", "john@b.example", "john@example.com"]
+    assert handlers(sb)[("spam", "john@example.com")] == 1
+
+
+@pytest.mark.parametrize("action, rejected", [
+    (("--set-reject",), True),
+    (("--set-bounce", "--phrase=No such user", "--set-reject"), False),
+    (("--set-catchall", "--email=all@example.org", "--set-reject"), False),
+    (("--set-catchall", "--email=all@example.org"), False),
+], ids=["reject", "bounce-wins", "catchall-wins", "catchall"])
+def test_turn_on_action_decides_whether_aliases_are_rejected(mail_sandbox, action, rejected):
+    sb = mail_sandbox
+    add_domain(sb)
+    ok(sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
+              "--mail-addresses", "", *action))
+    assert "a.example:example.com" in lines(sb, "control/virtualdomains")
+    assert ("a.example" in lines(sb, "control/rejectnonexist")) == rejected
+
+
+@pytest.mark.parametrize("action, message", [
+    ((), NOT_SPECIFIED),
+    (("--phrase=gone", "--email=all@example.org"), NOT_SPECIFIED),
+    (("--set-catchall", "--email", ""), 'mandatory option "--email" is not specified'),
+], ids=["none", "values-without-switch", "empty-email"])
+def test_turn_on_without_usable_action_changes_nothing(mail_sandbox, action, message):
+    sb = mail_sandbox
+    add_domain(sb)
+    before = mail_state(sb)
+    r = sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
+               "--mail-addresses", "", *action)
+    assert r.rc == 1, r
+    assert message in r.out and message in r.err
+    assert (NO_ACTION_LOG in r.err) == (message == NOT_SPECIFIED)
+    assert qmail_effects(r) == (0, 0)
+    assert changed_files(before, mail_state(sb)) == []
+
+
+# ---------------------------------------------------------------------------
+# Failures
+
+def test_unreadable_session_data_changes_nothing(mail_sandbox):
+    sb = mail_sandbox
+    before = mail_state(sb)
+    r = sb.run("--add-domain", "--domain-name=example.com", "--wait-stdin", stdin="not json")
+    assert r.rc == 1 and READ_FAILURE in r.out, r
+    assert changed_files(before, mail_state(sb)) == []
+
+
+# The databases are changed after qmail's files: a database that cannot be
+# used fails the command, but qmail has already been told about the change.
+@pytest.mark.parametrize("command, message", [
+    ("--turn-off-domain", "Unable to disable auth records for domain example.com"),
+    ("--remove-domain", "Unable to remove auth record for domain example.com"),
+])
+def test_auth_failure_after_qmail_changes(mail_sandbox, command, message):
+    sb = mail_sandbox
+    add_domain(sb)
+    break_db(sb, AUTH_DB)
+    r = sb.run(command, "--domain-name=example.com", "--mail-addresses", "")
+    assert r.rc == 1, r
+    assert message in r.err
+    assert qmail_effects(r) == (1, 1)
+    assert "example.com" not in lines(sb, "control/rcpthosts")
+
+
+def test_turn_on_enables_auth_records_even_when_handlers_fail(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_auth_user(sb, "john", "example.com")
+    ok(sb.run("--turn-off-domain", "--domain-name=example.com", "--mail-addresses", ""))
+    break_db(sb, HANDLERS_DB)
+    r = sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
+               "--mail-addresses=john", "--set-reject")
+    assert r.rc == 1, r
+    assert qmail_effects(r) == (1, 1)
+    # The alias's records were copied from the still disabled domain.
+    assert auth_domains(sb) == {"example.com": 0, "a.example": 0}
