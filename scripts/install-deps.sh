@@ -10,6 +10,7 @@ packages=(
   libgtest-dev googletest
   python3 python3-pytest python3-cryptography
   bubblewrap psmisc sed
+  man-db groff-base dpkg-dev file
   courier-base dovecot-core
 )
 
