@@ -1,14 +1,11 @@
 #include "handlers/handler_ops.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <limits.h>
-#include <stdlib.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -71,17 +68,12 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
     Lines removed;
     Lines added;
   };
-  const Lines kDomainCopies = {"e.com dw 1 0", "u@e.com av 0 0", "u@e.com spam 1 0",
-                               "v@e.com spam 1 0", "w@e.com spam 1 0"};
   auto switch_domain = [](const char* domain, int (*op)(sqlite3*, mh_data*)) {
     ScopedList list;
     EXPECT_EQ(0, mh_db_select_by_name(nullptr, list.get(), domain));
     EXPECT_EQ(0, mh_db_do(list.get(), nullptr, op));
   };
   const Case cases[] = {
-      {"remove mail name",
-       [] { EXPECT_EQ(0, mh_db_remove_addr(nullptr, "u@d.com")); },
-       {"u@d.com av 2 0", "u@d.com spam 1 1"}, {}},
       // Copies lose the protected mark; only a stored 1 stays enabled.
       {"rename mail name",
        [] {
@@ -117,16 +109,8 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
       // look-alikes too; of domain-wide rows only the domain's own.
       {"add domain alias",
        [] { EXPECT_EQ(0, mh_db_clone(nullptr, nullptr, "d.com", nullptr, "e.com")); }, {},
-       kDomainCopies},
-      {"rename domain keeps its domain-wide rows",
-       [] {
-         EXPECT_EQ(0, mh_db_clone(nullptr, nullptr, "d.com", nullptr, "e.com"));
-         EXPECT_EQ(0, mh_db_remove_all(nullptr, "d.com"));
-       },
-       {"u@d.com av 2 0", "u@d.com spam 1 1"}, kDomainCopies},
-      {"remove domain alias",
-       [] { EXPECT_EQ(0, mh_db_remove_all(nullptr, "sub.d.com")); },
-       {"v@sub.d.com spam 1 0"}, {}},
+       {"e.com dw 1 0", "u@e.com av 0 0", "u@e.com spam 1 0", "v@e.com spam 1 0",
+        "w@e.com spam 1 0"}},
       {"rename domain alias",
        [] {
          EXPECT_EQ(0, mh_db_clone(nullptr, nullptr, "sub.d.com", nullptr, "s.e.com"));
@@ -278,24 +262,12 @@ TEST(HandlerOpsTest, OperationWaitsForABusyDatabase) {
 
 // How many of this process's descriptors refer to `path`.
 int DescriptorsOf(const std::string& path) {
-  char wanted[PATH_MAX];
-  if (!realpath(path.c_str(), wanted))
-    return -1;
+  const std::filesystem::path wanted = std::filesystem::canonical(path);
   int count = 0;
-  DIR* fds = opendir("/proc/self/fd");
-  if (!fds)
-    return -1;
-  while (const struct dirent* entry = readdir(fds)) {
-    char target[PATH_MAX];
-    std::string link = std::string("/proc/self/fd/") + entry->d_name;
-    ssize_t length = readlink(link.c_str(), target, sizeof(target) - 1);
-    if (length < 0)
-      continue;
-    target[length] = '\0';
-    if (wanted == std::string(target))
-      ++count;
+  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the iterator's own descriptor, closed by now
+    count += std::filesystem::read_symlink(fd.path(), gone) == wanted;
   }
-  closedir(fds);
   return count;
 }
 

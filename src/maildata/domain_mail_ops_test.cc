@@ -51,20 +51,15 @@ int ReadDocument(const std::string& text) {
 
 Names ToNames(char** list) {
   StringArray owner(list);
-  Names names;
-  for (const char* name : owner)
-    names.push_back(name);
-  return names;
+  return Names(owner.begin(), owner.end());
 }
 
 // The addresses of `names` (in order) under the domain and both aliases,
 // ordered as Records() lists them.
 Names Everywhere(const Names& names) {
   Names addresses;
-  for (const char* domain : {"alias.net", "alias.org", "example.com"}) {
-    for (const std::string& name : names)
-      addresses.push_back(name + "@" + domain);
-  }
+  for (const char* domain : {"alias.net", "alias.org", "example.com"})
+    for (const std::string& name : names) addresses.push_back(name + "@" + domain);
   return addresses;
 }
 
@@ -100,7 +95,8 @@ class DomainMailOpsTest : public testing::Test {
   }
   Names Domains() {
     Names names;
-    for (const auto& row : QueryRows(db_, "SELECT name || ':' || status FROM domains ORDER BY name"))
+    for (const auto& row :
+         QueryRows(db_, "SELECT name || ':' || status FROM domains ORDER BY name"))
       names.push_back(row[0]);
     return names;
   }
@@ -129,33 +125,44 @@ int OwnerAsList(const char* alias, char*** out) {
 }
 
 struct LookupCase {
-  const char* name;
+  const char* name;  // the function, as the no-session message names it
   std::function<int(char***)> lookup;
+  Names expected;  // from kDomain
 };
 
 const LookupCase kLookups[] = {
-    {"get_domain_by_domainalias", [](char*** out) { return OwnerAsList("alias.org", out); }},
+    {"get_domain_by_domainalias", [](char*** out) { return OwnerAsList("alias.org", out); },
+     {"example.com"}},
     {"get_mailnames_by_domain",
-     [](char*** out) { return get_mailnames_by_domain(nullptr, out, "example.com"); }},
+     [](char*** out) { return get_mailnames_by_domain(nullptr, out, "example.com"); },
+     {"info", "bob"}},
     {"get_aliases_by_mailname",
-     [](char*** out) { return get_aliases_by_mailname(nullptr, out, "info", "example.com"); }},
+     [](char*** out) { return get_aliases_by_mailname(nullptr, out, "info", "example.com"); },
+     {"office", "sales"}},
     {"get_domaliases_by_domain",
-     [](char*** out) { return get_domaliases_by_domain(nullptr, out, "example.com"); }},
+     [](char*** out) { return get_domaliases_by_domain(nullptr, out, "example.com"); },
+     {"alias.net", "alias.org"}},
     {"get_maillists_by_domain",
-     [](char*** out) { return get_maillists_by_domain(nullptr, out, "example.com"); }},
+     [](char*** out) { return get_maillists_by_domain(nullptr, out, "example.com"); }, {"News"}},
+    // The session describes one domain: asking about any other gets no answer.
+    {"get_domaliases_by_domain",
+     [](char*** out) { return get_domaliases_by_domain(nullptr, out, "other.com"); }, {}},
+    {"get_domaliases_by_domain",
+     [](char*** out) { return get_domaliases_by_domain(nullptr, out, "alias.net"); }, {}},
+    {"get_aliases_by_mailname",
+     [](char*** out) { return get_aliases_by_mailname(nullptr, out, "nobody", "example.com"); },
+     {}},
+    {"get_aliases_by_mailname",
+     [](char*** out) { return get_aliases_by_mailname(nullptr, out, "info", "other.com"); }, {}},
+    {"get_domain_by_domainalias", [](char*** out) { return OwnerAsList("example.com", out); }, {}},
 };
 
 TEST_F(DomainMailOpsTest, LookupsAnswerFromTheSession) {
-  const Names expected[] = {{"example.com"},
-                            {"info", "bob"},
-                            {"office", "sales"},
-                            {"alias.net", "alias.org"},
-                            {"News"}};
   UseSession(kDomain);
   for (size_t i = 0; i < std::size(kLookups); ++i) {
     char** list = nullptr;
-    EXPECT_EQ(0, kLookups[i].lookup(&list)) << kLookups[i].name;
-    EXPECT_EQ(expected[i], ToNames(list)) << kLookups[i].name;
+    EXPECT_EQ(0, kLookups[i].lookup(&list)) << i;
+    EXPECT_EQ(kLookups[i].expected, ToNames(list)) << i;
   }
 }
 
@@ -164,6 +171,7 @@ TEST_F(DomainMailOpsTest, LookupsAnswerFromTheSession) {
 TEST_F(DomainMailOpsTest, LookupsWithoutSessionData) {
   for (const LookupCase& c : kLookups) {
     UseSession(nullptr);
+    LogRecorder::lines().clear();
     char** list = nullptr;
     EXPECT_EQ(-1, c.lookup(&list)) << c.name;
     EXPECT_EQ(nullptr, list) << c.name;
@@ -174,31 +182,6 @@ TEST_F(DomainMailOpsTest, LookupsWithoutSessionData) {
     ASSERT_NE(nullptr, get_session_mail_db_info());
     EXPECT_EQ(0, c.lookup(&list)) << c.name;
     EXPECT_EQ(nullptr, list) << c.name;
-  }
-}
-
-// The session describes one domain: asking about any other gets no answer.
-TEST_F(DomainMailOpsTest, LookupsKnowNothingOutsideTheSessionDomain) {
-  UseSession(kDomain);
-  struct Case {
-    const char* what;
-    std::function<int(char***)> lookup;
-  } const cases[] = {
-      {"domain aliases of another domain",
-       [](char*** out) { return get_domaliases_by_domain(nullptr, out, "other.com"); }},
-      {"domain aliases of an alias domain",
-       [](char*** out) { return get_domaliases_by_domain(nullptr, out, "alias.net"); }},
-      {"aliases of an unknown mail name",
-       [](char*** out) { return get_aliases_by_mailname(nullptr, out, "nobody", "example.com"); }},
-      {"aliases of a mail name in another domain",
-       [](char*** out) { return get_aliases_by_mailname(nullptr, out, "info", "other.com"); }},
-      {"owner of the domain itself",
-       [](char*** out) { return OwnerAsList("example.com", out); }},
-  };
-  for (const Case& c : cases) {
-    char** list = nullptr;
-    EXPECT_EQ(0, c.lookup(&list)) << c.what;
-    EXPECT_EQ(Names{}, ToNames(list)) << c.what;
   }
 }
 
@@ -313,28 +296,27 @@ TEST_F(DomainMailOpsTest, AddingADomainAliasClonesExistingRecords) {
                            "WHERE d.name = 'new.net' ORDER BY u.name"));
   // The encrypted password is copied as stored, and the new domain takes
   // the source domain's state.
-  EXPECT_EQ(1u, QueryRows(db_, "SELECT DISTINCT userPassword FROM users WHERE name = 'bob'").size());
+  EXPECT_EQ(1u,
+            QueryRows(db_, "SELECT DISTINCT userPassword FROM users WHERE name = 'bob'").size());
   EXPECT_EQ((Names{"example.com:1", "new.net:1"}), Domains());
-}
 
-TEST_F(DomainMailOpsTest, AddingADomainAliasWithoutMailNames) {
-  UseSession(kNoDomainAliases);
-  EXPECT_EQ(0, add_domain_auth_alias("other.com", "new.net"));
+  // Nothing to copy for a domain the session does not describe; without
+  // session data the walk fails.
+  EXPECT_EQ(0, add_domain_auth_alias("other.com", "other.net"));
   UseSession(nullptr);
-  EXPECT_EQ(-1, add_domain_auth_alias("example.com", "new.net"));
+  EXPECT_EQ(-1, add_domain_auth_alias("example.com", "other.net"));
   EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unable to get mailnames from domain example.com"));
-  EXPECT_EQ(Names{}, Records());
+  EXPECT_EQ((Names{"example.com:1", "new.net:1"}), Domains());
 }
 
 TEST_F(DomainMailOpsTest, RemovingADomainAlias) {
   struct Case {
-    const char* alias_domain;
     const char* document;
     int result;
   } const cases[] = {
-      {"alias.net", kDomain, 0},
-      {"alias.net", kNoDomainAliases, 0},  // not known as an alias: records go all the same
-      {"alias.net", nullptr, -1},
+      {kDomain, 0},
+      {kNoDomainAliases, 0},  // not known as an alias: records go all the same
+      {nullptr, -1},
   };
   for (const Case& c : cases) {
     ASSERT_EQ(0, mailAuthDBInit());
@@ -342,7 +324,7 @@ TEST_F(DomainMailOpsTest, RemovingADomainAlias) {
     SeedAll();
     ASSERT_EQ(0, mailAuthSetRaw("stray", "alias.net", "pw", 0));
     UseSession(c.document);
-    EXPECT_EQ(c.result, rm_domain_auth_alias(c.alias_domain));
+    EXPECT_EQ(c.result, rm_domain_auth_alias("alias.net"));
     EXPECT_EQ((Names{"alias.org:0", "example.com:0"}), Domains());
     EXPECT_EQ(8u, Records().size());
   }
@@ -393,13 +375,8 @@ TEST_F(DomainMailOpsTest, ListAdaptorsAppend) {
   tavix::mail::append_maillists_by_domain(out, "example.com");
   EXPECT_EQ((Names{"first", "alias.net", "alias.org", "News"}), out);
 
-  try {
-    tavix::mail::append_active_domaliases_by_domain(out, "example.com");
-    ADD_FAILURE() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(
-        "Function append_active_domaliases_by_domainis not implemented for JSON/STDIN", e.what());
-  }
+  EXPECT_THROW(tavix::mail::append_active_domaliases_by_domain(out, "example.com"),
+               std::runtime_error);
 }
 
 }  // namespace

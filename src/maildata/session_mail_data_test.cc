@@ -30,29 +30,25 @@ int ReadDocument(const std::string& text) {
 
 std::string List(const sj_string_array& array) {
   std::string out = "[";
-  for (size_t i = 0; i < array.count; ++i)
-    out += (i ? "," : "") + std::string(array.values[i]);
+  for (size_t i = 0; i < array.count; ++i) out += (i ? "," : "") + std::string(array.values[i]);
   return out + "]";
 }
 
 // "domain quota [aliases] [lists] {mail quota [aliases]}..."
 std::string Describe(const mail_db_data_t* data) {
-  if (data == nullptr)
-    return "(none)";
-  std::string out = std::string(data->name) + " " +
-                    std::to_string(data->mbox_quota) + " " +
+  if (data == nullptr) return "(none)";
+  std::string out = std::string(data->name) + " " + std::to_string(data->mbox_quota) + " " +
                     List(data->dom_aliases) + " " + List(data->maillists);
   for (size_t i = 0; i < data->mails.count; ++i) {
     const mail_db_mail_t& mail = data->mails.values[i];
-    out += " {" + std::string(mail.name) + " " +
-           std::to_string(mail.mbox_quota) + " " + List(mail.aliases) + "}";
+    out += " {" + std::string(mail.name) + " " + std::to_string(mail.mbox_quota) + " " +
+           List(mail.aliases) + "}";
   }
   return out;
 }
 
 const char kMinimal[] =
-    R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[],)"
-    R"("mails":[]}})";
+    R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[],"mails":[]}})";
 
 // Everything the document may hold, used as the seed of the fuzz loop.
 const char kFull[] = R"({
@@ -64,12 +60,10 @@ const char kFull[] = R"({
     "dom_aliases": ["Alias.Example.NET", "b.example"],
     "maillists": ["News-Letter"],
     "mails": [
-      {"name": "Info", "mbox_quota": 2, "mbox_quota_unit": "KB",
-       "aliases": ["Office", "sales"], "note": "skipped"},
-      {"name": "zero", "mbox_quota": 0, "mbox_quota_unit": "GB",
-       "aliases": []},
-      {"name": "nolimit", "mbox_quota": -1, "mbox_quota_unit": "TB",
-       "aliases": ["x\u0000y"]},
+      {"name": "Info", "mbox_quota": 2, "mbox_quota_unit": "KB", "aliases": ["Office", "sales"],
+       "note": "skipped"},
+      {"name": "zero", "mbox_quota": 0, "mbox_quota_unit": "GB", "aliases": []},
+      {"name": "nolimit", "mbox_quota": -1, "mbox_quota_unit": "TB", "aliases": ["x\u0000y"]},
       {"name": "plain", "mbox_quota": 0x10, "aliases": []}
     ],
     "extra": {"a": [true, false]}
@@ -80,29 +74,28 @@ class SessionMailDataTest : public ::testing::Test {
  protected:
   void SetUp() override { free_session_mail_db_info(); }
   void TearDown() override { free_session_mail_db_info(); }
+
+  LogRecorder log_;  // also keeps the fuzz loop's thousands of refusals quiet
 };
 
 struct Valid {
   const char* name;
-  std::string document;
-  std::string expected;
+  std::string document, expected;
 };
 
 const Valid kValid[] = {
     {"Minimal", kMinimal, "example.com -1 [] []"},
     {"Full", kFull,
      "example.com 5242880 [alias.example.net,b.example] [News-Letter] "
-     "{info 2048 [office,sales]} {zero 0 []} {nolimit -1 [x]} "
-     "{plain 16 []}"},
+     "{info 2048 [office,sales]} {zero 0 []} {nolimit -1 [x]} {plain 16 []}"},
     {"UnitsOfTheDomain",
-     R"({"domain":{"name":"a.example","mbox_quota":3,"mbox_quota_unit":"TB",)"
-     R"("dom_aliases":[],"maillists":[],"mails":[{"name":"m",)"
-     R"("mbox_quota":1,"mbox_quota_unit":"GB","aliases":[]}]}})",
+     R"({"domain":{"name":"a.example","mbox_quota":3,"mbox_quota_unit":"TB","dom_aliases":[],)"
+     R"("maillists":[],"mails":[{"name":"m","mbox_quota":1,"mbox_quota_unit":"GB",)"
+     R"("aliases":[]}]}})",
      "a.example 3298534883328 [] [] {m 1073741824 []}"},
     {"RepeatedMembersExtendOrOverwrite",
-     R"({"domain":{"name":"first.example","mbox_quota":7,)"
-     R"("dom_aliases":["a.example"],"maillists":[],"mails":[],)"
-     R"("dom_aliases":["b.example"],"name":"second.example",)"
+     R"({"domain":{"name":"first.example","mbox_quota":7,"dom_aliases":["a.example"],)"
+     R"("maillists":[],"mails":[],"dom_aliases":["b.example"],"name":"second.example",)"
      R"("mbox_quota":9}})",
      "second.example 9 [a.example,b.example] []"},
 };
@@ -115,9 +108,8 @@ TEST_P(ValidDocumentTest, IsReadAndNormalised) {
   EXPECT_EQ(GetParam().expected, Describe(session_mail_db_info));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, ValidDocumentTest, ::testing::ValuesIn(kValid),
-    [](const ::testing::TestParamInfo<Valid>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Table, ValidDocumentTest, ::testing::ValuesIn(kValid),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct Refused {
   std::string document;
@@ -125,57 +117,40 @@ struct Refused {
   std::string message;  // the start of the logged parser message
 };
 
-// A domain object with `members` inserted before the required ones it does
-// not replace.
-std::string Domain(const std::string& members,
-                   const std::string& mails = "[]") {
+// A domain object with `members` inserted before the required ones it does not replace.
+std::string Domain(const std::string& members, const std::string& mails = "[]") {
   return R"({"domain":{)" + members +
-         R"("name":"example.com","dom_aliases":[],"maillists":[],"mails":)" +
-         mails + "}}";
+         R"("name":"example.com","dom_aliases":[],"maillists":[],"mails":)" + mails + "}}";
 }
 
 const char kMissing[] = "Some required fields are missing";
-const char kConstraint[] = "Custom JSON value constraint failed: ";
 
+// Code 23 is a failed value check; its message gets the parser's prefix.
 const Refused kRefused[] = {
-    {Domain(R"("name":"bad name",)"), 23,
-     std::string(kConstraint) + "Domain name is not valid."},
-    {Domain(R"("dom_aliases":["-x.example"],)"), 23,
-     std::string(kConstraint) + "Domain alias is not valid."},
-    {Domain(R"("maillists":["a b"],)"), 23,
-     std::string(kConstraint) + "Maillist is not valid."},
-    {Domain(R"("mbox_quota":-2,)"), 23,
-     std::string(kConstraint) + "Domain quota value is out of bounds."},
-    {Domain(R"("mbox_quota_unit":"mb",)"), 23,
-     std::string(kConstraint) + "Domain quota unit value is invalid."},
-    {Domain("", R"([{"name":"a..b","aliases":[]}])"), 23,
-     std::string(kConstraint) + "Mailname is not valid."},
-    {Domain("", R"([{"name":"a","aliases":["x y"]}])"), 23,
-     std::string(kConstraint) + "Mail alias is not valid."},
+    {Domain(R"("name":"bad name",)"), 23, "Domain name is not valid."},
+    {Domain(R"("dom_aliases":["-x.example"],)"), 23, "Domain alias is not valid."},
+    {Domain(R"("maillists":["a b"],)"), 23, "Maillist is not valid."},
+    {Domain(R"("mbox_quota":-2,)"), 23, "Domain quota value is out of bounds."},
+    {Domain(R"("mbox_quota_unit":"mb",)"), 23, "Domain quota unit value is invalid."},
+    {Domain("", R"([{"name":"a..b","aliases":[]}])"), 23, "Mailname is not valid."},
+    {Domain("", R"([{"name":"a","aliases":["x y"]}])"), 23, "Mail alias is not valid."},
     {Domain("", R"([{"name":"a","mbox_quota":-5,"aliases":[]}])"), 23,
-     std::string(kConstraint) + "Mailbox quota value is out of bounds."},
+     "Mailbox quota value is out of bounds."},
     {Domain("", R"([{"name":"a","mbox_quota_unit":"KiB","aliases":[]}])"), 23,
-     std::string(kConstraint) + "Mailbox quota unit value is invalid."},
-    {R"({"domain":{"name":"example.com","dom_aliases":[],"mails":[]}})", 14,
-     kMissing},
-    {R"({"domain":{"name":"example.com","maillists":[],"mails":[]}})", 14,
-     kMissing},
-    {R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[]}})",
-     14, kMissing},
-    {R"({"domain":{"dom_aliases":[],"maillists":[],"mails":[]}})", 14,
-     kMissing},
-    {R"({"domain":{}})", 14, kMissing},
-    {R"({})", 14, kMissing},
+     "Mailbox quota unit value is invalid."},
+    {R"({"domain":{"name":"example.com","dom_aliases":[],"mails":[]}})", 14, kMissing},
+    {R"({"domain":{"name":"example.com","maillists":[],"mails":[]}})", 14, kMissing},
+    {R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[]}})", 14, kMissing},
+    {R"({"domain":{"dom_aliases":[],"maillists":[],"mails":[]}})", 14, kMissing},
     {R"({"other":{}})", 14, kMissing},
-    {Domain("", "[{}]"), 14, kMissing},
     {Domain("", R"([{"name":"a"}])"), 14, kMissing},
     {Domain("", R"([{"aliases":[]}])"), 14, kMissing},
     {"[]", 11, "JSON object is expected."},
+    {"", 11, "JSON object is expected."},
     {Domain("", "{}"), 15, "JSON array is expected."},
     {Domain(R"("mbox_quota":1.5,)"), 6, "Invalid or unsupported number"},
     {Domain(R"("mbox_quota":"5",)"), 4, "Number is expected."},
     {Domain(R"("name":5,)"), 7, "String is expected."},
-    {"", 11, "JSON object is expected."},
 };
 
 void PrintTo(const Refused& r, std::ostream* os) { *os << r.document; }
@@ -184,106 +159,78 @@ class RefusedDocumentTest : public SessionMailDataTest,
                             public ::testing::WithParamInterface<Refused> {};
 
 TEST_P(RefusedDocumentTest, LogsTheReasonAndKeepsNothing) {
-  LogRecorder log;
+  const std::string prefix = GetParam().code == 23 ? "Custom JSON value constraint failed: " : "";
   EXPECT_EQ(GetParam().code, ReadDocument(GetParam().document));
-  EXPECT_TRUE(LogRecorder::Has(
-      3, "Session mail DB info parsing error: " + GetParam().message))
+  EXPECT_TRUE(
+      LogRecorder::Has(3, "Session mail DB info parsing error: " + prefix + GetParam().message))
       << (LogRecorder::lines().empty() ? "" : LogRecorder::lines()[0].text);
   EXPECT_EQ(nullptr, session_mail_db_info);
   EXPECT_EQ(0, ReadDocument(kMinimal));  // nothing left to block a new read
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, RefusedDocumentTest,
-                         ::testing::ValuesIn(kRefused));
+INSTANTIATE_TEST_SUITE_P(Table, RefusedDocumentTest, ::testing::ValuesIn(kRefused));
 
 TEST_F(SessionMailDataTest, IsReadOnlyOnce) {
-  LogRecorder log;
   ASSERT_EQ(0, ReadDocument(kFull));
   mail_db_data_t* first = session_mail_db_info;
   EXPECT_EQ(-2, ReadDocument(kMinimal));
   EXPECT_TRUE(LogRecorder::Has(3, "Session mail DB info have already been "
                                   "initialized. Probably a programming error."));
-  EXPECT_EQ(first, session_mail_db_info);
   EXPECT_EQ(first, get_session_mail_db_info());
-}
+  free_session_mail_db_info();
 
-TEST_F(SessionMailDataTest, GetMakesAnEmptyObjectWhenNoneWasRead) {
+  // Without a read, an empty object is made once, and it too blocks a read.
   mail_db_data_t* empty = get_session_mail_db_info();
   ASSERT_NE(nullptr, empty);
   EXPECT_EQ(-1, empty->mbox_quota);
   EXPECT_EQ(nullptr, empty->name);
-  EXPECT_EQ(0u, empty->mails.count + empty->dom_aliases.count +
-                    empty->maillists.count);
+  EXPECT_EQ(0u, empty->mails.count + empty->dom_aliases.count + empty->maillists.count);
   EXPECT_EQ(empty, get_session_mail_db_info());
-  LogRecorder log;
   EXPECT_EQ(-2, ReadDocument(kMinimal));
 }
 
 TEST_F(SessionMailDataTest, OverflowingQuotaIsKeptWithAWarning) {
-  LogRecorder log;
-  ASSERT_EQ(0, ReadDocument(Domain(
-                   R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));
+  ASSERT_EQ(0, ReadDocument(Domain(R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));
   EXPECT_EQ(-1048576, session_mail_db_info->mbox_quota);
-  EXPECT_TRUE(LogRecorder::Has(
-      4, "Resulting quota value in session mail DB info is not valid: got "
-         "-1048576, source size unit was 'MB'"));
+  EXPECT_TRUE(LogRecorder::Has(4, "Resulting quota value in session mail DB info is not valid: "
+                                  "got -1048576, source size unit was 'MB'"));
 }
 
 TEST_F(SessionMailDataTest, UnreadableStreamFails) {
-  LogRecorder log;
   tavix::UniqueFile stream(fopen("/dev/null", "w"));
   ASSERT_TRUE(stream);
   EXPECT_EQ(-3, read_session_mail_db_info(stream.get(), 0));
-  EXPECT_TRUE(LogRecorder::Has(
-      3, "Failed to read session mail DB info from input stream (fd=" +
-             std::to_string(fileno(stream.get())) + "): "));
+  EXPECT_TRUE(LogRecorder::Has(3, "Failed to read session mail DB info from input stream (fd=" +
+                                      std::to_string(fileno(stream.get())) + "): "));
   EXPECT_EQ(nullptr, session_mail_db_info);
 }
 
-// Puts a pipe on descriptor 0 for the life of the object.
-class PipeOnStdin {
- public:
-  PipeOnStdin() {
-    int fds[2];
-    if (pipe(fds) != 0) {
-      ADD_FAILURE() << "cannot make a pipe";
-      return;
-    }
-    writer_ = fds[1];
-    if (fds[0] != 0) {  // 0 is its own when standard input was closed
-      EXPECT_EQ(0, dup2(fds[0], 0));
-      close(fds[0]);
-    }
-  }
-  ~PipeOnStdin() {
-    if (writer_ >= 0)
-      close(writer_);
-    if (saved_ >= 0) {
-      dup2(saved_, 0);
-      close(saved_);
+// Gives descriptor 0 back to what it was when the object goes.
+struct StdinRestorer {
+  const int saved = dup(0);  // -1 when standard input was closed
+  ~StdinRestorer() {
+    if (saved >= 0) {
+      dup2(saved, 0);
+      close(saved);
     } else {
       close(0);
     }
     clearerr(stdin);
   }
-  void WriteAndClose(const std::string& text) {
-    EXPECT_EQ(static_cast<ssize_t>(text.size()),
-              write(writer_, text.data(), text.size()));
-    close(writer_);
-    writer_ = -1;
-  }
-
- private:
-  int saved_ = dup(0);
-  int writer_ = -1;
 };
 
 TEST_F(SessionMailDataTest, ProbeReadsOnlyWhenStandardInputIsReady) {
   {
-    PipeOnStdin input;
+    const StdinRestorer restorer;
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    tavix::UniqueFd reader(fds[0]), writer(fds[1]);
+    ASSERT_EQ(0, dup2(reader.get(), 0));
     EXPECT_EQ(-1, read_session_mail_db_info(stdin, 1));
     EXPECT_EQ(nullptr, session_mail_db_info);
-    input.WriteAndClose(kMinimal);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(kMinimal) - 1),
+              write(writer.get(), kMinimal, sizeof(kMinimal) - 1));
+    writer.reset();
     EXPECT_EQ(0, read_session_mail_db_info(stdin, 1));
   }
   free_session_mail_db_info();
@@ -291,51 +238,10 @@ TEST_F(SessionMailDataTest, ProbeReadsOnlyWhenStandardInputIsReady) {
   // Any other descriptor is never seen as ready, even with data waiting.
   int fds[2];
   ASSERT_EQ(0, pipe(fds));
-  ASSERT_EQ(static_cast<ssize_t>(sizeof(kMinimal) - 1),
-            write(fds[1], kMinimal, sizeof(kMinimal) - 1));
+  ASSERT_EQ(1, write(fds[1], "{", 1));
   close(fds[1]);
   tavix::UniqueFile other(fdopen(fds[0], "r"));
   EXPECT_EQ(-1, read_session_mail_db_info(other.get(), 1));
-}
-
-TEST_F(SessionMailDataTest, DebugDump) {
-  auto dump = [] {
-    char* text = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    debug_print_session_mail_db_info(out);
-    fclose(out);
-    std::string result(text, size);
-    free(text);
-    return result;
-  };
-  EXPECT_EQ("mail_db_data_t = (null)\n", dump());
-  ASSERT_EQ(0, ReadDocument(Domain(
-                   R"("mbox_quota":1,"mbox_quota_unit":"KB",)"
-                   R"("dom_aliases":["a.example","b.example"],)",
-                   R"([{"name":"info","aliases":["office","sales"]},)"
-                   R"({"name":"x","mbox_quota":0,"aliases":[]}])")));
-  EXPECT_EQ(
-      "mail_db_data_t = {\n"
-      "  \"domain\": {\n"
-      "    \"name\": \"example.com\",\n"
-      "    \"mbox_quota\": 1024,\n"
-      "    \"dom_aliases\": [ \"a.example\", \"b.example\" ]"
-      "    \"mails\": [\n"
-      "      {\n"
-      "        \"name\": \"info\",\n"
-      "        \"mbox_quota\": -1,\n"
-      "        \"aliases\": [ \"office\", \"sales\" ]"
-      "      },\n\n"
-      "      {\n"
-      "        \"name\": \"x\",\n"
-      "        \"mbox_quota\": 0,\n"
-      "        \"aliases\": [  ]"
-      "      }\n"
-      "    ]\n"
-      "  }\n"
-      "}\n",
-      dump());
 }
 
 // Counts the blocks a parse holds and can refuse the n-th request.
@@ -345,13 +251,7 @@ struct CountingAllocator {
   long fail_at = -1;
 
   bool Refuse() { return requests++ == fail_at; }
-  static void* Allocate(void* user, size_t size) {
-    auto* self = static_cast<CountingAllocator*>(user);
-    if (self->Refuse())
-      return nullptr;
-    ++self->outstanding;
-    return malloc(size);
-  }
+  static void* Allocate(void* user, size_t size) { return Reallocate(user, nullptr, size); }
   static void* Reallocate(void* user, void* block, size_t size) {
     auto* self = static_cast<CountingAllocator*>(user);
     if (self->Refuse())
@@ -368,12 +268,10 @@ struct CountingAllocator {
 
 // Parses with `allocator`, refusing its request number `fail_after` once
 // the parser and the object exist, and releases everything again.
-int ParseCounted(const std::string& text, CountingAllocator& allocator,
-                 long fail_after = -1) {
+int ParseCounted(const std::string& text, CountingAllocator& allocator, long fail_after = -1) {
   std::vector<char> buffer(text.begin(), text.end());
   buffer.push_back('\0');
-  sj_util_funcs funcs = {&allocator, CountingAllocator::Allocate,
-                         CountingAllocator::Reallocate,
+  sj_util_funcs funcs = {&allocator, CountingAllocator::Allocate, CountingAllocator::Reallocate,
                          CountingAllocator::Release};
   sj_parser* parser = sj_create_parser(buffer.data(), &funcs);
   mail_db_data_t* object = create_mail_db_data_object(parser);
@@ -397,15 +295,11 @@ TEST(SessionMailDataAllocationTest, EveryRefusedGrowthIsReportedAndFreed) {
   }
 }
 
-void Silent(int, const char*, ...) {}
-
 // Malformed documents made from valid ones, by truncation at every offset
 // and by changing every byte, must be refused or read without a crash,
 // without leaking (the counted allocator here; run under AddressSanitizer
 // for the reader's own text) and without leaving a session object behind.
 TEST_F(SessionMailDataTest, MalformedDocumentsNeverCrashOrLeak) {
-  tavix_log_fn saved_log = tavix_log;
-  tavix_log = Silent;
   long accepted = 0;
   long refused = 0;
   auto check = [&](const std::string& document) {
@@ -424,8 +318,7 @@ TEST_F(SessionMailDataTest, MalformedDocumentsNeverCrashOrLeak) {
     ASSERT_EQ(code, ParseCounted(document, allocator)) << document;
     ASSERT_EQ(0, allocator.outstanding) << document;
   };
-  const std::string seeds[] = {kFull, Domain("", R"([{"name":"a",)"
-                                                 R"("aliases":["b","c"]}])")};
+  const std::string seeds[] = {kFull, Domain("", R"([{"name":"a","aliases":["b","c"]}])")};
   for (const std::string& seed : seeds) {
     for (size_t i = 0; i <= seed.size(); ++i) {
       check(seed.substr(0, i));
@@ -436,11 +329,9 @@ TEST_F(SessionMailDataTest, MalformedDocumentsNeverCrashOrLeak) {
         changed[i] = replacement;
         check(changed);
       }
-      if (HasFatalFailure())
-        break;
+      if (HasFatalFailure()) return;
     }
   }
-  tavix_log = saved_log;
   EXPECT_GT(refused, 2000);
   EXPECT_GT(accepted, 0);
 }

@@ -35,8 +35,7 @@ const uid_t kPopuser = 110;
 const Attributes kDotqmailAttributes{kPopuser, kPopuser, 0600};
 const char kCourierAgent[] = "/usr/bin/deliverquota";
 const char kDovecotAgent[] = "/usr/libexec/dovecot/dovecot-lda";
-const char kDovecotLine[] =
-    "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\"\n";
+const char kDovecotLine[] = "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\"\n";
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -87,37 +86,28 @@ std::string detection_report() {
   return report.str();
 }
 
-struct DetectionCase {
-  const char* title;
-  Agent courier;
-  Agent dovecot;
-  std::string expected;  // the first line of the report
-  std::string logged;    // an error logged, or "" for none
-};
-
 TEST(DeliveryTest, DetectsTheInstalledServer) {
-  const std::string not_usable =
-      "Unable to detect IMAP/POP3 server type - LDA is present at '";
-  const DetectionCase cases[] = {
-      {"Courier only", kExecutable, kAbsent,
-       "kind=0 name=Courier-IMAP component=courier-imap", ""},
-      {"Dovecot only", kAbsent, kExecutable,
-       "kind=1 name=Dovecot component=dovecot", ""},
-      {"both: Courier wins", kExecutable, kExecutable,
-       "kind=0 name=Courier-IMAP component=courier-imap", ""},
-      {"neither", kAbsent, kAbsent, "kind=-1 name= component=",
+  const std::string not_usable = "Unable to detect IMAP/POP3 server type - LDA is present at '";
+  const std::string courier = "kind=0 name=Courier-IMAP component=courier-imap";
+  const std::string none = "kind=-1 name= component=";
+  const struct {
+    const char* title;
+    Agent courier, dovecot;
+    std::string expected;  // the first line of the report
+    std::string logged;    // an error logged, or "" for none
+  } cases[] = {
+      {"Courier only", kExecutable, kAbsent, courier, ""},
+      {"Dovecot only", kAbsent, kExecutable, "kind=1 name=Dovecot component=dovecot", ""},
+      {"both: Courier wins", kExecutable, kExecutable, courier, ""},
+      {"neither", kAbsent, kAbsent, none,
        "log 3 Unable to detect IMAP/POP3 server type - no LDA found"},
       // A broken Courier agent fails without falling back to Dovecot.
-      {"Courier not executable", kNotExecutable, kExecutable,
-       "kind=-1 name= component=",
-       "log 3 " + not_usable + kCourierAgent +
-           "' but is not a regular file or is not executable"},
-      {"Courier a directory", kDirectory, kAbsent,
-       "kind=-1 name= component=", kCourierAgent},
-      {"Dovecot not executable", kAbsent, kNotExecutable,
-       "kind=-1 name= component=", kDovecotAgent},
+      {"Courier not executable", kNotExecutable, kExecutable, none,
+       "log 3 " + not_usable + kCourierAgent + "' but is not a regular file or is not executable"},
+      {"Courier a directory", kDirectory, kAbsent, none, kCourierAgent},
+      {"Dovecot not executable", kAbsent, kNotExecutable, none, kDovecotAgent},
   };
-  for (const DetectionCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.title);
     auto child = RunInChild([&c] {
       if (!hide_agents() || !place_agent(kCourierAgent, c.courier) ||
@@ -129,10 +119,9 @@ TEST(DeliveryTest, DetectsTheInstalledServer) {
     });
     EXPECT_EQ(0, child.status);
     EXPECT_EQ(0u, child.output.find(c.expected + "\n")) << child.output;
-    if (c.logged.empty())
-      EXPECT_FALSE(contains(child.output, "log ")) << child.output;
-    else
-      EXPECT_TRUE(contains(child.output, c.logged)) << child.output;
+    // No case may log anything but its own error.
+    EXPECT_EQ(!c.logged.empty(), contains(child.output, "log ")) << child.output;
+    EXPECT_TRUE(contains(child.output, c.logged)) << child.output;
   }
 }
 
@@ -156,32 +145,27 @@ TEST(DeliveryTest, RemembersAServerButNotAFailure) {
 
 // --- paths ------------------------------------------------------------------
 
-struct PathCase {
-  const char* mailname;
-  const char* domain;
-  const char* home;     // expected, or null for a failure
-  const char* message;  // printed on failure
-};
-
 TEST(DeliveryTest, MailnameHomeAndDotqmailPaths) {
-  const PathCase cases[] = {
+  const struct {
+    const char* mailname;
+    const char* domain;
+    const char* home;     // expected, or null for a failure
+    const char* message;  // printed on failure
+  } cases[] = {
       {"info", "example.com", "/var/qmail/mailnames/example.com/info", ""},
-      {"Info.Desk", "Bücher.Example",
-       "/var/qmail/mailnames/xn--bcher-kva.example/info.desk", ""},
+      {"Info.Desk", "Bücher.Example", "/var/qmail/mailnames/xn--bcher-kva.example/info.desk", ""},
       {"a..b", "example.com", nullptr, "empty mailname or maildomain"},
       {"info", "", nullptr, "empty mailname or maildomain"},
       {"info", "b\xc3\xbc\xff.example", nullptr, "idn_toascii(b"},
   };
-  for (const PathCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.domain);
     char buffer[4096];
-    auto home = CaptureStreams([&] {
-      return get_mailhome_path(buffer, sizeof(buffer), c.mailname, c.domain);
-    });
+    auto home = CaptureStreams(
+        [&] { return get_mailhome_path(buffer, sizeof(buffer), c.mailname, c.domain); });
     std::string home_path = buffer;
-    auto dotqmail = CaptureStreams([&] {
-      return get_dotqmail_path(buffer, sizeof(buffer), c.mailname, c.domain);
-    });
+    auto dotqmail = CaptureStreams(
+        [&] { return get_dotqmail_path(buffer, sizeof(buffer), c.mailname, c.domain); });
     if (c.home == nullptr) {
       EXPECT_EQ(-1, home.result);
       EXPECT_EQ(-1, dotqmail.result);
@@ -194,36 +178,28 @@ TEST(DeliveryTest, MailnameHomeAndDotqmailPaths) {
       EXPECT_EQ(std::string(c.home) + "/.qmail", buffer);
     }
   }
-}
 
-TEST(DeliveryTest, PathMustFitTheBufferWithItsNul) {
+  // The path must fit the buffer with its NUL.
   const std::string path = "/var/qmail/mailnames/example.com/info/.qmail";
   std::vector<char> buffer(path.size() + 1);
-  auto fits = CaptureStreams([&] {
-    return get_dotqmail_path(buffer.data(), buffer.size(), "info",
-                             "example.com");
-  });
+  auto fits = CaptureStreams(
+      [&] { return get_dotqmail_path(buffer.data(), buffer.size(), "info", "example.com"); });
   EXPECT_EQ(0, fits.result);
   EXPECT_EQ(path, buffer.data());
-
-  auto too_short = CaptureStreams([&] {
-    return get_dotqmail_path(buffer.data(), path.size(), "info", "example.com");
-  });
+  auto too_short = CaptureStreams(
+      [&] { return get_dotqmail_path(buffer.data(), path.size(), "info", "example.com"); });
   EXPECT_EQ(-1, too_short.result);
-  EXPECT_TRUE(
-      contains(too_short.err,
-               "Either domain name 'example.com' or mailname 'info' are "
-               "too long to store .qmail path in the provided buffer"))
+  EXPECT_TRUE(contains(too_short.err, "Either domain name 'example.com' or mailname 'info' are "
+                                      "too long to store .qmail path in the provided buffer"))
       << too_short.err;
 }
 
 // --- .qmail -----------------------------------------------------------------
 
-TEST(DeliveryTest, ResetWritesTrueLineForPopuser) {
+TEST(DeliveryTest, ResetWritesTrueLineForPopuserOrLeavesNoFile) {
   ScratchDir dir;
   const std::string path = dir.path(".qmail");
-  for (const char* before :
-       {static_cast<const char*>(nullptr), "&alias@example.com\n"}) {
+  for (const char* before : {static_cast<const char*>(nullptr), "&alias@example.com\n"}) {
     if (before != nullptr) {
       write_file(path, before);
       set_attributes(path, {0, 0, 0644});
@@ -232,57 +208,42 @@ TEST(DeliveryTest, ResetWritesTrueLineForPopuser) {
     EXPECT_EQ("| true\n", read_file(path));
     EXPECT_EQ(kDotqmailAttributes, attributes_of(path));
   }
-}
 
-TEST(DeliveryTest, ResetFailuresLeaveNoFile) {
-  ScratchDir dir;
   const std::string missing_dir = dir.path("none/.qmail");
   {
     LogRecorder log;
     EXPECT_EQ(-1, dotqmail_reset(missing_dir.c_str()));
     EXPECT_TRUE(LogRecorder::Has(3, "Unable to open '" + missing_dir + "'"));
   }
-
   // A write refused by the file-size limit: the half-written file goes.
-  const std::string path = dir.path(".qmail");
-  write_file(path, "| true\n");
   auto child = RunInChild([&path] {
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit none = {0, 0};
     setrlimit(RLIMIT_FSIZE, &none);
     printf("result=%d\n", dotqmail_reset(path.c_str()));
   });
-  EXPECT_TRUE(contains(child.output, "Unable to write to '" + path + "'"))
-      << child.output;
+  EXPECT_TRUE(contains(child.output, "Unable to write to '" + path + "'")) << child.output;
   EXPECT_TRUE(contains(child.output, "result=-1")) << child.output;
   EXPECT_FALSE(exists(path));
 }
 
-struct DeliveryLineCase {
-  std::string before;
-  std::string after_add;
-  std::string after_remove;
-};
-
 // The sandbox shows the host's Courier agent, so its line is the one added.
 TEST(DeliveryTest, AddsOneDeliveryLineAndRemovesAllOfOurs) {
-  const DeliveryLineCase cases[] = {
-      {"| true\n", "| true\n| /usr/bin/deliverquota ./Maildir\n", "| true\n"},
-      {"| true\n| /usr/bin/deliverquota ./Maildir\n",
-       "| true\n| /usr/bin/deliverquota ./Maildir\n", "| true\n"},
-      {"./Maildir/\n| true\n", "| true\n| /usr/bin/deliverquota ./Maildir\n",
-       "| true\n"},
-      {std::string("| true\n") + kDovecotLine,
-       "| true\n| /usr/bin/deliverquota ./Maildir\n", "| true\n"},
+  const std::string ours = "| /usr/bin/deliverquota ./Maildir\n";
+  const std::string others = "&alias@example.com\n| /usr/bin/deliverquota ./Maildir/\n";
+  const struct {
+    std::string before, after_add, after_remove;
+  } cases[] = {
+      {"| true\n", "| true\n" + ours, "| true\n"},
+      {"| true\n" + ours, "| true\n" + ours, "| true\n"},
+      {"./Maildir/\n| true\n", "| true\n" + ours, "| true\n"},
+      {std::string("| true\n") + kDovecotLine, "| true\n" + ours, "| true\n"},
       // Other people's lines, even close to ours, stay.
-      {"&alias@example.com\n| /usr/bin/deliverquota ./Maildir/\n",
-       "&alias@example.com\n| /usr/bin/deliverquota ./Maildir/\n"
-       "| /usr/bin/deliverquota ./Maildir\n",
-       "&alias@example.com\n| /usr/bin/deliverquota ./Maildir/\n"},
+      {others, others + ours, others},
   };
   ScratchDir dir;
   const std::string path = dir.path(".qmail");
-  for (const DeliveryLineCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.before);
     write_file(path, c.before);
     set_attributes(path, {0, 0, 0644});
@@ -310,8 +271,7 @@ int deliver_as_qmail(const std::string& home, const std::string& command,
   if (pid == 0) {
     int fd = open(message.c_str(), O_RDONLY);
     if (fd < 0 || dup2(fd, STDIN_FILENO) < 0 || chdir(home.c_str()) != 0 ||
-        setgroups(0, nullptr) != 0 || setgid(kPopuser) != 0 ||
-        setuid(kPopuser) != 0)
+        setgroups(0, nullptr) != 0 || setgid(kPopuser) != 0 || setuid(kPopuser) != 0)
       _exit(126);
     execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
     _exit(127);
@@ -327,8 +287,8 @@ void make_popuser_dir(const std::string& path) {
 }
 
 TEST(DeliveryTest, DeliveryLineDeliversIntoTheMaildir) {
-  const std::string domain_dir = "/var/qmail/mailnames/delivery-test.example";
-  const std::string home = domain_dir + "/info";
+  const std::string domain_dir = "/var/qmail/mailnames/delivery-test.example",
+                    home = domain_dir + "/info";
   struct RemoveDomain {
     std::string dir;
     ~RemoveDomain() {
@@ -337,22 +297,17 @@ TEST(DeliveryTest, DeliveryLineDeliversIntoTheMaildir) {
     }
   } cleanup{domain_dir};
   ASSERT_EQ(0, mkdir(domain_dir.c_str(), 0755));
-  make_popuser_dir(home);
-  for (const char* sub :
-       {"/Maildir", "/Maildir/new", "/Maildir/cur", "/Maildir/tmp"})
+  for (const char* sub : {"", "/Maildir", "/Maildir/new", "/Maildir/cur", "/Maildir/tmp"})
     make_popuser_dir(home + sub);
 
   char dotqmail[4096];
-  ASSERT_EQ(0, get_dotqmail_path(dotqmail, sizeof(dotqmail), "info",
-                                 "delivery-test.example"));
+  ASSERT_EQ(0, get_dotqmail_path(dotqmail, sizeof(dotqmail), "info", "delivery-test.example"));
   ASSERT_EQ(0, dotqmail_reset(dotqmail));
   ASSERT_EQ(0, add_mailname_delivery("info", "delivery-test.example"));
 
   const std::string message_file = domain_dir + "/message";
-  const std::string message =
-      "From: someone@example.org\nTo: info@delivery-test.example\n"
-      "Subject: delivery test\n\nHello.\n";
-  write_file(message_file, message);
+  write_file(message_file, "From: someone@example.org\nTo: info@delivery-test.example\n"
+                           "Subject: delivery test\n\nHello.\n");
 
   std::istringstream lines(read_file(dotqmail));
   std::string line;
@@ -360,15 +315,13 @@ TEST(DeliveryTest, DeliveryLineDeliversIntoTheMaildir) {
   while (std::getline(lines, line)) {
     ASSERT_EQ('|', line[0]) << line;
     int status = deliver_as_qmail(home, line.substr(1), message_file);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        << line << ": status " << status;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << line << ": status " << status;
     ++commands;
   }
   EXPECT_EQ(2, commands);
 
   std::vector<std::filesystem::path> delivered;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(home + "/Maildir/new"))
+  for (const auto& entry : std::filesystem::directory_iterator(home + "/Maildir/new"))
     delivered.push_back(entry.path());
   ASSERT_EQ(1u, delivered.size());
   EXPECT_TRUE(contains(read_file(delivered[0]), "Subject: delivery test"));

@@ -36,67 +36,45 @@ int edit(const std::string& path, Lines lines, int op, int how) {
 }
 
 Text contents_of(const std::string& path) {
-  if (!exists(path))
-    return std::nullopt;
-  return read_file(path);
+  return exists(path) ? Text(read_file(path)) : std::nullopt;
 }
 
 struct EditCase {
   const char* name;
   Text before;
   Lines lines;
-  int op;
-  int how;
-  int result;
+  int op, how, result;
   Text after;
-  Text temp_after;      // "<path>.tmp" afterwards
-  const char* message;  // expected in the report; null: nothing reported
+  Text temp_after = {};           // "<path>.tmp" afterwards
+  const char* message = nullptr;  // expected in the report; null: nothing reported
 };
 
 void PrintTo(const EditCase& c, std::ostream* out) { *out << c.name; }
 
-
 const EditCase kEditCases[] = {
-    {"prepend", "old\n", {"new"}, 0, 0, 0, "new\nold\n", {}, nullptr},
-    {"prepend_lines_with_and_without_newline", "old\n", {"x\n", "y"}, 0, 0, 0,
-     "x\ny\nold\n", {}, nullptr},
-    {"append", "old\n", {"new"}, 0, 1, 0, "old\nnew\n", {}, nullptr},
-    {"add_with_unknown_how", "old\n", {"new"}, 0, 2, 0, "old\n", {}, nullptr},
-    {"remove_exact_line_only", "example.com\nexample.com.au\n",
-     {"example.com"}, 1, 1, 0, "example.com.au\n", {}, nullptr},
-    {"remove_given_with_newline", "a\nb\n", {"a\n"}, 1, 1, 0, "b\n", {},
-     nullptr},
-    {"remove_every_occurrence_of_each", "a\nb\nc\na\n", {"a", "c"}, 1, 0, 0,
-     "b\n", {}, nullptr},
-    {"remove_empty_line", "a\n\nb\n", {""}, 1, 1, 0, "a\nb\n", {}, nullptr},
-    {"remove_keeps_last_line_without_newline", "a\nb", {"a"}, 1, 1, 0, "b",
-     {}, nullptr},
-    {"remove_last_line_without_newline", "a\nb", {"b"}, 1, 1, 0, "a\n", {},
-     nullptr},
-    {"remove_prefix", "example.com\nexample.com.au\nother\n", {"example.com"},
-     2, 0, 0, "other\n", {}, nullptr},
-    {"prefix_longer_than_line", "ab\n", {"abc"}, 2, 0, 0, "ab\n", {}, nullptr},
-    {"remove_suffix", "example.com\nexample.com.au\n", {".au"}, 2, 1, 0,
-     "example.com\n", {}, nullptr},
-    {"remove_suffix_of_last_line_without_newline", "a.x\nb.x", {".x"}, 2, 1,
-     0, "", {}, nullptr},
-    {"remove_substring", "=ab-c:x\n=cd-e:x\n+ab-:y\n", {"ab-"}, 2, 2, 0,
-     "=cd-e:x\n", {}, nullptr},
-    {"match_with_unknown_how_copies", "a\nb", {"a"}, 2, 3, 0, "a\nb", {},
-     nullptr},
+    {"prepend_lines_with_and_without_newline", "old\n", {"x\n", "y"}, 0, 0, 0, "x\ny\nold\n"},
+    {"append", "old\n", {"new"}, 0, 1, 0, "old\nnew\n"},
+    {"add_with_unknown_how", "old\n", {"new"}, 0, 2, 0, "old\n"},
+    {"remove_every_exactly_equal_line", "a.com\na.com.au\nb\na.com\n", {"a.com\n", "b"}, 1, 1,
+     0, "a.com.au\n"},
+    {"remove_empty_line", "a\n\nb\n", {""}, 1, 1, 0, "a\nb\n"},
+    {"remove_keeps_last_line_without_newline", "a\nb", {"a"}, 1, 1, 0, "b"},
+    {"remove_last_line_without_newline", "a\nb", {"b"}, 1, 1, 0, "a\n"},
+    {"remove_prefix", "a.com\na.com.au\nother\na\n", {"a.com"}, 2, 0, 0, "other\na\n"},
+    {"remove_suffix", "a.com\na.com.au\n", {".au"}, 2, 1, 0, "a.com\n"},
+    {"remove_suffix_of_last_line_without_newline", "a.x\nb.x", {".x"}, 2, 1, 0, ""},
+    {"remove_substring", "=ab-c:x\n=cd-e:x\n+ab-:y\n", {"ab-"}, 2, 2, 0, "=cd-e:x\n"},
+    {"match_with_unknown_how_copies", "a\nb", {"a"}, 2, 3, 0, "a\nb"},
     // Each string tried before the first match writes the line once more.
-    {"match_list_repeats_lines", "a\nb\n", {"zzz", "yyy", "b"}, 2, 0, 0,
-     "a\na\na\nb\nb\n", {}, nullptr},
-    {"unknown_op", "old\n", {"new"}, 3, 0, 0, "old\n", {}, nullptr},
+    {"match_list_repeats_lines", "a\nb\n", {"zzz", "yyy", "b"}, 2, 0, 0, "a\na\na\nb\nb\n"},
+    {"unknown_op", "old\n", {"new"}, 3, 0, 0, "old\n"},
 
-    {"missing_prepend", {}, {"new"}, 0, 0, 1, {}, "new\n",
-     "Unable to open file "},
-    {"missing_append_creates", {}, {"new"}, 0, 1, 0, "new\n", {}, nullptr},
-    {"missing_add_with_unknown_how", {}, {"new"}, 0, 2, 0, {}, {}, nullptr},
-    {"missing_remove", {}, {"new"}, 1, 1, 1, {}, {}, nullptr},
-    {"missing_remove_by_match", {}, {"new"}, 2, 2, 1, {}, {},
-     "Unable to open file "},
-    {"missing_unknown_op", {}, {"new"}, 3, 0, 0, {}, {}, nullptr},
+    {"missing_prepend", {}, {"new"}, 0, 0, 1, {}, "new\n", "Unable to open file "},
+    {"missing_append_creates", {}, {"new"}, 0, 1, 0, "new\n"},
+    {"missing_add_with_unknown_how", {}, {"new"}, 0, 2, 0, {}},
+    {"missing_remove", {}, {"new"}, 1, 1, 1, {}},
+    {"missing_remove_by_match", {}, {"new"}, 2, 2, 1, {}, {}, "Unable to open file "},
+    {"missing_unknown_op", {}, {"new"}, 3, 0, 0, {}},
 };
 
 class FileStringsTest : public testing::TestWithParam<EditCase> {};
@@ -104,12 +82,10 @@ class FileStringsTest : public testing::TestWithParam<EditCase> {};
 TEST_P(FileStringsTest, Edits) {
   const EditCase& c = GetParam();
   ScratchDir dir;
-  std::string path = dir.path("file");
-  if (c.before)
-    write_file(path, *c.before);
+  const std::string path = dir.path("file");
+  if (c.before) write_file(path, *c.before);
 
   auto run = CaptureStreams([&] { return edit(path, c.lines, c.op, c.how); });
-
   EXPECT_EQ(c.result, run.result);
   EXPECT_EQ(c.after, contents_of(path));
   EXPECT_EQ(c.temp_after, contents_of(path + ".tmp"));
@@ -121,9 +97,7 @@ TEST_P(FileStringsTest, Edits) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, FileStringsTest, testing::ValuesIn(kEditCases),
-                         [](const testing::TestParamInfo<EditCase>& info) {
-                           return std::string(info.param.name);
-                         });
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(FileStringsLongLineTest, LongLineIsNeverEqualToAGivenLine) {
   ScratchDir dir;
@@ -160,12 +134,9 @@ TEST(FileStringsLockTest, MissingLockDirectoryFailsEveryEdit) {
   auto run = CaptureStreams([&] { return file_str(path.c_str(), "a", 0, 1); });
   EXPECT_EQ(1, run.result);
   EXPECT_FALSE(exists(path));
-  EXPECT_NE(std::string::npos,
-            run.err.find("Unable to open file \"/run/lock/files/"))
-      << run.err;
-  EXPECT_NE(std::string::npos,
-            run.err.find("Error occurred while locking the file " + path +
-                         ": No such file or directory\n"))
+  EXPECT_NE(std::string::npos, run.err.find("Unable to open file \"/run/lock/files/")) << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("Error occurred while locking the file " + path +
+                                            ": No such file or directory\n"))
       << run.err;
 }
 
@@ -175,9 +146,7 @@ TEST(FileStringsLockTest, UnreadablePathKeepsTheLock) {
   std::string path = dir.path("plain/file");  // stat fails with ENOTDIR
   auto run = CaptureStreams([&] { return file_str(path.c_str(), "a", 1, 1); });
   EXPECT_EQ(1, run.result);
-  EXPECT_NE(std::string::npos,
-            run.err.find("file_str: Unable to stat file " + path))
-      << run.err;
+  EXPECT_NE(std::string::npos, run.err.find("file_str: Unable to stat file " + path)) << run.err;
   lock_handle* attempt = mk_nonblock_lock(path.c_str(), 1);
   EXPECT_TRUE(is_already_locked(attempt));
   free_lock(attempt);
@@ -203,7 +172,7 @@ Step step_of(int worker, int i) {
   return {line.str(), static_cast<decltype(Step::action)>((r >> 5) % 3)};
 }
 
-std::set<std::string> expected_lines(int worker) {
+std::multiset<std::string> expected_lines(int worker) {
   std::set<std::string> present;
   for (int i = 0; i < kOperations; ++i) {
     Step s = step_of(worker, i);
@@ -212,17 +181,15 @@ std::set<std::string> expected_lines(int worker) {
     else
       present.insert(s.line);
   }
-  return present;
+  return {present.begin(), present.end()};
 }
 
 int run_worker(const std::string& path, int worker) {
   for (int i = 0; i < kOperations; ++i) {
     Step s = step_of(worker, i);
-    if (file_str(path.c_str(), s.line.c_str(), 1, 1) != 0)
-      return 1;
+    if (file_str(path.c_str(), s.line.c_str(), 1, 1) != 0) return 1;
     if (s.action != Step::kRemove &&
-        file_str(path.c_str(), s.line.c_str(), 0,
-                 s.action == Step::kAppend ? 1 : 0) != 0)
+        file_str(path.c_str(), s.line.c_str(), 0, s.action == Step::kAppend ? 1 : 0) != 0)
       return 1;
   }
   return 0;
@@ -236,8 +203,7 @@ TEST(FileStringsConcurrencyTest, ParallelEditsLoseNothing) {
   for (int w = 0; w < kWorkers; ++w) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid == 0)
-      _exit(run_worker(path, w));
+    if (pid == 0) _exit(run_worker(path, w));
     children.push_back(pid);
   }
   for (pid_t pid : children) {
@@ -257,12 +223,7 @@ TEST(FileStringsConcurrencyTest, ParallelEditsLoseNothing) {
       ++others;
   }
   EXPECT_EQ(1, others);  // the "." line nobody touched
-  for (int w = 0; w < kWorkers; ++w) {
-    std::set<std::string> expected = expected_lines(w);
-    EXPECT_EQ(std::multiset<std::string>(expected.begin(), expected.end()),
-              found[w])
-        << "worker " << w;
-  }
+  for (int w = 0; w < kWorkers; ++w) EXPECT_EQ(expected_lines(w), found[w]) << "worker " << w;
 }
 
 }  // namespace

@@ -30,21 +30,36 @@ using tavix::test::write_file;
 namespace fs = std::filesystem;
 
 const int64_t kMax = INT64_MAX;
-const Attributes kPopuserFile = {110, 110, 0644};
 
 void make_maildir(const std::string& path) {
-  for (const char* sub : {"new", "cur", "tmp"})
-    fs::create_directories(path + "/" + sub);
+  for (const char* sub : {"new", "cur", "tmp"}) fs::create_directories(path + "/" + sub);
 }
 
-// Creates `relative` inside `maildir` with `size` bytes, making the folder
-// it belongs to ("<folder>/<new|cur|tmp>/<name>") first.
-void add_message(const std::string& maildir, const std::string& relative,
-                 size_t size) {
-  std::string path = maildir + "/" + relative;
-  std::string folder = fs::path(path).parent_path().parent_path();
-  make_maildir(folder);
-  write_file(path, std::string(size, 'm'));
+// A Maildir in a scratch directory.
+struct ScratchMaildir {
+  ScratchMaildir() { make_maildir(path); }
+  // Creates `relative` ("<folder>/<new|cur|tmp>/<name>") with `size` bytes,
+  // making its folder first.
+  void add(const std::string& relative, size_t size) const {
+    make_maildir(fs::path(path + "/" + relative).parent_path().parent_path());
+    write_file(path + "/" + relative, std::string(size, 'm'));
+  }
+  std::string size_file() const { return path + "/maildirsize"; }
+
+  ScratchDir dir;
+  const std::string path = dir.path("Maildir");
+};
+
+struct Usage {
+  int result;
+  int64_t bytes = -1, count = -1, size_limit = -1, count_limit = -1;
+};
+
+Usage read_usage(const std::string& maildir, int no_recount) {
+  Usage u{0};
+  u.result = get_maildirpp_usage_and_limits(maildir.c_str(), no_recount, &u.bytes, &u.count,
+                                            &u.size_limit, &u.count_limit);
+  return u;
 }
 
 struct stat stat_of(const std::string& path) {
@@ -64,138 +79,97 @@ std::string usage_text(int64_t bytes, int64_t count) {
 class Mailbox {
  public:
   Mailbox(const std::string& domain, const std::string& name)
-      : domain_dir_("/var/qmail/mailnames/" + domain),
-        dir_(domain_dir_ + "/" + name) {
+      : domain_dir_("/var/qmail/mailnames/" + domain), dir_(domain_dir_ + "/" + name) {
     make_maildir(maildir());
   }
   ~Mailbox() {
     std::error_code ignored;
     fs::remove_all(domain_dir_, ignored);
   }
-  const std::string& dir() const { return dir_; }
+  // Puts `size` bytes into @attachments; what they count, the directory's own size included.
+  int64_t attach(size_t size) const {
+    fs::create_directory(dir_ + "/@attachments");
+    write_file(dir_ + "/@attachments/a", std::string(size, 'a'));
+    return stat_of(dir_ + "/@attachments").st_size + size;
+  }
   std::string maildir() const { return dir_ + "/Maildir"; }
-  std::string maildirsize() const { return maildir() + "/maildirsize"; }
 
  private:
-  std::string domain_dir_;
-  std::string dir_;
+  std::string domain_dir_, dir_;
 };
 
 TEST(ParseHeaderTest, AcceptsTheQuotaHeaderFormsAndRefusesTheRest) {
   const struct {
     const char* header;
     bool accepted;
-    int64_t size;   // when accepted
-    int64_t count;
+    int64_t size = 0, count = 0;  // when accepted
   } cases[] = {
       {"", true, 0, 0},  // no limits at all
-      {"1048576S,0C", true, 1048576, 0},
-      {"1000S,25C", true, 1000, 25},
-      {"1000S", true, 1000, 0},
-      {"1000", true, 1000, 0},
-      {"1000X,25C", true, 1000, 25},  // either the "S" or the "," will do
-      {"1000S;25C", true, 1000, 25},
-      {"abc", false, 0, 0},
-      {"S,0C", false, 0, 0},
-      {"-1S,0C", false, 0, 0},
-      {"99999999999999999999S,0C", false, 0, 0},  // overflow
-      {"1000;25C", false, 0, 0},
-      {"1000C", false, 0, 0},
-      {"1000S,C", false, 0, 0},
-      {"1000S,25", false, 0, 0},
-      {"1000S,25CC", false, 0, 0},
-      {"1000S ", false, 0, 0},
+      {"1048576S,0C", true, 1048576, 0}, {"1000S,25C", true, 1000, 25},
+      {"1000S", true, 1000, 0},          {"1000", true, 1000, 0},
+      // Either the "S" or the "," will do.
+      {"1000X,25C", true, 1000, 25},     {"1000S;25C", true, 1000, 25},
+      {"abc", false},      {"S,0C", false},     {"-1S,0C", false},
+      {"99999999999999999999S,0C", false},  // overflow
+      {"1000;25C", false}, {"1000C", false},    {"1000S,C", false},
+      {"1000S,25", false}, {"1000S,25CC", false}, {"1000S ", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string("header \"") + c.header + "\"");
-    int64_t size = -7;
-    int64_t count = -7;
+    int64_t size = -7, count = -7;
     EXPECT_EQ(c.accepted ? 1 : 0, parse_header_string(c.header, &size, &count));
     EXPECT_EQ(c.accepted ? c.size : kMax, size);
     EXPECT_EQ(c.accepted ? c.count : kMax, count);
   }
 }
 
-// Reading without recount: every usage line is summed, anything damaged
-// refuses the file.
-TEST(MaildirsizeReaderTest, SumsTheUsageLinesOfAnIntactFile) {
+// Every usage line of an intact file is summed. A missing, damaged or too
+// long file is refused, or with a recount allowed counted afresh (under the
+// limits of a header that could be read).
+TEST(MaildirsizeReaderTest, SumsAnIntactFileOrRecounts) {
+  enum Kind { kIntact, kDamagedLines, kUnusable };
   const struct {
-    const char* text;
-    bool read;
-    int64_t bytes;
-    int64_t count;
-  } cases[] = {
-      {"1000S,0C\n         100           2\n300 1\n-50\t-1\n", true, 350, 2},
-      {"1000S,0C\n", true, 0, 0},
-      {"1000S,0C\n100 2\n300 1", false, 0, 0},  // last line unfinished
-      {"1000S,0C\n100 2\n\n", false, 0, 0},
-      {"1000S,0C\n100\n", false, 0, 0},
-      {"1000S,0C\n100 2 3\n", false, 0, 0},
-      {"1000S,0C\n100x 2\n", false, 0, 0},
-      {"1000S,0C\n100 2\n-200 -1\n", false, 0, 0},  // negative sum
-      {"1000S,0C", false, 0, 0},                     // header unfinished
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    ScratchDir dir;
-    std::string maildir = dir.path("Maildir");
-    make_maildir(maildir);
-    write_file(maildir + "/maildirsize", c.text);
-    int64_t bytes = -1, count = -1, size_limit = -1, count_limit = -1;
-    EXPECT_EQ(c.read ? 1 : 0,
-              get_maildirpp_usage_and_limits(maildir.c_str(), 1, &bytes,
-                                             &count, &size_limit,
-                                             &count_limit));
-    if (c.read) {
-      EXPECT_EQ(c.bytes, bytes);
-      EXPECT_EQ(c.count, count);
-      EXPECT_EQ(1000, size_limit);
-      EXPECT_EQ(0, count_limit);
-    }
-  }
-}
-
-TEST(MaildirsizeReaderTest, RecountsWhenTheFileCannotBeUsed) {
-  const struct {
-    const char* what;
     std::string text;  // "" for no file
-    bool corrupted_header;
+    Kind kind;
+    int64_t bytes = 0, count = 0;  // of an intact file
+    bool corrupted_header = false;
   } cases[] = {
-      {"missing", "", false},
-      {"corrupted header", "abc\n0 0\n", true},
-      {"too long", "1000S,0C\n" + std::string(5200, ' ') + "0 0\n", false},
+      {"1000S,0C\n         100           2\n300 1\n-50\t-1\n", kIntact, 350, 2},
+      {"1000S,0C\n", kIntact, 0, 0},
+      {"", kUnusable},
+      {"abc\n0 0\n", kUnusable, 0, 0, true},
+      {"1000S,0C\n" + std::string(5200, ' ') + "0 0\n", kUnusable},  // too long
+      {"1000S,0C", kUnusable, 0, 0, true},                           // header unfinished
+      {"1000S,0C\n100 2\n300 1", kDamagedLines},                     // last line unfinished
+      {"1000S,0C\n100 2\n\n", kDamagedLines},
+      {"1000S,0C\n100\n", kDamagedLines},
+      {"1000S,0C\n100 2 3\n", kDamagedLines},
+      {"1000S,0C\n100x 2\n", kDamagedLines},
+      {"1000S,0C\n100 2\n-200 -1\n", kDamagedLines},  // negative sum
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    ScratchDir dir;
-    std::string maildir = dir.path("Maildir");
-    make_maildir(maildir);
-    add_message(maildir, "cur/1.host,S=4000:2,S", 1);
-    if (!c.text.empty())
-      write_file(maildir + "/maildirsize", c.text);
+    SCOPED_TRACE(c.text.substr(0, 30));
+    const ScratchMaildir maildir;
+    maildir.add("cur/1.host,S=4000:2,S", 1);
+    if (!c.text.empty()) write_file(maildir.size_file(), c.text);
     LogRecorder log;
-    int64_t bytes = -1, count = -1, size_limit = -1, count_limit = -1;
-    EXPECT_EQ(0, get_maildirpp_usage_and_limits(maildir.c_str(), 1, &bytes,
-                                                &count, &size_limit,
-                                                &count_limit));
-    EXPECT_EQ(1, get_maildirpp_usage_and_limits(maildir.c_str(), 0, &bytes,
-                                                &count, &size_limit,
-                                                &count_limit));
-    EXPECT_EQ(4000, bytes);
-    EXPECT_EQ(1, count);
-    EXPECT_EQ(kMax, size_limit);
-    EXPECT_EQ(kMax, count_limit);
-    EXPECT_EQ(c.corrupted_header,
-              LogRecorder::Has(3, "maildirsize quota header is corrupted. "
-                                  "Please run mbox_fixup utility to fix."));
+    const bool intact = c.kind == kIntact, limits = c.kind != kUnusable;
+    EXPECT_EQ(intact ? 1 : 0, read_usage(maildir.path, 1).result);
+    const Usage u = read_usage(maildir.path, 0);
+    EXPECT_EQ(1, u.result);
+    EXPECT_EQ(intact ? c.bytes : 4000, u.bytes);
+    EXPECT_EQ(intact ? c.count : 1, u.count);
+    EXPECT_EQ(limits ? 1000 : kMax, u.size_limit);
+    EXPECT_EQ(limits ? 0 : kMax, u.count_limit);
+    EXPECT_EQ(c.corrupted_header, LogRecorder::Has(3, "maildirsize quota header is corrupted. "
+                                                      "Please run mbox_fixup utility to fix."));
   }
 }
 
 TEST(MaildirScanTest, CountsMessagesOfTheMaildirAndItsFoldersButNotTrash) {
   const struct {
     const char* message;  // inside the Maildir; its content is 10 bytes
-    int64_t bytes;
-    int64_t count;
+    int64_t bytes = 0, count = 0;
   } cases[] = {
       {"new/1234.host,S=2048:2,S", 2048, 1},
       {"cur/1234.host,S=2048", 2048, 1},
@@ -209,13 +183,11 @@ TEST(MaildirScanTest, CountsMessagesOfTheMaildirAndItsFoldersButNotTrash) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
-    ScratchDir dir;
-    std::string maildir = dir.path("Maildir");
-    make_maildir(maildir);
-    add_message(maildir, c.message, 10);
-    write_file(maildir + "/.not-a-folder", "x");
+    const ScratchMaildir maildir;
+    maildir.add(c.message, 10);
+    write_file(maildir.path + "/.not-a-folder", "x");
     int64_t bytes = -1, count = -1;
-    ASSERT_EQ(1, get_maildirpp_usage(maildir.c_str(), &bytes, &count));
+    ASSERT_EQ(1, get_maildirpp_usage(maildir.path.c_str(), &bytes, &count));
     EXPECT_EQ(c.bytes, bytes);
     EXPECT_EQ(c.count, count);
   }
@@ -231,38 +203,32 @@ TEST(WriteMaildirsizeTest, WritesLimitsAndCountForPopuser) {
       {-1, "0S,0C\n"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.header);
     for (bool with_mail : {false, true}) {
-      ScratchDir dir;
-      std::string maildir = dir.path("Maildir");
-      make_maildir(maildir);
-      write_file(maildir + "/maildirsize", "old contents\n");
+      SCOPED_TRACE(std::string(c.header) + (with_mail ? " with mail" : ""));
+      const ScratchMaildir maildir;
+      write_file(maildir.size_file(), "old contents\n");
       if (with_mail) {
-        add_message(maildir, "new/1.host,S=2048", 1);
-        add_message(maildir, ".Spam/cur/2.host:2,S", 30);
+        maildir.add("new/1.host,S=2048", 1);
+        maildir.add(".Spam/cur/2.host:2,S", 30);
       }
       mode_t saved_umask = umask(077);
-      EXPECT_EQ(1, store_maildirpp_quota_raw(maildir.c_str(), c.quota));
+      EXPECT_EQ(1, store_maildirpp_quota_raw(maildir.path.c_str(), c.quota));
       umask(saved_umask);
-      EXPECT_EQ(std::string(c.header) +
-                    (with_mail ? usage_text(2078, 2) : usage_text(0, 0)),
-                read_file(maildir + "/maildirsize"));
-      EXPECT_EQ(kPopuserFile, attributes_of(maildir + "/maildirsize"));
-      EXPECT_TRUE(fs::is_empty(maildir + "/tmp"));
+      EXPECT_EQ(c.header + (with_mail ? usage_text(2078, 2) : usage_text(0, 0)),
+                read_file(maildir.size_file()));
+      EXPECT_EQ((Attributes{110, 110, 0644}), attributes_of(maildir.size_file()));
+      EXPECT_TRUE(fs::is_empty(maildir.path + "/tmp"));
     }
   }
 }
 
 TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
-  ScratchDir dir;
-  std::string maildir = dir.path("Maildir");
-  make_maildir(maildir);
-  std::string file = maildir + "/maildirsize";
-  std::string incoming = maildir + "/new";
+  const ScratchMaildir maildir;
+  const std::string file = maildir.size_file(), incoming = maildir.path + "/new";
   const time_t start = time(nullptr);
 
   // Nothing changes while counting: the file keeps its own time.
-  ASSERT_EQ(1, write_maildirpp_maildirsize(maildir.c_str(), 0, 0, 0, 0));
+  ASSERT_EQ(1, write_maildirpp_maildirsize(maildir.path.c_str(), 0, 0, 0, 0));
   EXPECT_GE(stat_of(file).st_mtime, start);
 
   // A delivery agent keeps changing new/ (to ever later times, far ahead).
@@ -279,7 +245,7 @@ TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   // make sure it does once.
   time_t mtime = 0;
   for (int attempt = 0; attempt < 200 && mtime < arrival - 960; ++attempt) {
-    ASSERT_EQ(1, write_maildirpp_maildirsize(maildir.c_str(), 0, 0, 0, 0));
+    ASSERT_EQ(1, write_maildirpp_maildirsize(maildir.path.c_str(), 0, 0, 0, 0));
     mtime = stat_of(file).st_mtime;
   }
   kill(agent, SIGKILL);
@@ -296,60 +262,51 @@ TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
 // Someone else's files, or links planted at the names the writer would
 // use, are never written through: after five tries (8 seconds) it gives up.
 TEST(WriteMaildirsizeTest, NeverWritesThroughAPlantedTemporaryName) {
-  ScratchDir dir;
-  std::string maildir = dir.path("Maildir");
-  make_maildir(maildir);
-  write_file(maildir + "/maildirsize", "1000S,0C\n");
+  const ScratchMaildir maildir;
+  write_file(maildir.size_file(), "1000S,0C\n");
   char host[HOST_NAME_MAX + 1] = {};
   ASSERT_EQ(0, gethostname(host, sizeof(host) - 1));
-  std::string target = dir.path("target");
+  const std::string target = maildir.dir.path("target");
   const time_t now = time(nullptr);
   for (time_t t = now; t < now + 20; ++t) {
-    std::string name = maildir + "/tmp/" + std::to_string(t) + "." +
+    std::string name = maildir.path + "/tmp/" + std::to_string(t) + "." +
                        std::to_string(getpid()) + "." + host + "-maildirsize";
     ASSERT_EQ(0, symlink(target.c_str(), name.c_str()));
   }
 
   auto run = CaptureStreams([&] {
     errno = 0;
-    int result = write_maildirpp_maildirsize(maildir.c_str(), 0, 0, 0, 0);
+    int result = write_maildirpp_maildirsize(maildir.path.c_str(), 0, 0, 0, 0);
     return std::make_pair(result, errno);
   });
-  EXPECT_EQ(0, run.result.first);
-  EXPECT_EQ(EAGAIN, run.result.second);
-  EXPECT_NE(std::string::npos,
-            run.err.find("Maximal allowed number of attempts to create a "
-                         "maildirsize file exceeded"));
+  EXPECT_EQ(std::make_pair(0, EAGAIN), run.result);
+  EXPECT_NE(std::string::npos, run.err.find("Maximal allowed number of attempts to create a "
+                                            "maildirsize file exceeded"));
   EXPECT_FALSE(exists(target));
-  EXPECT_EQ("1000S,0C\n", read_file(maildir + "/maildirsize"));
+  EXPECT_EQ("1000S,0C\n", read_file(maildir.size_file()));
 }
 
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   const struct {
     const char* maildirsize;  // "" for none
     int64_t add_bytes;
-    int64_t add_count;
     int over;
   } cases[] = {
-      {"1000S,0C\n900 3\n", 100, 1, 0},
-      {"1000S,0C\n900 3\n", 101, 1, 1},
-      {"0S,0C\n900 3\n", int64_t{1} << 50, 1, 0},  // no limit
-      {"0S,3C\n900 3\n", 0, 1, 1},
-      {"0S,4C\n900 3\n", 0, 1, 0},
-      {"1S,0C\n0 0\n", 1, 1, 0},  // the blocking limit
-      {"1S,0C\n0 0\n", 2, 1, 1},
-      {"abc\n900 3\n", kMax, 1, 0},  // unreadable: deliver
-      {"", kMax, 1, 0},
+      {"1000S,0C\n900 3\n", 100, 0},
+      {"1000S,0C\n900 3\n", 101, 1},
+      {"0S,0C\n900 3\n", int64_t{1} << 50, 0},  // no limit
+      {"0S,3C\n900 3\n", 0, 1},
+      {"0S,4C\n900 3\n", 0, 0},
+      {"1S,0C\n0 0\n", 1, 0},  // the blocking limit
+      {"1S,0C\n0 0\n", 2, 1},
+      {"abc\n900 3\n", kMax, 0},  // unreadable: deliver
+      {"", kMax, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.maildirsize);
-    ScratchDir dir;
-    std::string maildir = dir.path("Maildir");
-    make_maildir(maildir);
-    if (*c.maildirsize)
-      write_file(maildir + "/maildirsize", c.maildirsize);
-    EXPECT_EQ(c.over, check_maildirpp_overquota(maildir.c_str(), c.add_bytes,
-                                                c.add_count));
+    const ScratchMaildir maildir;
+    if (*c.maildirsize) write_file(maildir.size_file(), c.maildirsize);
+    EXPECT_EQ(c.over, check_maildirpp_overquota(maildir.path.c_str(), c.add_bytes, 1));
   }
 }
 
@@ -366,26 +323,17 @@ TEST(StoreMboxQuotaTest, AttachmentsTakeTheirShareOfTheQuota) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.quota);
-    Mailbox box("example.com", "info");
-    int64_t remainder = c.quota;
-    if (c.attachments) {
-      fs::create_directory(box.dir() + "/@attachments");
-      write_file(box.dir() + "/@attachments/a", std::string(c.attachments, 'a'));
-      // The directory's own size counts as well.
-      if (c.quota >= 0)
-        remainder -= stat_of(box.dir() + "/@attachments").st_size + c.attachments;
-    }
-    int64_t limit = c.quota < 0 ? 0 : std::max<int64_t>(remainder, 1);
+    const Mailbox box("example.com", "info");
+    const int64_t taken = c.attachments ? box.attach(c.attachments) : 0;
+    const int64_t limit = c.quota < 0 ? 0 : std::max<int64_t>(c.quota - taken, 1);
     const std::string cwd = fs::current_path();
 
-    auto run = CaptureStreams(
-        [&] { return store_mbox_quota("Example.COM", "INFO", c.quota); });
+    auto run = CaptureStreams([&] { return store_mbox_quota("Example.COM", "INFO", c.quota); });
     EXPECT_NE(0, run.result);
     EXPECT_EQ(std::to_string(limit) + "S,0C\n" + usage_text(0, 0),
-              read_file(box.maildirsize()));
-    EXPECT_EQ(c.warned,
-              run.err.find("WARNING: @attachments directory is big enough to "
-                           "disable delivery!") != std::string::npos);
+              read_file(box.maildir() + "/maildirsize"));
+    EXPECT_EQ(c.warned, run.err.find("WARNING: @attachments directory is big enough to "
+                                     "disable delivery!") != std::string::npos);
     EXPECT_EQ(cwd, fs::current_path());
   }
 }
@@ -398,59 +346,40 @@ int deliver(const std::string& maildir, const std::string& message) {
   if (pid == 0) {
     int in = open(message.c_str(), O_RDONLY);
     int out = open("/dev/null", O_WRONLY);
-    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0)
-      _exit(126);
-    execl("/usr/bin/deliverquota", "deliverquota", maildir.c_str(),
-          static_cast<char*>(nullptr));
+    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0) _exit(126);
+    execl("/usr/bin/deliverquota", "deliverquota", maildir.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   int status = -1;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-    return -1;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
 }
 
-int lines_of(const std::string& text) {
-  int lines = 0;
-  for (char c : text)
-    lines += c == '\n';
-  return lines;
-}
-
 TEST(DeliveryAgentTest, AgentEnforcesTheStoredQuotaAndWeReadWhatItCounted) {
-  Mailbox box("example.org", "alice");
+  const Mailbox box("example.org", "alice");
   ScratchDir dir;
-  std::string message = dir.path("message");
-  write_file(message, "Subject: test\n\n" + std::string(285, 'x'));  // 300
-  fs::create_directory(box.dir() + "/@attachments");
-  write_file(box.dir() + "/@attachments/a", std::string(700, 'a'));
-  const int64_t attachments =
-      stat_of(box.dir() + "/@attachments").st_size + 700;
+  const std::string message = dir.path("message"), maildir = box.maildir();
+  write_file(message, "Subject: test\n\n" + std::string(285, 'x'));  // 300 bytes
+  const int64_t attachments = box.attach(700);
   ASSERT_NE(0, store_mbox_quota("example.org", "alice", 1000 + attachments));
-  const std::string maildir = box.maildir();
 
-  int64_t bytes, count, size_limit, count_limit;
   for (int delivered = 1; delivered <= 3; ++delivered) {
     SCOPED_TRACE(delivered);
     ASSERT_EQ(0, deliver(maildir, message));
-    std::string text = read_file(box.maildirsize());
-    ASSERT_EQ(1, get_maildirpp_usage_and_limits(maildir.c_str(), 1, &bytes,
-                                                &count, &size_limit,
-                                                &count_limit))
-        << text;
-    EXPECT_EQ(300 * delivered, bytes);
-    EXPECT_EQ(delivered, count);
-    EXPECT_EQ(1000, size_limit);
-    EXPECT_EQ(0, count_limit);
-    if (delivered == 2) {  // our two lines and one appended per delivery
-      EXPECT_EQ(4, lines_of(text)) << text;
-    }
+    const std::string text = read_file(maildir + "/maildirsize");
+    // Our two lines, and one appended per delivery.
+    EXPECT_EQ(2 + delivered, std::count(text.begin(), text.end(), '\n')) << text;
+    const Usage u = read_usage(maildir, 1);
+    ASSERT_EQ(1, u.result) << text;
+    EXPECT_EQ(300 * delivered, u.bytes);
+    EXPECT_EQ(delivered, u.count);
+    EXPECT_EQ(1000, u.size_limit);
+    EXPECT_EQ(0, u.count_limit);
   }
   EXPECT_EQ(1, check_maildirpp_overquota(maildir.c_str(), 300, 1));
   EXPECT_EQ(77, deliver(maildir, message));
-  EXPECT_EQ(3u, static_cast<size_t>(std::distance(
-                    fs::directory_iterator(maildir + "/new"),
-                    fs::directory_iterator())));
+  EXPECT_EQ(3, std::distance(fs::directory_iterator(maildir + "/new"), fs::directory_iterator()));
+  int64_t bytes, count;
   EXPECT_EQ(1, get_maildirpp_usage(maildir.c_str(), &bytes, &count));
   EXPECT_EQ(900, bytes);
   EXPECT_EQ(900 + attachments, get_mbox_size("alice", "example.org", 0));

@@ -17,18 +17,15 @@
 namespace {
 
 struct Output {
-  std::string err;
-  std::string out;
+  std::string err, out;
 };
 
 Output capture(const std::function<void()>& body) {
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
   body();
-  Output output;
-  output.out = testing::internal::GetCapturedStdout();
-  output.err = testing::internal::GetCapturedStderr();
-  return output;
+  std::string out = testing::internal::GetCapturedStdout();
+  return {testing::internal::GetCapturedStderr(), out};
 }
 
 // Each test starts from the state the program has before tavix_log_init.
@@ -46,16 +43,13 @@ class LogTest : public testing::Test {
   }
 };
 
-struct ConsoleCase {
-  const char* location;
-  int level;
-  int priority;
-  const char* err;
-  const char* out;
-};
-
 TEST_F(LogTest, ConsoleWritersFollowLocationAndLevel) {
-  const ConsoleCase cases[] = {
+  const struct {
+    const char* location;
+    int level, priority;
+    const char* err;
+    const char* out;
+  } cases[] = {
       {nullptr, 6, 3, "m 3\n", "m 3\n"},  // before init: both streams
       {"console", 6, 3, "m 3\n", "m 3\n"},
       {"CoNsOlE", 6, 6, "m 6\n", "m 6\n"},
@@ -65,10 +59,9 @@ TEST_F(LogTest, ConsoleWritersFollowLocationAndLevel) {
       {"console", 2, 3, "", ""},
       {"console", 6, 7, "", ""},
   };
-  for (const ConsoleCase& c : cases) {
-    SCOPED_TRACE(std::string(c.location ? c.location : "(null)") + " level " +
-                 std::to_string(c.level) + " priority " +
-                 std::to_string(c.priority));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << (c.location ? c.location : "(null)") << " level "
+                                    << c.level << " priority " << c.priority);
     LogLocation = c.location;
     LogLevel = c.level;
     Output output = capture([&] { tavix_log(c.priority, "m %d", c.priority); });
@@ -92,37 +85,35 @@ TEST_F(LogTest, InitWithLocationKeepsConsoleWriters) {
 TEST(LogInitDeathTest, SyslogUsesSystemLoggerAndMask) {
   auto check = [] {
     tavix_log_init(nullptr, 6, LOG_MAIL, LOG_PERROR, "dravnik");
-    if (tavix_log != syslog || tavix_logv != vsyslog)
-      return 2;
-    if (setlogmask(0) != 127 || LogLevel != 6 || LogEnabled != 1)
-      return 3;
+    if (tavix_log != syslog || tavix_logv != vsyslog) return 2;
+    if (setlogmask(0) != 127 || LogLevel != 6 || LogEnabled != 1) return 3;
     tavix_log_set_level(3);
-    if (setlogmask(0) != 15 || LogLevel != 3)
-      return 4;
+    if (setlogmask(0) != 15 || LogLevel != 3) return 4;
     tavix_log_set_level(0);
-    if (setlogmask(0) != 1 || LogLevel != 0 || LogEnabled != 0)
-      return 5;
+    if (setlogmask(0) != 1 || LogLevel != 0 || LogEnabled != 0) return 5;
     return 0;
   };
   EXPECT_EXIT(exit(check()), testing::ExitedWithCode(0), "");
 }
 
-struct MessageCase {
-  int err;
-  const char* text;
-  std::string expected;
-};
-
 TEST_F(LogTest, MesslogPrintsOnBothStreamsWithSystemError) {
   const std::string enoent = strerror(ENOENT);
-  const MessageCase cases[] = {
-      {0, "x", "x\n"},
-      {0, "x\n", "x\n"},  // no second newline
-      {ENOENT, "x", "x\nSystem error 2: " + enoent + "\n"},
-      {ENOENT, "x\n", "x\n\nSystem error 2: " + enoent + "\n"},
+  char progname[] = "/usr/local/sbin/dravnik";
+  const struct {
+    int err;
+    char* progname;  // only its base name is shown
+    const char* text;
+    std::string expected;
+  } cases[] = {
+      {0, nullptr, "x", "x\n"},
+      {0, nullptr, "x\n", "x\n"},  // no second newline
+      {ENOENT, nullptr, "x", "x\nSystem error 2: " + enoent + "\n"},
+      {ENOENT, nullptr, "x\n", "x\n\nSystem error 2: " + enoent + "\n"},
+      {0, progname, "done", "dravnik: done\n"},
   };
-  for (const MessageCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
+    PROGNAME = c.progname;
     int errno_after = -1;
     Output output = capture([&] {
       errno = c.err;
@@ -159,17 +150,6 @@ TEST_F(LogTest, SystemErrorOnlyWhereItFitsTheFixedBuffer) {
   }
 }
 
-TEST_F(LogTest, ProgramNamePrefixUsesBaseName) {
-  char progname[] = "/usr/local/sbin/dravnik";
-  PROGNAME = progname;
-  Output output = capture([] {
-    errno = 0;
-    messlog2(0, 0, "done");
-  });
-  EXPECT_EQ("dravnik: done\n", output.err);
-  EXPECT_EQ("dravnik: done\n", output.out);
-}
-
 TEST(MesslogDeathTest, NonZeroStatusEndsTheProcess) {
   EXPECT_EXIT(
       {
@@ -195,31 +175,25 @@ TEST(UtilityErrorStreamTest, StderrAtOnceStdoutAtFlush) {
   EXPECT_EQ("", third.out);  // the buffer was emptied by the last flush
 }
 
-TEST(TracebackTest, SkippingEverythingLeavesTheHeadingOnly) {
-  tavix::Traceback traceback(100);
-  std::ostringstream out;
-  out << traceback;
-  EXPECT_EQ("Traceback:\n", out.str());
-}
-
 TEST(TracebackTest, PrintsOneTabbedLinePerFrame) {
+  std::ostringstream skipped;
+  skipped << tavix::Traceback(100);  // every frame skipped: the heading only
+  EXPECT_EQ("Traceback:\n", skipped.str());
+
   tavix::Traceback traceback(0);
   std::ostringstream out;
-  out << traceback;
-  out << traceback;  // symbols are cached, the second print is the same
-
+  out << traceback << traceback;  // symbols are cached, the second print is the same
   std::istringstream lines(out.str());
   std::string line;
-  int headings = 0;
-  int frames = 0;
+  int headings = 0, frames = 0;
   while (std::getline(lines, line)) {
     if (line == "Traceback:") {
       ++headings;
-    } else {
-      ++frames;
-      EXPECT_EQ('\t', line.at(0)) << line;
-      EXPECT_NE(std::string::npos, line.find("[0x")) << line;
+      continue;
     }
+    ++frames;
+    EXPECT_EQ('\t', line.at(0)) << line;
+    EXPECT_NE(std::string::npos, line.find("[0x")) << line;
   }
   EXPECT_EQ(2, headings);
   EXPECT_GT(frames, 0);
@@ -235,8 +209,7 @@ TEST(SymbolLineDemanglerTest, RewritesMangledNamesOnly) {
       {"./dravnik(_Z1fv+0x1) [0x1]", "./dravnik(f()+0x1) [0x1]"},
       // longer than the buffer the previous line left behind
       {"./dravnik(_ZN5tavix9TracebackC1Em+0x1f) [0x401234]",
-       "./dravnik(tavix::Traceback::Traceback(unsigned long)+0x1f) "
-       "[0x401234]"},
+       "./dravnik(tavix::Traceback::Traceback(unsigned long)+0x1f) [0x401234]"},
       {"./dravnik(_Z1gi+0x2) [0x2]", "./dravnik(g(int)+0x2) [0x2]"},
       {"./dravnik(+0x1234) [0x55]", "./dravnik(+0x1234) [0x55]"},
       {"/lib/libc.so.6(__libc_start_main+0x85) [0x7f]",
@@ -246,8 +219,7 @@ TEST(SymbolLineDemanglerTest, RewritesMangledNamesOnly) {
       {"./a+b(_Z1fv) [0x1]", "./a+b(_Z1fv) [0x1]"},
   };
   tavix::SymbolLineDemangler demangle;
-  for (const auto& c : cases)
-    EXPECT_EQ(c.expected, demangle(c.line));
+  for (const auto& c : cases) EXPECT_EQ(c.expected, demangle(c.line));
 }
 
 }  // namespace
