@@ -12,6 +12,11 @@ import pytest
 import sandbox as sandbox_module
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "load: hundreds of runs in one sandbox, killed at "
+                            "random or started at once (test_under_load.py)")
+
+
 def pytest_sessionstart(session):
     problems = []
     if not os.access(sandbox_module.BWRAP, os.X_OK):

@@ -407,9 +407,15 @@ class Sandbox:
 
     With `directory`, the tree lives there and is kept (created and set up
     when missing, reused as it is otherwise); without, it lives in a fresh
-    temporary directory that cleanup() removes."""
+    temporary directory that cleanup() removes.
 
-    def __init__(self, directory=None, dravnik=None, hostname=None):
+    `host_copies` names further host directories that the sandbox also
+    holds private copies of, taken from the host as they are (owners, modes,
+    links) unless the tree already has them: for a test that must change
+    system directories, as installing the package changes dpkg's database
+    and the directories it installs into.  They are not part of snapshot()."""
+
+    def __init__(self, directory=None, dravnik=None, hostname=None, host_copies=()):
         if directory is None:
             self.dir = Path(tempfile.mkdtemp(prefix="dravnik-sandbox-"))
             self.keep = False
@@ -420,11 +426,13 @@ class Sandbox:
         self.root = self.dir / "root"
         self.dravnik = Path(dravnik).absolute() if dravnik else self.default_dravnik()
         self.hidden = set(ALWAYS_HIDDEN)
+        self.host_copies = self._check_host_copies(host_copies)
         if not self.root.exists():
             self._populate(hostname or DEFAULT_HOSTNAME)
         elif hostname:
             self.set_hostname(hostname)
         self._install_launcher()
+        self._copy_from_host()
 
     @staticmethod
     def default_dravnik():
@@ -455,6 +463,23 @@ class Sandbox:
         self._install(STANDINS / "qmail-init", "/etc/rc.d/init.d/qmail")
         staging.rename(self.dir / "root")
         self.root = self.dir / "root"
+
+    @staticmethod
+    def _check_host_copies(paths):
+        paths = tuple(os.path.normpath(p) for p in paths)
+        for p in paths:
+            if any(_under(p, q) or _under(q, p) for q in PRIVATE_PATHS + FRESH_DIRS):
+                raise ValueError("%s overlaps a private path of the sandbox" % p)
+            if not os.path.isdir(p) or os.path.islink(p):
+                raise SandboxError("%s is not a directory on the host" % p)
+        return paths
+
+    def _copy_from_host(self):
+        for p in self.host_copies:
+            target = self.path(p)
+            if not target.exists():
+                target.parent.mkdir(parents=True, exist_ok=True)
+                subprocess.run(["cp", "-a", "--", p, str(target)], check=True)
 
     def _install(self, source, path, mode=0o755):
         target = self.path(path)
@@ -489,7 +514,7 @@ class Sandbox:
     def path(self, sandbox_path):
         """The host path of the private copy of a sandbox path."""
         sandbox_path = os.path.normpath(sandbox_path)
-        if not any(_under(sandbox_path, p) for p in PRIVATE_PATHS):
+        if not any(_under(sandbox_path, p) for p in PRIVATE_PATHS + self.host_copies):
             raise ValueError("%s is not a private path of the sandbox" % sandbox_path)
         return self.root / sandbox_path.lstrip("/")
 
@@ -570,7 +595,7 @@ class Sandbox:
         return result
 
     def bwrap_args(self):
-        binds = {p: self.path(p) for p in PRIVATE_PATHS}
+        binds = {p: self.path(p) for p in PRIVATE_PATHS + self.host_copies}
         return [
             BWRAP,
             "--ro-bind", "/", "/",
@@ -585,13 +610,15 @@ class Sandbox:
         ]
 
     def init_databases(self):
-        """Creates the authentication database with its key and the handlers
-        database, as installing the product on a mail server does."""
-        driver = Path(os.environ.get("INIT_DATABASES")
-                      or REPO / "build" / "tests" / "drivers" / "init_databases")
-        result = self.run_raw([str(driver)])
+        """Prepares the sandbox as installing the product on a mail server
+        does: runs dravnik-setup ($DRAVNIK_SETUP, else the build tree's),
+        which creates the authentication database with its key and the
+        handlers database, and gives the mail names root to popuser."""
+        setup = Path(os.environ.get("DRAVNIK_SETUP")
+                     or REPO / "build" / "src" / "setup" / "dravnik-setup").absolute()
+        result = self.run_raw([str(setup)])
         if result.rc != 0:
-            raise SandboxError("cannot create the databases: %s" % result.err)
+            raise SandboxError("dravnik-setup failed (exit status %d): %s" % (result.rc, result.err))
 
     def deliver(self, home, message):
         """Delivers `message` as qmail's local delivery would through the

@@ -2,6 +2,8 @@
 
 #include <syslog.h>
 
+#include "qmail/nonexisting_mail.h"
+#include "util/exception.h"
 #include "util/idn.h"
 #include "util/log.h"
 
@@ -19,12 +21,21 @@ NonexistingMailnamesAction buildNotexistingMailnamesAction(ProgramOptionsHelper 
     action.type = NonexistingMailnamesAction::kBounce;
     if (vars.count("phrase"))
       action.phrase = vars["phrase"].as<std::string>();
+    if (!is_bounce_text_safe(action.phrase.c_str()))
+      throw TavixUtilException(
+          "The bounce text must not contain a control character other than a newline.");
     return action;
   }
   if (vars.count("set-catchall")) {
     // Without "--email" the value cannot be read at all; that bad cast is a
     // caller's mistake and reaches main() as such.
-    std::string email = tavix::idn::emailToAscii(vars["email"].as<std::string>());
+    std::string const given = vars["email"].as<std::string>();
+    // Refused before anything else looks at it: the address ends up in a
+    // delivery line, which a newline in it would split in two.
+    if (!is_catchall_address_safe(given.c_str()))
+      throw TavixUtilException(
+          "The catch-all address must not contain a newline or another control character.");
+    std::string email = tavix::idn::emailToAscii(given);
     if (email.empty())
       throw MissingMandatoryOption("email");
     action.type = NonexistingMailnamesAction::kCatchAll;

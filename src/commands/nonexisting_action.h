@@ -21,7 +21,8 @@ struct NonexistingMailnamesAction {
 
 // From the parsed options; the first of bounce, catch-all and reject given
 // wins. Throws MissingMandatoryOption when none is given or the catch-all
-// address is empty.
+// address is empty, and TavixUtilException when the chosen bounce text or
+// address holds a character that could split the domain's delivery line.
 NonexistingMailnamesAction buildNotexistingMailnamesAction(ProgramOptionsHelper const& helper);
 
 }  // namespace dravnik_commands

@@ -4,28 +4,46 @@
 
 namespace {
 
-// Hands out the variable's value and removes the variable. glibc frees neither
-// the initial environment strings nor those given to setenv(), so the value
+char const kPlain[] = "ZON_PASSWORD";
+char const kCrypted[] = "ZON_CRYPTED_PASSWORD";
+
+// The variables' values once taken out of the environment; null when unset.
+char const* takenPlain = nullptr;
+char const* takenCrypted = nullptr;
+
+// Moves the variable into `*value` when it is set. glibc frees neither the
+// initial environment strings nor those given to setenv(), so the value
 // outlives its removal.
-bool takeEnv(char const* name, char const** value) {
+void takeEnv(char const* name, char const** value) {
   char const* text = getenv(name);
-  if (text == nullptr || *text == '\0')
-    return false;
+  if (text == nullptr)
+    return;
   *value = text;
   unsetenv(name);  // fails only for a malformed name
-  return true;
 }
+
+bool isEmpty(char const* text) { return text == nullptr || *text == '\0'; }
 
 }  // namespace
 
+void take_env_passwords() {
+  takeEnv(kPlain, &takenPlain);
+  takeEnv(kCrypted, &takenCrypted);
+}
+
 int get_env_password(char const** password, int* crypted) {
-  if (takeEnv("ZON_PASSWORD", password)) {
-    // The plain password wins; the unused hash must not reach a child either.
-    unsetenv("ZON_CRYPTED_PASSWORD");
+  take_env_passwords();
+  char const* const plain = takenPlain;
+  char const* const hash = takenCrypted;
+  takenPlain = takenCrypted = nullptr;
+  // The plain password wins over the hash.
+  if (!isEmpty(plain)) {
+    *password = plain;
     *crypted = 0;
     return 0;
   }
-  if (takeEnv("ZON_CRYPTED_PASSWORD", password)) {
+  if (!isEmpty(hash)) {
+    *password = hash;
     *crypted = 1;
     return 0;
   }

@@ -46,8 +46,8 @@ TEST_F(PasswordTest, TakesOneVariableAndRemovesIt) {
       {"secret", "$1$salt$hash", 0, "secret", 0, false, false},
       {"secret", nullptr, 0, "secret", 0, false, false},
       {nullptr, "$1$salt$hash", 0, "$1$salt$hash", 1, false, false},
-      {"", "$1$salt$hash", 0, "$1$salt$hash", 1, true, false},
-      {"", "", -1, nullptr, 7, true, true},
+      {"", "$1$salt$hash", 0, "$1$salt$hash", 1, false, false},
+      {"", "", -1, nullptr, 7, false, false},
       {nullptr, nullptr, -1, nullptr, 7, false, false},
   };
   for (Case const& c : cases) {
@@ -85,6 +85,23 @@ TEST_F(PasswordTest, AccessorMarksCryptedPasswords) {
   PasswordAccessor const none;
   EXPECT_EQ(nullptr, none.password);
   EXPECT_FALSE(none.crypted);
+}
+
+// main() takes the variables before any command runs, so that no child
+// started before (or without) a PasswordAccessor inherits them; the
+// accessor still finds the password.
+TEST_F(PasswordTest, TakenAtStartStillReachesTheAccessorOnce) {
+  set(kPlain, "secret");
+  set(kCrypted, "$1$salt$hash");
+  take_env_passwords();
+  EXPECT_FALSE(isSet(kPlain));
+  EXPECT_FALSE(isSet(kCrypted));
+
+  PasswordAccessor const first;
+  EXPECT_STREQ("secret", first.password);
+  EXPECT_FALSE(first.crypted);
+  PasswordAccessor const second;
+  EXPECT_EQ(nullptr, second.password);
 }
 
 }  // namespace

@@ -141,21 +141,9 @@ struct WipedKey {
   unsigned char bytes[kKeyBytes];
 };
 
-// Owners and modes of one style's files.
-struct Access {
-  uid_t db_owner;
-  gid_t db_group;
-  mode_t db_mode;
-  uid_t dir_owner;
-  gid_t dir_group;
-  mode_t dir_mode;
-  uid_t key_owner;
-  gid_t key_group;
-  mode_t key_mode;
-};
+}  // namespace
 
-// The owners and modes of `style`. 0, or -1 when an account is missing.
-int access_for_style(int style, Access* access) {
+int mailAuthDBStyleAccess(int style, MailAuthAccess* access) {
   if (style == 0) {
     // The mail server's authentication side reads through this group.
     gid_t nofiles = get_group_id("nofiles");
@@ -179,8 +167,6 @@ int access_for_style(int style, Access* access) {
   *access = {0, 0, 0600, 0, 0, 0750, 0, 0, 0400};
   return 0;
 }
-
-}  // namespace
 
 const char* mailAuthDB = kQmailStyleDB;
 const char* mailAuthKey = kQmailStyleKey;
@@ -376,8 +362,8 @@ int mailAuthDBInitStyle(int style) {
   mailAuthDBSelectStyle(style);
   if (mailAuthDBInit() != 0 || mailAuthKeyInit() != 0)
     return -1;
-  Access access;
-  if (access_for_style(style, &access) != 0)
+  MailAuthAccess access;
+  if (mailAuthDBStyleAccess(style, &access) != 0)
     return -1;
   if (mailAuthDBSetAccess(access.db_owner, access.db_group, access.db_mode, access.dir_owner,
                           access.dir_group, access.dir_mode) != 0)

@@ -28,6 +28,24 @@ int mailAuthDBDetectStyle();
 // server, -1 when it decides nothing (the reason is logged).
 int mailAuthDBStyleFromFeatureLine(const char* line);
 
+// Owners and modes of one style's files.
+struct MailAuthAccess {
+  uid_t db_owner;
+  gid_t db_group;
+  mode_t db_mode;
+  uid_t dir_owner;
+  gid_t dir_group;
+  mode_t dir_mode;
+  uid_t key_owner;
+  gid_t key_group;
+  mode_t key_mode;
+};
+// The owners and modes that mailAuthDBInitStyle() gives the files of
+// `style`, for tools that check an installation. 0, or -1 when a look-up
+// fails. A missing group "nofiles" fails only when the look-up sets errno,
+// and is otherwise taken for group 0: callers make sure it exists first.
+int mailAuthDBStyleAccess(int style, MailAuthAccess* access);
+
 // Selects the paths of `style`, re-creates database and key (every stored
 // password is lost) and gives them the style's owners and modes. 0 or -1.
 int mailAuthDBInitStyle(int style);

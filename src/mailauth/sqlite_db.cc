@@ -24,7 +24,18 @@ int Database::open(const char* path) {
 }
 
 int Database::open_readonly(const char* path) {
-  return open_with(path, SQLITE_OPEN_READONLY, "Unable to open database(readonly) %s: %s");
+  // Opened for writing but held to queries: a writer killed mid-commit
+  // leaves a hot journal that only a writable connection can roll back, and
+  // a read-only one would fail until some other run wrote to the database.
+  if (open_with(path, SQLITE_OPEN_READWRITE, "Unable to open database(readonly) %s: %s") != 0)
+    return -1;
+  std::string message;
+  if (exec("PRAGMA query_only = ON", &message) != SQLITE_OK) {
+    tavix_log(LOG_ERR, "Unable to open database(readonly) %s: %s", path, message.c_str());
+    close();
+    return -1;
+  }
+  return 0;
 }
 
 int Database::open_with(const char* path, int flags, const char* failure_format) {

@@ -2,11 +2,16 @@
 #include <exception>
 #include <iostream>
 
+#include "commands/password.h"
 #include "main/dispatch.h"
 #include "util/exception.h"
 #include "util/log.h"
 
 int main(int argc, char** argv) {
+  // Before anything can start a child (qmail-newu, sed, a rename plug-in):
+  // the passwords must reach none, whatever the command.
+  take_env_passwords();
+
   // Syslog as "dravnik" on the mail facility, informational and above, each
   // line copied to standard error.
   tavix_log_init(NULL, 6, 16, 32, "dravnik");

@@ -9,6 +9,7 @@
 
 #include "qmail/line_file.h"
 #include "qmail/paths.h"
+#include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/idn.h"
 #include "util/log.h"
@@ -175,26 +176,27 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
 }
 
 int dotqmail_reset(const char* path) {
-  tavix::UniqueFile file(fopen(path, "wt"));
-  if (!file) {
+  // Written beside the old one and renamed over it, so that the mail user
+  // cannot have it written through a link planted at the name.
+  tavix::AtomicFile file;
+  if (!file.create(path, tavix::name_beside(path, ".XXXXXX"),
+                   tavix::AtomicFile::Temp::kUnique, kDotqmailMode)) {
     tavix_log(kLogError, "Unable to open '%s': %s", path, strerror(errno));
     return -1;
   }
-  bool written = fputs("| true\n", file.get()) != EOF;
-  int write_errno = errno;
-  if (fclose(file.release()) != 0 && written) {
-    written = false;
-    write_errno = errno;
-  }
-  if (!written) {
-    // No .qmail at all is better than a cut one: qmail then delivers by
-    // its default instead of acting on half a line.
-    unlink(path);
+  // The owner and mode are the new file's before it takes the name.
+  if (fd_set_user_mode(file.fd(), path, kMailboxOwner, kDotqmailMode) != 0)
+    return -1;
+  if (!file.write("| true\n") || !file.commit()) {
+    // No .qmail at all is better than a wrong one: qmail then delivers by
+    // its default instead of to whatever the old file said.
+    int write_errno = errno;
+    tavix::unlink_nofollow(path);
     tavix_log(kLogError, "Unable to write to '%s': %s", path,
               strerror(write_errno));
     return -1;
   }
-  return give_to_mailbox_owner(path);
+  return 0;
 }
 
 int dotqmail_remove_delivery_strings(const char* path) {

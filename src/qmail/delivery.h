@@ -37,7 +37,9 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
                       const char* domain);
 
 // Writes a fresh .qmail that discards the mail ("| true"), owned by popuser
-// with mode 0600. A failed write leaves no file at all. 0 or -1 (logged).
+// with mode 0600, beside the old one and renamed over it (a link planted at
+// the name is replaced, not written through). A failed write leaves no file
+// at all. 0 or -1 (logged).
 int dotqmail_reset(const char* path);
 
 // Makes the detected server's delivery line the only one in the existing

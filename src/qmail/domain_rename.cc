@@ -60,13 +60,21 @@ bool path_exists(const std::string& path) {
   return lstat(path.c_str(), &info) == 0;
 }
 
-// The sed expressions of a rename. Domain names go in as they are, as
-// patterns: the front end has checked them to hold name characters only.
-std::string whole_line(const std::string& from, const std::string& to) {
-  return "s|^" + from + "$|" + to + "|g";
+// The sed expressions of a rename. Names and paths go in as plain text:
+// the "." of a domain must match only a dot, so that renaming a.example
+// leaves the lines of axexample alone.
+std::string substitute(const std::string& regex, const std::string& replacement) {
+  return "s|" + regex + "|" + replacement + "|g";
 }
-std::string delete_line(const std::string& line) { return "/^" + line + "$/d"; }
-std::string append_line(const std::string& line) { return "$ a\\" + line; }
+std::string whole_line(const std::string& from, const std::string& to) {
+  return substitute("^" + sed_regex_literal(from) + "$", sed_replacement_literal(to));
+}
+std::string delete_line(const std::string& line) {
+  return "\\|^" + sed_regex_literal(line) + "$|d";
+}
+std::string append_line(const std::string& line) {
+  return "$ a\\" + sed_replacement_literal(line);
+}
 
 void sed(const std::string& expression, const std::string& path) {
   // A failed edit is reported by run_sed_cmd and leaves the file as it
@@ -80,6 +88,13 @@ int move_mail_dir(const std::string& old_domain, const std::string& new_domain) 
   std::string old_dir = domain_dir(old_domain);
   std::string new_dir = domain_dir(new_domain);
   if (!path_exists(old_dir)) {
+    // A rename that was interrupted after moving the directory is finished
+    // by running it again: every later step can be repeated safely.
+    if (path_exists(new_dir)) {
+      tavix_log(LOG_INFO, "Mail directory %s already moved to %s, continuing.\n",
+                old_dir.c_str(), new_dir.c_str());
+      return 0;
+    }
     tavix_log(LOG_ERR, "Mail directory %s not exists.\n", old_dir.c_str());
     return 1;
   }
@@ -122,8 +137,10 @@ void rename_in_rcpthosts_and_locals(const std::string& old_domain,
 
 void rename_in_virtualdomains(const std::string& old_domain, const std::string& new_domain) {
   std::string path = qmail_file("/control/virtualdomains");
-  sed("s|^" + old_domain + ":|" + new_domain + ":|g", path);  // the domain and its prefix
-  sed("s|:" + old_domain + "$|:" + new_domain + "|g", path);  // its aliases
+  std::string from = sed_regex_literal(old_domain);
+  std::string to = sed_replacement_literal(new_domain);
+  sed(substitute("^" + from + ":", to + ":"), path);  // the domain and its prefix
+  sed(substitute(":" + from + "$", ":" + to), path);  // its aliases
   set_root_file(path);
 }
 
@@ -134,9 +151,13 @@ void rename_in_assign(const std::string& old_domain, const std::string& new_doma
   std::string path = qmail_file("/users/assign");
   std::string old_dir = mailnames_root() + "/" + old_domain;
   std::string new_dir = mailnames_root() + "/" + new_domain;
-  sed("s|" + old_dir + "/|" + new_dir + "/|g", path);
-  sed("s|" + old_dir + ":|" + new_dir + ":|g", path);
-  sed("s|^=" + old_domain + "-|=" + new_domain + "-|g", path);
+  sed(substitute(sed_regex_literal(old_dir + "/"), sed_replacement_literal(new_dir + "/")),
+      path);
+  sed(substitute(sed_regex_literal(old_dir + ":"), sed_replacement_literal(new_dir + ":")),
+      path);
+  sed(substitute("^=" + sed_regex_literal(old_domain) + "-",
+                 "=" + sed_replacement_literal(new_domain) + "-"),
+      path);
   set_root_file(path);
 }
 

@@ -9,33 +9,34 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <string>
 #include <string_view>
 
 #include "qmail/lock.h"
+#include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/log.h"
 #include "util/unique_free.h"
 
 namespace {
 
+using tavix::AtomicFile;
 using tavix::ScopedLock;
 using tavix::UniqueFd;
 using tavix::UniqueFile;
 
 const size_t kBlock = 4096;
 
-// The atomic copy's failures end the process. Its temporary file goes
-// first, so that a failed copy leaves nothing beside the destination.
+// The atomic copy's failures end the process; its temporary file goes with
+// the AtomicFile, so that a failed copy leaves nothing beside the
+// destination.
 class AtomicCopy {
  public:
   AtomicCopy(const char* source, const char* destination)
       : source_(source), destination_(destination) {}
 
-  [[noreturn]] void die(const char* step) const {
-    int saved = errno;
-    if (temp_)
-      unlink(temp_.get());
-    errno = saved;
+  [[noreturn]] void die(const char* step) {
+    temp_.discard();
     messlog2(1, 1, "copy_file_atomic(%s -> %s): %s failed", source_,
              destination_, step);
     exit(1);  // not reached: messlog2() has ended the process
@@ -45,30 +46,24 @@ class AtomicCopy {
     UniqueFd in(open(source_, O_RDONLY | O_CLOEXEC));
     if (!in)
       die("open");
-    char* name = nullptr;
-    if (asprintf(&name, "%s.XXXXXX", destination_) < 0)
-      messlog2(1, 1, "Allocation failed");
-    tavix::unique_free<char> temp(name);
-    UniqueFd out(mkostemp(temp.get(), O_CLOEXEC));
-    if (!out)
+    if (!temp_.create(destination_, tavix::name_beside(destination_, ".XXXXXX"),
+                      AtomicFile::Temp::kUnique, 0600))
       die("mkstemp");
-    temp_ = std::move(temp);
 
-    copy(in.get(), out.get());
-    if (fchown(out.get(), uid, gid) != 0)
+    copy(in.get());
+    if (!temp_.set_owner(uid, gid))
       die("chown");
-    if (fchmod(out.get(), mode) != 0)
+    if (!temp_.set_mode(mode))
       die("chmod");
-    // On disk before it replaces the destination.
-    if (fsync(out.get()) != 0 || out.close() != 0)
+    if (!temp_.sync())
       die("flush");
     in.reset();
-    if (rename(temp_.get(), destination_) != 0)
+    if (!temp_.commit())
       die("rename");
   }
 
  private:
-  void copy(int in, int out) const {
+  void copy(int in) {
     char block[kBlock];
     for (;;) {
       ssize_t got = read(in, block, sizeof(block));
@@ -79,21 +74,14 @@ class AtomicCopy {
           continue;
         die("read");
       }
-      // What a short write left over is written again from the start of
-      // the block. This has always been so; short writes do not happen on
-      // the local files this copies.
-      for (ssize_t left = got; left > 0;) {
-        ssize_t written = write(out, block, left);
-        if (written < 0)
-          die("write");
-        left -= written;
-      }
+      if (!temp_.write(std::string_view(block, got)))
+        die("write");
     }
   }
 
   const char* source_;
   const char* destination_;
-  tavix::unique_free<char> temp_;
+  AtomicFile temp_;
 };
 
 // Copies `in` to `out` in blocks; false after reporting a failure.
@@ -158,8 +146,8 @@ int copy_file(const char* source, const char* destination) {
   if (strcmp(destination, "-") == 0) {
     fflush(stdout);  // what stdio holds comes before the copy
   } else {
-    owned.reset(open(destination, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                     info.st_mode & 07777));
+    owned = tavix::open_nofollow(destination, O_WRONLY | O_CREAT | O_TRUNC,
+                                 info.st_mode & 07777);
     if (!owned) {
       messlog2(0, 0, "Unable to open file %s: %s", destination,
                strerror(errno));

@@ -1,6 +1,7 @@
 #include "qmail/line_file.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,12 +12,15 @@
 #include <utility>
 
 #include "qmail/lock.h"
+#include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/log.h"
 
 namespace {
 
+using tavix::AtomicFile;
 using tavix::ScopedLock;
+using tavix::UniqueFd;
 using tavix::UniqueFile;
 
 // Lines are filtered in pieces read into this buffer; a longer line is
@@ -40,6 +44,30 @@ void log_error(const char* format, const char* name) {
 }
 
 std::string temp_name(const char* path) { return std::string(path) + ".tmp"; }
+
+// A stream on `path`; a link that the mail user planted there (a .qmail
+// pointing at /etc/shadow) is neither read nor written through.
+UniqueFile open_stream(const char* path, int flags, const char* mode) {
+  UniqueFd fd(tavix::open_nofollow(path, flags, 0666));
+  if (!fd)
+    return nullptr;
+  UniqueFile stream(fdopen(fd.get(), mode));
+  if (stream)
+    fd.release();
+  return stream;
+}
+
+// The new contents of `path` start in "<path>.tmp". A temporary file that
+// a run killed half-way left behind is taken over.
+bool create_temp(const char* path, AtomicFile* temp) {
+  if (!temp->create(path, tavix::name_beside(path, ".tmp"),
+                    AtomicFile::Temp::kReplace, 0666) ||
+      temp->stream() == nullptr) {
+    print_error("Unable to open file %s: %s\n", temp_name(path));
+    return false;
+  }
+  return true;
+}
 
 // The text of a piece without the newline that ends its line. A piece cut
 // from a longer line, and a last line without one, have none.
@@ -106,14 +134,35 @@ bool close_reported(UniqueFile file, const char* path) {
   return false;
 }
 
-// Closes the new contents only once they are on disk, so that the rename
-// that follows can never publish a file that a crash would leave empty.
-bool close_temp(UniqueFile temp, const char* path) {
-  if (fflush(temp.get()) != 0 || fsync(fileno(temp.get())) != 0) {
+// The new file takes the owner and mode of the one it replaces before it
+// gets its name, so that nobody ever sees it with other ones.
+bool give_attributes(AtomicFile* temp, FILE* old_file, const char* path) {
+  struct stat saved;
+  if (fstat(fileno(old_file), &saved) != 0 || !temp->set_owner(saved.st_uid, saved.st_gid)) {
+    log_error("file_str: ERROR: Unable to chown file %s: %s", path);
+    return false;
+  }
+  if (!temp->set_mode(saved.st_mode & 07777)) {
+    log_error("file_str: ERROR: Unable to chmod file %s: %s", path);
+    return false;
+  }
+  return true;
+}
+
+// The new contents are on disk before the rename can publish them, and the
+// old file is fully read.
+bool finish_reading(AtomicFile* temp, UniqueFile in, const char* path) {
+  if (ferror(in.get())) {
+    log_error("Unable to read file %s: %s\n", path);
+    return false;
+  }
+  if (!give_attributes(temp, in.get(), path))
+    return false;
+  if (!temp->sync()) {
     log_error("Unable to close file %s: %s\n", path);
     return false;
   }
-  return close_reported(std::move(temp), path);
+  return close_reported(std::move(in), path);
 }
 
 enum class RenameReport { kLogPath, kPrintTemp };
@@ -123,38 +172,31 @@ enum class RenameReport { kLogPath, kPrintTemp };
 // `path`. False after reporting a failure.
 bool rewrite_filtered(const char* path, const CopyCount& copies,
                       RenameReport report) {
-  UniqueFile in(fopen(path, "r"));
+  UniqueFile in(open_stream(path, O_RDONLY, "r"));
   if (!in) {
     log_error("Unable to open file %s: %s\n", path);
     return false;
   }
-  std::string temp = temp_name(path);
-  UniqueFile out(fopen(temp.c_str(), "w"));
-  if (!out) {
-    print_error("Unable to open file %s: %s\n", temp);
+  AtomicFile temp;
+  if (!create_temp(path, &temp))
     return false;
-  }
 
   char piece[kPieceBuffer];
   while (fgets(piece, sizeof(piece), in.get())) {
     for (size_t n = copies(piece); n > 0; --n) {
       // The new file would silently lose a line: stop everything.
-      if (fputs(piece, out.get()) == EOF)
+      if (fputs(piece, temp.stream()) == EOF)
         messlog2(1, 1, "cannot write a line to %s.tmp", path);
     }
   }
-  if (ferror(in.get())) {
-    log_error("Unable to read file %s: %s\n", path);
-    return false;
-  }
-  if (!close_temp(std::move(out), path) || !close_reported(std::move(in), path))
+  if (!finish_reading(&temp, std::move(in), path))
     return false;
 
-  if (rename(temp.c_str(), path) != 0) {
+  if (!temp.commit()) {
     if (report == RenameReport::kLogPath)
       log_error("Error while rename file %s: %s\n", path);
     else
-      print_error("Error while rename file %s: %s\n", temp);
+      print_error("Error while rename file %s: %s\n", temp_name(path));
     return false;
   }
   return true;
@@ -164,38 +206,33 @@ bool rewrite_filtered(const char* path, const CopyCount& copies,
 // The old file must exist; when it does not, the temporary file is left
 // holding the new lines.
 bool prepend(const char* path, const char* const* lines) {
-  std::string temp = temp_name(path);
-  UniqueFile out(fopen(temp.c_str(), "w"));
-  if (!out) {
-    print_error("Unable to open file %s: %s\n", temp);
+  AtomicFile temp;
+  if (!create_temp(path, &temp))
+    return false;
+  const std::string temp_path = temp_name(path);
+  if (write_strings(temp.stream(), lines) != 0) {
+    log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
     return false;
   }
-  if (write_strings(out.get(), lines) != 0) {
-    log_error("Unable to fputs to file %s: %s\n", temp.c_str());
-    return false;
-  }
-  UniqueFile in(fopen(path, "r"));
+  UniqueFile in(open_stream(path, O_RDONLY, "r"));
   if (!in) {
     log_error("Unable to open file %s: %s\n", path);
+    temp.abandon();  // the new lines stay for whoever looks into it
     return false;
   }
 
   char line[kCopyBuffer];
   while (fgets(line, sizeof(line), in.get())) {
-    if (fputs(line, out.get()) == EOF) {
-      log_error("Unable to fputs to file %s: %s\n", temp.c_str());
+    if (fputs(line, temp.stream()) == EOF) {
+      log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
       return false;
     }
   }
-  if (ferror(in.get())) {
-    log_error("Unable to read file %s: %s\n", path);
-    return false;
-  }
-  if (!close_temp(std::move(out), path) || !close_reported(std::move(in), path))
+  if (!finish_reading(&temp, std::move(in), path))
     return false;
 
-  if (rename(temp.c_str(), path) != 0) {
-    print_error("Unable to rename file %s: %s\n", temp);
+  if (!temp.commit()) {
+    print_error("Unable to rename file %s: %s\n", temp_path);
     return false;
   }
   return true;
@@ -204,7 +241,7 @@ bool prepend(const char* path, const char* const* lines) {
 // Appending writes in place: the only edit a reader may see half done,
 // which is harmless for a line that is being added.
 bool append(const char* path, const char* const* lines) {
-  UniqueFile out(fopen(path, "a"));
+  UniqueFile out(open_stream(path, O_WRONLY | O_APPEND | O_CREAT, "a"));
   if (!out) {
     log_error("Unable to open file %s: %s\n", path);
     return false;
@@ -248,20 +285,6 @@ bool edit_contents(const char* path, const char* const* lines, int op, int how,
   }
 }
 
-// The rewritten file was created by us; give it back its old owner and
-// mode.
-bool restore_attributes(const char* path, const struct stat& saved) {
-  if (chown(path, saved.st_uid, saved.st_gid) != 0) {
-    log_error("file_str: ERROR: Unable to chown file %s: %s", path);
-    return false;
-  }
-  if (chmod(path, saved.st_mode & 07777) != 0) {
-    log_error("file_str: ERROR: Unable to chmod file %s: %s", path);
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 int write_strings(FILE* stream, const char* const* lines) {
@@ -299,10 +322,9 @@ int file_strings(const char* path, const char* const* lines, int op, int how) {
     existed = false;
   }
 
+  // A rewritten file takes the old one's owner and mode; an append leaves
+  // them as they are, and a file it creates keeps those it was made with.
   if (!edit_contents(path, lines, op, how, existed))
-    return 1;
-  // A file created by an append keeps the owner and mode it was made with.
-  if (existed && !restore_attributes(path, saved))
     return 1;
   if (lock.release() != 0) {
     log_error("Error occurred while unlocking the file %s: %s\n", path);

@@ -3,10 +3,13 @@
 // this program adds lines to them and removes lines from them.
 //
 // Every edit holds the file's lock (qmail/lock.h) and, except an append,
-// writes the new contents to "<path>.tmp" and renames it over the file, so
-// readers see the old or the new contents, never a mixture. The file's
-// owner, group and mode are put back afterwards. A failure between creating
-// and renaming the temporary file leaves it behind; the next edit reuses it.
+// writes the new contents to "<path>.tmp" (util/atomic_file.h), gives it the
+// file's owner, group and mode, puts it on disk and renames it over the
+// file, so readers, a crash or a power loss find the old or the new
+// contents, never a mixture or a part. A failed edit removes the temporary
+// file, except that a prepend to a missing file leaves it holding the new
+// lines; one left by a killed run is taken over by the next edit. A
+// symbolic link that the mail user planted in the path is not followed.
 #ifndef DRAVNIK_QMAIL_LINE_FILE_H_
 #define DRAVNIK_QMAIL_LINE_FILE_H_
 

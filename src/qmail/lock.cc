@@ -6,10 +6,13 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
+#include <string>
 
+#include "util/fs.h"
 #include "util/log.h"
 
 const char* const kLockDir = "/run/lock/files";
@@ -50,6 +53,39 @@ int flock_retrying(int fd, int operation) {
   return result;
 }
 
+// Opens the directory a lock file lives in. Whoever can write there could
+// put a link where a lock file goes and have the run create or truncate a
+// file of their choosing, so the directory must be root's alone and no link
+// itself.
+tavix::UniqueFd open_lock_dir(const std::string& dir) {
+  tavix::UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat st;
+  if (!fd) {
+    if (errno == ENOTDIR && lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
+      errno = ELOOP;
+    return fd;
+  }
+  if (!tavix::is_trusted_dir(fd.get())) {
+    errno = 0;
+    messlog2(0, 0, "Lock directory %s must belong to root and be writable by nobody else",
+             dir.c_str());
+    errno = EPERM;
+    return tavix::UniqueFd();
+  }
+  return fd;
+}
+
+// Opens the lock file `path` with `open_flags`, never through a link.
+int open_lock_file(const char* path, int open_flags) {
+  std::string dir;
+  std::string name;
+  tavix::split_path(path, &dir, &name);
+  tavix::UniqueFd dir_fd(open_lock_dir(dir));
+  if (!dir_fd)
+    return -1;
+  return openat(dir_fd.get(), name.c_str(), open_flags | O_NOFOLLOW | O_CLOEXEC, 0644);
+}
+
 }  // namespace
 
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
@@ -64,7 +100,7 @@ lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
   }
 
   // Close-on-exec: a child that outlived us must not keep the lock held.
-  int fd = open(handle->path.get(), open_flags | O_CLOEXEC, 0644);
+  int fd = open_lock_file(handle->path.get(), open_flags);
   if (fd < 0) {
     int saved = errno;
     messlog2(0, 0, "Unable to open file \"%s\": %s.", handle->path.get(),

@@ -6,6 +6,11 @@
 // lives in kLockDir and is named by the MD5 of F's path exactly as spelled:
 // two spellings of one file are two different locks. Lock files are never
 // removed; releasing a lock only closes its descriptor.
+//
+// A lock file is opened only in a directory that root alone can write and
+// that is no symbolic link, and never through a link itself: otherwise
+// whoever planted one could have a run create or truncate any file. Such a
+// lock simply fails (errno ELOOP or EPERM) and the run reports it.
 #ifndef DRAVNIK_QMAIL_LOCK_H_
 #define DRAVNIK_QMAIL_LOCK_H_
 

@@ -63,6 +63,76 @@ TEST(LockTest, MissingLockDirectoryGivesAnUnlockedHandle) {
   EXPECT_EQ(0, free_lock(run.result));
 }
 
+// A lock file opened through a link, or in a directory that others could
+// have put a link in, could create or truncate any file: the lock fails
+// instead and nothing outside the lock directory changes.
+TEST(LockTest, RefusesLinksAndLockDirectoriesOthersCanWrite) {
+  const char* const kEdited = "/var/qmail/users/assign";
+  const struct {
+    const char* name;
+    // Sets up /run/lock/files (hidden from the real one) around `decoy`.
+    void (*arrange)(const std::string& decoy, const std::string& lock_file);
+    int error;
+  } cases[] = {
+      {"lock_file_links_to_a_file",
+       [](const std::string& decoy, const std::string& lock_file) {
+         ASSERT_EQ(0, mkdir(kLockDir, 0755));
+         ASSERT_EQ(0, symlink((decoy + "/passwd").c_str(), lock_file.c_str()));
+       },
+       ELOOP},
+      {"lock_file_links_to_nothing",
+       [](const std::string& decoy, const std::string& lock_file) {
+         ASSERT_EQ(0, mkdir(kLockDir, 0755));
+         ASSERT_EQ(0, symlink((decoy + "/new").c_str(), lock_file.c_str()));
+       },
+       ELOOP},
+      {"lock_dir_is_a_link",
+       [](const std::string& decoy, const std::string&) {
+         ASSERT_EQ(0, symlink(decoy.c_str(), kLockDir));
+       },
+       ELOOP},
+      {"lock_dir_writable_by_all",
+       [](const std::string&, const std::string&) {
+         ASSERT_EQ(0, mkdir(kLockDir, 0755));
+         ASSERT_EQ(0, chmod(kLockDir, 01777));
+       },
+       EPERM},
+      {"lock_dir_of_the_mail_user",
+       [](const std::string&, const std::string&) {
+         ASSERT_EQ(0, mkdir(kLockDir, 0755));
+         ASSERT_EQ(0, chown(kLockDir, 110, 110));
+       },
+       EPERM},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchDir dir;
+    const std::string decoy = dir.path("decoy");
+    ASSERT_EQ(0, mkdir(decoy.c_str(), 0755));
+    tavix::test::write_file(decoy + "/passwd", "root:x:0:0::/root:/bin/sh\n");
+    lock_handle* probe = mk_lock(kEdited, 1);  // only for the lock file's name
+    const std::string lock_file = probe->path.get();
+    free_lock(probe);
+    LockDirHidden hidden;
+    ASSERT_TRUE(hidden.ok());
+    c.arrange(decoy, lock_file);
+
+    auto run = CaptureStreams([&] {
+      lock_handle* lock = mk_lock(kEdited, 1);
+      int error = errno;
+      bool locked = is_locked(lock);
+      free_lock(lock);
+      return std::make_pair(locked, error);
+    });
+    EXPECT_EQ(std::make_pair(false, c.error), run.result);
+    EXPECT_NE(std::string::npos, run.err.find("Unable to open file \"" + lock_file))
+        << run.err;
+    EXPECT_EQ("root:x:0:0::/root:/bin/sh\n", tavix::test::read_file(decoy + "/passwd"));
+    EXPECT_FALSE(exists(decoy + "/new"));
+    EXPECT_FALSE(exists(decoy + lock_file.substr(lock_file.rfind('/'))));
+  }
+}
+
 double seconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() -
                                        start)

@@ -112,12 +112,15 @@ int mail_create_domain_root_internal(const char* domain, uid_t uid, gid_t gid) {
     messlog2(0, 0, "recursive mkdir(%s) failed: %s\n", path.c_str(), strerror(errno));
     return -1;
   }
-  if (chown(path.c_str(), uid, gid) != 0) {
+  // Changed through one descriptor of the directory itself: a link in its
+  // place is refused rather than handing its target to the mail user.
+  tavix::UniqueFd dir(tavix::open_dir_nofollow(path.c_str()));
+  if (!dir || fchown(dir.get(), uid, gid) != 0) {
     messlog2(0, 0, "chown(%s, %d, %d) failed: %s\n", path.c_str(), static_cast<int>(uid),
              static_cast<int>(gid), strerror(errno));
     return -1;
   }
-  if (chmod(path.c_str(), 0700) != 0) {
+  if (fchmod(dir.get(), 0700) != 0) {
     messlog2(0, 0, "chmod(%s, %04o) failed: %s\n", path.c_str(), 0700u, strerror(errno));
     return -1;
   }
@@ -151,7 +154,7 @@ int add_mail_dom(const char* domain) {
     messlog2(0, 0, "Unable to remove domain record from assign file");
   if (file_str(assign().c_str(), line.c_str(), kLinesAdd, kAddPrepend) != 0)
     undo_and_die(domain, "Unable to add default string to assign file for mail domain");
-  chmod(assign().c_str(), 0644);  // qmail reads it as another user
+  tavix::chmod_nofollow(assign().c_str(), 0644);  // qmail reads it as another user
 
   if (put_line_once(rcpthosts(), name, "Unable to remove domain record from rcpthosts file") != 0)
     undo_and_die(domain, "Unable to add domain record to rcpthosts.");

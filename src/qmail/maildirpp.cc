@@ -7,7 +7,6 @@
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,9 +16,11 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "qmail/paths.h"
 #include "util/account.h"
+#include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/idn.h"
 #include "util/log.h"
@@ -85,7 +86,10 @@ class DirVisit {
       say("unable to get current working directory");
       return false;
     }
-    if (chdir(path) != 0) {
+    // The mail user owns the mailbox: a directory of it swapped for a link
+    // must not take the run (and the files it writes) elsewhere.
+    UniqueFd there(tavix::open_dir_nofollow(path));
+    if (!there || fchdir(there.get()) != 0) {
       say("unable to change to %s %s: %s", what, path, strerror(errno));
       return false;
     }
@@ -256,112 +260,39 @@ void outdate_if_changed(const char* maildir, time_t scanned) {
   time_t newest;
   if (newest_message_dir_mtime(maildir, &newest) && newest <= scanned)
     return;
-  struct utimbuf times;
-  times.actime = time(nullptr);
-  times.modtime = scanned - kOutdatedBy;
-  if (utime("maildirsize", &times) != 0)
+  struct timespec times[2] = {};
+  times[0].tv_nsec = UTIME_NOW;
+  times[1].tv_sec = scanned - kOutdatedBy;
+  if (utimensat(AT_FDCWD, "maildirsize", times, AT_SYMLINK_NOFOLLOW) != 0)
     say("unable to date back %s/maildirsize: %s", maildir, strerror(errno));
 }
 
-bool write_all(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t written = write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR || errno == EAGAIN)
-        continue;
+// Starts a new maildirsize in the Maildir's tmp/, like any delivery. Time,
+// process and host in the name keep concurrent writers apart; the file is
+// created exclusively and never through a link. A name that is taken is
+// tried again after a pause.
+bool create_maildirsize(const char* host, tavix::AtomicFile* file) {
+  for (int attempt = 1;; ++attempt) {
+    char name[kMaxPath];
+    int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s-maildirsize",
+                          static_cast<unsigned long>(time(nullptr)),
+                          static_cast<unsigned>(getpid()), host);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
+      errno = ENAMETOOLONG;
+      say("host name is too long to be used in filename");
       return false;
     }
-    data += written;
-    size -= written;
-  }
-  return true;
-}
-
-// The temporary file a new maildirsize is written to, in the Maildir's
-// tmp/ like any delivery. It is removed again unless commit() renamed it
-// into place.
-class TempFile {
- public:
-  TempFile() = default;
-  TempFile(const TempFile&) = delete;
-  TempFile& operator=(const TempFile&) = delete;
-  ~TempFile() { discard(); }
-
-  // Time, process and host in the name keep concurrent writers apart; the
-  // exclusive create and the inode comparison make sure that what is
-  // written is a new file of our own and not what a link points to.
-  bool create(const char* host) {
-    for (int attempt = 1;; ++attempt) {
-      char name[kMaxPath];
-      int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s-maildirsize",
-                            static_cast<unsigned long>(time(nullptr)),
-                            static_cast<unsigned>(getpid()), host);
-      if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
-        errno = ENAMETOOLONG;
-        say("host name is too long to be used in filename");
-        return false;
-      }
-      if (try_create(name))
-        return true;
-      if (attempt == kCreateAttempts)
-        break;
-      sleep(kRetryDelaySeconds);
-    }
-    errno = EAGAIN;
-    say("Maximal allowed number of attempts to create a maildirsize file "
-        "exceeded");
-    return false;
-  }
-
-  int fd() const { return fd_.get(); }
-  const char* name() const { return name_.c_str(); }
-
-  // Puts the file on disk and renames it to `target`.
-  bool commit(const char* target) {
-    if (fsync(fd_.get()) != 0 || fd_.close() != 0) {
-      say("unable to commit written data to file");
-      return false;
-    }
-    if (rename(name_.c_str(), target) != 0) {
-      say("unable to rename %s to %s: %s", name_.c_str(), target,
-          strerror(errno));
-      return false;
-    }
-    name_.clear();
-    return true;
-  }
-
- private:
-  bool try_create(const char* name) {
-    struct stat by_name;
-    if (stat(name, &by_name) == 0 || errno != ENOENT)
-      return false;
-    fd_.reset(open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                   0644));
-    if (!fd_)
-      return false;
-    name_ = name;
-    struct stat by_fd;
-    if (fstat(fd_.get(), &by_fd) == 0 && lstat(name, &by_name) == 0 &&
-        by_fd.st_dev == by_name.st_dev && by_fd.st_ino == by_name.st_ino &&
-        ftruncate(fd_.get(), 0) == 0)
+    if (file->create("maildirsize", name, tavix::AtomicFile::Temp::kExclusive, 0644))
       return true;
-    discard();
-    return false;
+    if (attempt == kCreateAttempts)
+      break;
+    sleep(kRetryDelaySeconds);
   }
-
-  void discard() {
-    int saved = errno;
-    fd_.reset();
-    if (!name_.empty())
-      unlink(name_.c_str());
-    name_.clear();
-    errno = saved;
-  }
-
-  UniqueFd fd_;
-  std::string name_;  // set while the file is ours to remove
-};
+  errno = EAGAIN;
+  say("Maximal allowed number of attempts to create a maildirsize file "
+      "exceeded");
+  return false;
+}
 
 // A quota of 0 must block every delivery, but the limit 0 means "none": it
 // becomes the smallest limit there is. A negative quota means no limit.
@@ -402,7 +333,7 @@ std::string mailbox_dir(const char* ascii_domain, const char* mailname) {
 
 // Reads `path` whole when it holds at most `limit` bytes.
 bool read_small_file(const char* path, size_t limit, std::string* text) {
-  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  UniqueFd fd(tavix::open_nofollow(path, O_RDONLY));
   if (!fd)
     return false;
   text->clear();
@@ -572,12 +503,12 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
   }
   host[HOST_NAME_MAX] = '\0';
 
-  TempFile temp;
-  if (!temp.create(host))
+  tavix::AtomicFile temp;
+  if (!create_maildirsize(host, &temp))
     return 0;
-  if (fchown(temp.fd(), uid, gid) != 0 || fchmod(temp.fd(), 0644) != 0) {
-    say("unable to set owner and mode of %s/%s: %s", maildir, temp.name(),
-        strerror(errno));
+  if (!temp.set_owner(uid, gid) || !temp.set_mode(0644)) {
+    say("unable to set owner and mode of %s/%s: %s", maildir,
+        temp.temp_path().c_str(), strerror(errno));
     return 0;
   }
   int64_t bytes;
@@ -597,12 +528,19 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
         kMaxMaildirsizeText);
     return 0;
   }
-  if (!write_all(temp.fd(), text, length)) {
+  if (!temp.write(std::string_view(text, length))) {
     say("unable to write data to file");
     return 0;
   }
-  if (!temp.commit("maildirsize"))
+  if (!temp.sync()) {
+    say("unable to commit written data to file");
     return 0;
+  }
+  if (!temp.commit()) {
+    say("unable to rename %s/%s to maildirsize: %s", maildir, temp.temp_path().c_str(),
+        strerror(errno));
+    return 0;
+  }
   outdate_if_changed(maildir, scanned);
   return 1;
 }

@@ -22,7 +22,9 @@
 #include "qmail/lock.h"
 #include "qmail/maildirpp.h"
 #include "qmail/paths.h"
+#include "qmail/sed_edit.h"
 #include "util/account.h"
+#include "util/atomic_file.h"
 #include "util/exec.h"
 #include "util/fs.h"
 #include "util/idn.h"
@@ -107,7 +109,7 @@ int prepend_line(const std::string& line) {
 
 // qmail-newu reads the file as root, but other tools expect it world-readable.
 void assign_mode() {
-  if (chmod(assign().c_str(), 0644) != 0)
+  if (tavix::chmod_nofollow(assign().c_str(), 0644) != 0)
     tavix_log(3, "chmod(%s, 0644) failed: %s", assign().c_str(), strerror(errno));
 }
 
@@ -144,14 +146,16 @@ MailUser add_mailname_user;
 
 void make_popuser_dir(const char* mailname, const char* domain, const std::string& home,
                       const char* sub, const MailUser& user) {
+  // The mail user owns the mailbox and may have swapped any of it for a
+  // link: neither the mkdir nor the chown follows one.
   std::string path = sub ? sub : home;
-  if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+  if (tavix::mkdir_nofollow(path.c_str(), 0700) != 0 && errno != EEXIST) {
     if (sub)
       undo_add(mailname, domain, "Unable to make %s/%s dir: %s", home.c_str(), sub,
                strerror(errno));
     undo_add(mailname, domain, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
   }
-  if (chown(path.c_str(), user.uid, user.gid) != 0) {
+  if (tavix::chown_nofollow(path.c_str(), user.uid, user.gid) != 0) {
     if (sub)
       undo_add(mailname, domain, "Unable to chown %s/%s dir: %s", home.c_str(), sub,
                strerror(errno));
@@ -161,27 +165,25 @@ void make_popuser_dir(const char* mailname, const char* domain, const std::strin
 
 // --- ch_mailname ------------------------------------------------------------
 
-// Filters `path` through "sed -e <expression>" into a fresh "<path>.mail.XXXXXX"
-// (mode 0644) whose name goes to `*temp`. sed's result, or -1 with nothing
-// left behind when the files could not be opened (reported).
+// Filters `path` through "sed -e <expression>" into a fresh
+// "<path>.mail.XXXXXX" (mode 0644) that `*temp` holds, to be committed over
+// `path` or dropped. sed's result, or -1 with `*temp` left empty (no
+// descriptor) when the files could not be opened (reported).
 int sed_into_temp(const std::string& path, const std::string& expression,
-                  std::string* temp) {
-  tavix::UniqueFd in(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+                  tavix::AtomicFile* temp) {
+  tavix::UniqueFd in(tavix::open_nofollow(path.c_str(), O_RDONLY));
   if (!in) {
     tavix_log(3, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
     return -1;
   }
-  std::string name = path + ".mail.XXXXXX";
-  tavix::UniqueFd out(mkstemp(&name[0]));
-  if (!out || fchmod(out.get(), 0644) != 0) {
-    int saved = errno;
-    if (out)
-      unlink(name.c_str());
-    tavix_log(3, "Unable to create temporary file: %s", strerror(saved));
+  if (!temp->create(path, tavix::name_beside(path, ".mail.XXXXXX"),
+                    tavix::AtomicFile::Temp::kUnique, 0600) ||
+      !temp->set_mode(0644)) {
+    tavix_log(3, "Unable to create temporary file: %s", strerror(errno));
+    temp->discard();
     return -1;
   }
-  *temp = name;
-  pid_t pid = fork_execl_pipes(in.get(), out.get(), STDERR_FILENO, "/bin/sed", "sed", "-e",
+  pid_t pid = fork_execl_pipes(in.get(), temp->fd(), STDERR_FILENO, "/bin/sed", "sed", "-e",
                                expression.c_str(), static_cast<char*>(nullptr));
   return fork_exec_getres(pid, "/bin/sed");
 }
@@ -198,15 +200,17 @@ int repoint_aliases(const std::string& from, const std::string& to, int* sed_res
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
     return -1;
   }
-  std::string temp;
-  int result = sed_into_temp(path, "s|" + from + "$|" + to + "|g", &temp);
-  if (temp.empty())
+  tavix::AtomicFile temp;
+  int result = sed_into_temp(
+      path, "s|" + sed_regex_literal(from) + "$|" + sed_replacement_literal(to) + "|g",
+      &temp);
+  if (temp.fd() < 0)
     return -1;
   *sed_result = result;
   if (sed_failed(result)) {
-    unlink(temp.c_str());
+    temp.discard();
     tavix_log(3, "Unable to change aliases in %s\n", path.c_str());
-  } else if (rename(temp.c_str(), path.c_str()) != 0) {
+  } else if (!temp.commit()) {
     tavix_log(3, "rename failed: %s\n", strerror(errno));
   }
   if (lock.release() != 0)
@@ -252,21 +256,23 @@ void rename_in_dotqmail(const char* old_name, const char* domain, const char* ne
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
     return;
   }
-  std::string temp;
-  int result = sed_into_temp(
-      path, std::string("s|") + old_name + "@|" + new_name + "@|g", &temp);
-  if (!temp.empty()) {
+  tavix::AtomicFile temp;
+  int result = sed_into_temp(path,
+                             "s|" + sed_regex_literal(old_name) + "@|" +
+                                 sed_replacement_literal(new_name) + "@|g",
+                             &temp);
+  if (temp.fd() >= 0) {
     if (sed_failed(result)) {
-      unlink(temp.c_str());
+      temp.discard();
       tavix_log(3, "Unable to change mailname in dot-qmail in %s\n", path.c_str());
-    } else if (rename(temp.c_str(), path.c_str()) != 0) {
-      tavix_log(3, "rename failed: %s\n", strerror(errno));
-      unlink(temp.c_str());
     } else {
-      if (chmod(path.c_str(), 0600) != 0)
+      // Owner and mode first, so that the new file is never anyone else's.
+      if (!temp.set_mode(0600))
         tavix_log(3, "chmod failed: %s\n", strerror(errno));
-      if (chown(path.c_str(), tavix_ugid(kMailUser, 0), tavix_ugid(kMailUser, 1)) != 0)
+      if (!temp.set_owner(tavix_ugid(kMailUser, 0), tavix_ugid(kMailUser, 1)))
         tavix_log(3, "chown failed: %s\n", strerror(errno));
+      if (!temp.commit())
+        tavix_log(3, "rename failed: %s\n", strerror(errno));
     }
   }
   if (lock.release() != 0)
@@ -301,7 +307,8 @@ int add_mailname(const char* mailname, const char* domain) {
   char saved_cwd[PATH_MAX];
   if (getcwd(saved_cwd, sizeof(saved_cwd)) == nullptr)
     undo_add(mailname, ascii, "Unable to getcwd: %s", strerror(errno));
-  if (chdir(home.c_str()) != 0)
+  tavix::UniqueFd home_fd(tavix::open_dir_nofollow(home.c_str()));
+  if (!home_fd || fchdir(home_fd.get()) != 0)
     undo_add(mailname, ascii, "Unable to chdir %s: %s", home.c_str(), strerror(errno));
 
   char dotqmail[4096];
@@ -414,7 +421,9 @@ int ch_mailname(const char* old_mailname, const char* domain, const char* new_ma
 
   const std::string old_line = assign_line(domain, old_mailname, old_mailname, user);
   const std::string new_line = assign_line(domain, new_mailname, new_mailname, user) + "\n";
-  if (remove_line(old_line) != 0)
+  // The new line is taken out first so that running an interrupted rename
+  // again does not list the mail name twice.
+  if (remove_line(old_line) != 0 || remove_line(new_line) != 0)
     fatal("Unable to remove record from assign file");
   if (prepend_line(new_line) != 0) {
     prepend_line(old_line);

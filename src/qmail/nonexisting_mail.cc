@@ -16,6 +16,7 @@
 #include "qmail/mail_domains.h"
 #include "qmail/paths.h"
 #include "util/account.h"
+#include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/idn.h"
 #include "util/log.h"
@@ -40,7 +41,25 @@ bool have_mail_user() {
   return mail_uid != 0 && mail_gid != 0;
 }
 
+// Whether `text` holds a control character other than those of `allowed`.
+bool has_control_char(const char* text, const char* allowed) {
+  for (const char* p = text; p != nullptr && *p != '\0'; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if ((c < 0x20 || c == 0x7f) && strchr(allowed, c) == nullptr)
+      return true;
+  }
+  return false;
+}
+
 }  // namespace
+
+int is_catchall_address_safe(const char* address) {
+  return has_control_char(address, "") ? 0 : 1;
+}
+
+int is_bounce_text_safe(const char* text) {
+  return has_control_char(text, "\n\t") ? 0 : 1;
+}
 
 int add_qmail_default(const char* domain, const char* line) {
   std::string name;
@@ -53,27 +72,42 @@ int add_qmail_default(const char* domain, const char* line) {
     messlog2(0, 0, "add_qmail_default: Unable to define UID or GID for user popuser");
     return -1;
   }
-  // Written afresh, so the file never holds more than the one line.
+  // Written afresh beside the old file and renamed over it, so the file
+  // never holds more than the one line, and a link that the mail user
+  // planted at the name (the domain's directory is theirs) is replaced
+  // instead of written through.
   std::string path = tavix::qmail::domain_dir(name) + "/.qmail-default";
-  unlink(path.c_str());
-  if (file_str(path.c_str(), line, kLinesAdd, kAddAppend) != 0) {
-    messlog2(0, 0, "add_qmail_default: Unable to add record to %s file.", path.c_str());
-    return -1;
-  }
-  if (chown(path.c_str(), mail_uid, mail_gid) != 0) {
-    messlog2(0, 0, "add_qmail_default: chown %s failed: %s", path.c_str(), strerror(errno));
-    return -1;
-  }
-  if (chmod(path.c_str(), 0600) != 0) {
-    messlog2(0, 0, "add_qmail_default: chmod %s failed: %s\n", path.c_str(), strerror(errno));
-    return -1;
-  }
-  return 0;
+  std::string text = line;
+  if (text.empty() || text.back() != '\n')
+    text += '\n';
+  tavix::AtomicFile file;
+  const char* failure = nullptr;
+  if (!file.create(path, ".qmail-default.XXXXXX", tavix::AtomicFile::Temp::kUnique, 0600) ||
+      !file.write(text))
+    failure = "add_qmail_default: Unable to add record to %s file.";
+  else if (!file.set_owner(mail_uid, mail_gid))
+    failure = "add_qmail_default: chown %s failed: %s";
+  else if (!file.set_mode(0600))
+    failure = "add_qmail_default: chmod %s failed: %s\n";
+  else if (!file.commit())
+    failure = "add_qmail_default: Unable to add record to %s file.";
+  if (failure == nullptr)
+    return 0;
+  // As ever, a failed write leaves no default delivery file at all.
+  int saved = errno;
+  tavix::unlink_nofollow(path.c_str());
+  errno = saved;
+  messlog2(0, 0, failure, path.c_str(), strerror(saved));
+  return -1;
 }
 
 int add_bounce(const char* domain, const char* text) {
   // The text becomes one argument of one delivery line: a newline would end
   // the line, and the shell must see the text as a single word.
+  if (!is_bounce_text_safe(text)) {
+    messlog2(0, 0, "add_bounce: the bounce text contains a control character");
+    return -1;
+  }
   std::string phrase = (text == nullptr || *text == '\0') ? kDefaultBounce : text;
   std::replace(phrase.begin(), phrase.end(), '\n', ' ');
   std::string line = "|bouncesaying " + tavix::sh_quote(phrase);
@@ -82,6 +116,10 @@ int add_bounce(const char* domain, const char* text) {
 }
 
 int add_catch(const char* domain, const char* address) {
+  if (!is_catchall_address_safe(address)) {
+    messlog2(0, 0, "add_catch: the catch-all address contains a control character");
+    return -1;
+  }
   tavix::unique_free<char> ascii(idn_email_toascii_safe(address));
   if (!ascii) {
     messlog2(0, 0, "add_catch: out of memory");

@@ -9,10 +9,20 @@
 
 // Bounces with `text` (null or empty: the default text), or forwards to
 // `address`; either takes the domain off the reject list. 0 or -1.
+// Both refuse, with -1 and nothing changed, what is_bounce_text_safe() or
+// is_catchall_address_safe() refuses.
 int add_bounce(const char* domain, const char* text);
 int add_catch(const char* domain, const char* address);
+// Whether the text may go into the domain's one delivery line. A newline
+// would end that line and let the rest stand as a delivery line of its own,
+// so no control character (below 0x20, and 0x7f) is allowed; the one
+// exception is a bounce text's newline (and tab), which the bounce writes
+// as a blank (and quotes). 1 safe, 0 not; null counts as safe.
+int is_catchall_address_safe(const char* address);
+int is_bounce_text_safe(const char* text);
 // Replaces the domain's .qmail-default with the one delivery line `line`,
-// owned by popuser, mode 0600. 0 or -1.
+// owned by popuser, mode 0600, written beside it and renamed over it. A
+// failure leaves no .qmail-default at all. 0 or -1.
 int add_qmail_default(const char* domain, const char* line);
 
 // Lists (on 1) or unlists (on 0) the domain and each of its aliases known to

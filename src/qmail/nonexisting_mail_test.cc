@@ -2,19 +2,27 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <string>
 
 #include "maildata/session_mail_data.h"
 #include "qmail/mail_domains.h"
 #include "qmail/qmail_test_support.h"
+#include "util/exec.h"
 #include "util/fs.h"
+#include "util/unique_free.h"
 
 namespace {
 
 using tavix::test::Attributes;
 using tavix::test::attributes_of;
 using tavix::test::exists;
+using tavix::test::CaptureStreams;
 using tavix::test::read_file;
+using tavix::test::ScratchDir;
+using tavix::test::write_file;
 
 const char kReject[] = "/var/qmail/control/rejectnonexist";
 const char kDefault[] = "/var/qmail/mailnames/example.com/.qmail-default";
@@ -92,6 +100,68 @@ TEST_F(NonexistingMailTest, BounceAndCatchAllUnlist) {
     ASSERT_EQ(0, set());
     EXPECT_EQ(other, read_file(kReject));
   }
+}
+
+// qmail runs a "|" line with /bin/sh -c; with a bouncesaying that prints
+// its arguments, the line must give back the text as one argument.
+std::string run_bounce_line(const std::string& line) {
+  ScratchDir dir;
+  const std::string stub = dir.path("bouncesaying");
+  write_file(stub, "#!/bin/sh\nprintf '%s|%s' \"$#\" \"$1\"\n");
+  EXPECT_EQ(0, chmod(stub.c_str(), 0755));
+  const std::string command = "|bouncesaying ";
+  EXPECT_EQ(command, line.substr(0, command.size()));
+  const std::string script = stub + line.substr(command.size() - 1);
+  char* out = nullptr;
+  EXPECT_EQ(0, fork_execl_getout(&out, "/bin/sh", "sh", "-c", script.c_str(),
+                                 static_cast<char*>(nullptr)));
+  tavix::unique_free<char> owned(out);
+  return out ? out : "";
+}
+
+TEST_F(NonexistingMailTest, BounceTextReachesTheShellAsOneWord) {
+  const char* const texts[] = {
+      "it's \"quoted\"",        "back\\slash\\",   "$HOME ${x} $(id) `id`",
+      "* ? [a] ~ # ; & | < > ( )", "tab\there",           " spaced  out ",
+      "two\nlines",                "bücher",
+  };
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
+    ASSERT_EQ(0, add_bounce("example.com", text));
+    std::string line = read_file(kDefault);
+    ASSERT_EQ(line.size() - 1, line.find('\n')) << "one line, ended by a newline";
+    line.pop_back();
+    std::string expected = text;
+    std::replace(expected.begin(), expected.end(), '\n', ' ');
+    EXPECT_EQ("1|" + expected, run_bounce_line(line));
+  }
+}
+
+// A control character could end the delivery line early and leave the
+// rest as a line of its own; the file and the reject list stay as they
+// were.
+TEST_F(NonexistingMailTest, ControlCharactersAreRefused) {
+  ASSERT_EQ(0, add_bounce("example.com", "old"));
+  ASSERT_EQ(0, add_reject_for("example.com"));
+  const std::string before = read_file(kDefault);
+  const char* const addresses[] = {"a@b.example\n|/bin/evil", "a@b.example\r",
+                                   "a\x7f@b.example", "a@b.example\t", "\x01"};
+  for (const char* address : addresses) {
+    SCOPED_TRACE(address);
+    EXPECT_EQ(0, is_catchall_address_safe(address));
+    EXPECT_EQ(-1, CaptureStreams([&] { return add_catch("example.com", address); }).result);
+  }
+  const char* const texts[] = {"gone\r\n|/bin/evil", "bell\a", "del\x7f", "\x1b[31m"};
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(0, is_bounce_text_safe(text));
+    EXPECT_EQ(-1, CaptureStreams([&] { return add_bounce("example.com", text); }).result);
+  }
+  EXPECT_EQ(before, read_file(kDefault));
+  EXPECT_EQ("example.com\n", read_file(kReject));
+  // What an honest caller passes is still accepted.
+  EXPECT_EQ(1, is_catchall_address_safe("info@bücher.example"));
+  EXPECT_EQ(1, is_bounce_text_safe("two\nlines\tand a tab"));
 }
 
 TEST_F(NonexistingMailTest, RejectForOneNameOnly) {

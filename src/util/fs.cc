@@ -31,6 +31,118 @@ int UniqueFd::close() {
   return ::close(fd);
 }
 
+void split_path(const char* path, std::string* dir, std::string* name) {
+  std::string text(path);
+  while (text.size() > 1 && text.back() == '/')
+    text.pop_back();
+  size_t slash = text.rfind('/');
+  if (slash == std::string::npos) {
+    *dir = ".";
+    *name = text;
+  } else {
+    *dir = slash == 0 ? "/" : text.substr(0, slash);
+    *name = text.substr(slash + 1);
+  }
+}
+
+bool is_trusted_dir(int dir_fd) {
+  struct stat st;
+  if (fstat(dir_fd, &st) != 0)
+    return false;
+  return (st.st_uid == 0 || st.st_uid == geteuid()) &&
+         (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+UniqueFd openat_nofollow(int dir_fd, const char* name, int flags, mode_t mode) {
+  UniqueFd fd(openat(dir_fd, name, flags | O_NOFOLLOW | O_CLOEXEC, mode));
+  // O_NOFOLLOW answers ELOOP for a link, or ENOTDIR together with
+  // O_DIRECTORY; only a link is worth a second look.
+  if (fd || (errno != ELOOP && errno != ENOTDIR))
+    return fd;
+  int saved = errno;
+  struct stat st;
+  if (fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISLNK(st.st_mode)) {
+    errno = saved;
+    return fd;
+  }
+  if (!is_trusted_dir(dir_fd)) {
+    errno = ELOOP;
+    return fd;
+  }
+  return UniqueFd(openat(dir_fd, name, flags | O_CLOEXEC, mode));
+}
+
+UniqueFd open_dir_nofollow(const char* path, int at) {
+  const int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  if (*path == '\0') {
+    errno = ENOENT;
+    return UniqueFd();
+  }
+  UniqueFd dir(openat(at, *path == '/' ? "/" : ".", kDirFlags));
+  std::string component;
+  for (const char* p = path; dir && *p;) {
+    const char* end = strchrnul(p, '/');
+    component.assign(p, end - p);
+    p = *end ? end + 1 : end;
+    if (component.empty() || component == ".")
+      continue;
+    dir = openat_nofollow(dir.get(), component.c_str(), kDirFlags);
+  }
+  return dir;
+}
+
+bool open_parent_nofollow(const char* path, PathParent* parent, int at) {
+  std::string dir;
+  split_path(path, &dir, &parent->name);
+  if (parent->name.empty() || parent->name == "." || parent->name == "..") {
+    errno = EINVAL;  // no entry of a directory to work on
+    return false;
+  }
+  parent->dir = open_dir_nofollow(dir.c_str(), at);
+  return static_cast<bool>(parent->dir);
+}
+
+UniqueFd open_nofollow(const char* path, int flags, mode_t mode) {
+  PathParent parent;
+  if (!open_parent_nofollow(path, &parent))
+    return UniqueFd();
+  return openat_nofollow(parent.dir.get(), parent.name.c_str(), flags, mode);
+}
+
+int mkdir_nofollow(const char* path, mode_t mode) {
+  PathParent parent;
+  if (!open_parent_nofollow(path, &parent))
+    return -1;
+  return mkdirat(parent.dir.get(), parent.name.c_str(), mode);
+}
+
+int unlink_nofollow(const char* path) {
+  PathParent parent;
+  if (!open_parent_nofollow(path, &parent))
+    return -1;
+  return unlinkat(parent.dir.get(), parent.name.c_str(), 0);
+}
+
+namespace {
+
+// A descriptor to change the owner or mode through. Non-blocking, so that a
+// FIFO put in the way does not hang the run.
+UniqueFd open_for_attributes(const char* path) {
+  return open_nofollow(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+}
+
+}  // namespace
+
+int chown_nofollow(const char* path, uid_t uid, gid_t gid) {
+  UniqueFd fd(open_for_attributes(path));
+  return fd ? fchown(fd.get(), uid, gid) : -1;
+}
+
+int chmod_nofollow(const char* path, mode_t mode) {
+  UniqueFd fd(open_for_attributes(path));
+  return fd ? fchmod(fd.get(), mode) : -1;
+}
+
 }  // namespace tavix
 
 namespace {
@@ -222,7 +334,7 @@ void make_dir_chain(const std::string& path, uid_t uid, gid_t gid,
     }
   }
   if (rc == 0) {
-    if (chown(path.c_str(), uid, gid) != 0)
+    if (tavix::chown_nofollow(path.c_str(), uid, gid) != 0)
       messlog2(0, 0, "Cannot chown %s: %s", path.c_str(), strerror(errno));
     return;
   }
@@ -294,20 +406,23 @@ int rename_dir(const char* old_path, const char* new_path) {
 }
 
 int rm_tree(const char* path, int remove_top) {
+  // Even the way to the top is walked without following planted links.
+  tavix::PathParent parent;
   struct stat st;
-  if (lstat(path, &st) != 0) {
+  if (!tavix::open_parent_nofollow(path, &parent) ||
+      fstatat(parent.dir.get(), parent.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno != ENOENT)
       messlog2(1, 1, "Unable to check directory entry %s: %s\n", path,
                strerror(errno));
     return 0;
   }
   if (!S_ISDIR(st.st_mode)) {
-    if (unlink(path) != 0 && errno != ENOENT)
+    if (unlinkat(parent.dir.get(), parent.name.c_str(), 0) != 0 && errno != ENOENT)
       messlog2(1, 1, "Unable to unlink entry %s: %s\n", path,
                strerror(errno));
     return 0;
   }
-  remove_dir_at(AT_FDCWD, path, path, remove_top != 0);
+  remove_dir_at(parent.dir.get(), parent.name.c_str(), path, remove_top != 0);
   return 0;
 }
 
@@ -326,7 +441,7 @@ long long get_dir_size(const char* path, int in_blocks) {
 }
 
 int create_file(const char* path) {
-  UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  UniqueFd fd(tavix::open_nofollow(path, O_WRONLY | O_CREAT, 0644));
   if (!fd || fd.close() != 0) {
     messlog2(0, 0, "Unable to create file %s: %s", path, strerror(errno));
     return -1;
@@ -334,29 +449,54 @@ int create_file(const char* path) {
   return 0;
 }
 
-int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) {
-  errno = 0;
-  struct stat st;
-  if (stat(path, &st) != 0)
-    return 0;
-  if (chown(path, uid, gid) != 0) {
+namespace {
+
+int set_perms_fd(int fd, const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  if (fchown(fd, uid, gid) != 0) {
     messlog2(0, 0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
     return -1;
   }
-  if (chmod(path, mode) != 0) {
+  if (fchmod(fd, mode) != 0) {
     messlog2(0, 0, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
     return -1;
   }
   return 0;
 }
 
-int file_set_user_mode(const char* path, const char* user, mode_t mode) {
-  struct passwd* pw = getpwnam(user);
-  if (!pw) {
-    messlog2(0, 0, "user %s not found", user);
+}  // namespace
+
+int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  errno = 0;
+  // One descriptor for both changes: the file chowned is the file chmodded.
+  UniqueFd fd(tavix::open_for_attributes(path));
+  if (!fd && (errno == ENOENT || errno == ENOTDIR))
+    return 0;
+  if (!fd) {
+    messlog2(0, 0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
     return -1;
   }
-  return file_set_perms(path, pw->pw_uid, pw->pw_gid, mode);
+  return set_perms_fd(fd.get(), path, uid, gid, mode);
+}
+
+namespace {
+
+const struct passwd* find_user(const char* user) {
+  const struct passwd* pw = getpwnam(user);
+  if (!pw)
+    messlog2(0, 0, "user %s not found", user);
+  return pw;
+}
+
+}  // namespace
+
+int file_set_user_mode(const char* path, const char* user, mode_t mode) {
+  const struct passwd* pw = find_user(user);
+  return pw ? file_set_perms(path, pw->pw_uid, pw->pw_gid, mode) : -1;
+}
+
+int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) {
+  const struct passwd* pw = find_user(user);
+  return pw ? set_perms_fd(fd, path, pw->pw_uid, pw->pw_gid, mode) : -1;
 }
 
 char* get_stream_contents(FILE* stream, size_t* length) {

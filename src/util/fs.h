@@ -4,10 +4,12 @@
 #ifndef DRAVNIK_UTIL_FS_H_
 #define DRAVNIK_UTIL_FS_H_
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <cstdio>
 #include <memory>
+#include <string>
 
 // Creates every missing component of `path` with mode 0755. A component that
 // exists but is not a directory fails with errno ENOTDIR. Returns 1 on
@@ -39,12 +41,15 @@ long long get_dir_size(const char* path, int in_blocks);
 // Returns 0 or -1 (reported).
 int create_file(const char* path);
 
-// Sets owner and mode of `path`. A path that cannot be stat'ed is left
-// alone and counts as success. Returns 0 or -1 (reported).
+// Sets owner and mode of `path` (a symbolic link planted there is refused,
+// see open_nofollow()). A missing path is left alone and counts as success.
+// Returns 0 or -1 (reported).
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode);
 
 // file_set_perms() with the uid and gid of the account `user`.
 int file_set_user_mode(const char* path, const char* user, mode_t mode);
+// The same for the open file `fd`, which `path` names in messages.
+int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode);
 
 // Reads `stream` to its end into a NUL-terminated heap buffer (free() it);
 // the length without the NUL goes to `*length` when asked for. Null on
@@ -86,6 +91,48 @@ class UniqueFd {
  private:
   int fd_ = -1;
 };
+
+// --- Paths that the mail user can change -------------------------------------
+//
+// The mail tree belongs to the mail user, who may replace any directory or
+// file in it with a symbolic link at any time, for instance to /etc. The
+// helpers below never follow such a link: a path is walked one component at
+// a time through directory descriptors, and a symbolic link is followed only
+// where it lies in a directory that nobody but root (or this process's own
+// user) can write, since then it was put there by root. A refused link fails
+// with ELOOP. Each returns what its system call would: a descriptor or 0, and
+// -1 (or no descriptor) with errno set.
+
+// Splits `path` into its directory and its last component; trailing slashes
+// do not count. "file" lies in ".", "/file" in "/".
+void split_path(const char* path, std::string* dir, std::string* name);
+
+// True when nobody but root or this process's user can change `dir_fd`.
+bool is_trusted_dir(int dir_fd);
+
+// openat(dir_fd, name, flags, mode) for the single component `name`,
+// following a link there only when `dir_fd` is trusted.
+UniqueFd openat_nofollow(int dir_fd, const char* name, int flags, mode_t mode = 0);
+
+// Opens the directory `path`, relative to `at` unless absolute.
+UniqueFd open_dir_nofollow(const char* path, int at = AT_FDCWD);
+
+// The directory holding the last component of a path, and that component.
+struct PathParent {
+  UniqueFd dir;
+  std::string name;
+};
+// Opens the directory that holds `path`; false with errno set on failure.
+bool open_parent_nofollow(const char* path, PathParent* parent, int at = AT_FDCWD);
+
+// open(path, flags, mode) with every component checked as above.
+UniqueFd open_nofollow(const char* path, int flags, mode_t mode = 0);
+
+int mkdir_nofollow(const char* path, mode_t mode);
+// Removes the entry itself (a link, never its target).
+int unlink_nofollow(const char* path);
+int chown_nofollow(const char* path, uid_t uid, gid_t gid);
+int chmod_nofollow(const char* path, mode_t mode);
 
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }

@@ -12,7 +12,11 @@
 
 namespace {
 
+using tavix::chmod_nofollow;
+using tavix::chown_nofollow;
+using tavix::mkdir_nofollow;
 using tavix::test::CaptureOutput;
+using tavix::unlink_nofollow;
 using tavix::test::read_file;
 using tavix::test::TempDir;
 using tavix::test::write_file;
@@ -202,6 +206,74 @@ TEST(FileSetPerms, SetsOwnerAndModeIgnoresMissingPathRefusesUnknownUser) {
       CaptureOutput([&] { return file_set_user_mode(path.c_str(), "no-such-user-x", 0600); });
   EXPECT_EQ(-1, output.result);
   EXPECT_NE(std::string::npos, output.out.find("user no-such-user-x not found"));
+}
+
+// The mail user owns "foreign" and has put links to "outside" in it; links
+// in directories only root can change are root's and followed.
+TEST(NoFollow, LinksInForeignDirectoriesAreRefusedRootsAreFollowed) {
+  const struct {
+    const char* name;
+    int (*call)(const std::string& top);
+    int error;  // 0: done through root's link
+  } cases[] = {
+      {"mkdir_below_link",
+       [](const std::string& t) {
+         return mkdir_nofollow((t + "/foreign/link/new").c_str(), 0700);
+       },
+       ELOOP},
+      {"chown_of_link",
+       [](const std::string& t) {
+         return chown_nofollow((t + "/foreign/flink").c_str(), 65534, 65534);
+       },
+       ELOOP},
+      {"chown_below_link",
+       [](const std::string& t) {
+         return chown_nofollow((t + "/foreign/link/f").c_str(), 65534, 65534);
+       },
+       ELOOP},
+      {"chmod_of_link",
+       [](const std::string& t) { return chmod_nofollow((t + "/foreign/flink").c_str(), 0777); },
+       ELOOP},
+      {"unlink_below_link",
+       [](const std::string& t) { return unlink_nofollow((t + "/foreign/link/f").c_str()); },
+       ELOOP},
+      {"create_below_link",
+       [](const std::string& t) { return create_file((t + "/foreign/link/new").c_str()); },
+       ELOOP},
+      {"set_perms_of_link",
+       [](const std::string& t) {
+         return file_set_perms((t + "/foreign/flink").c_str(), 65534, 65534, 0777);
+       },
+       ELOOP},
+      {"mkdir_below_roots_link",
+       [](const std::string& t) { return mkdir_nofollow((t + "/rootlink/new").c_str(), 0700); }, 0},
+      {"chmod_below_roots_link",
+       [](const std::string& t) { return chmod_nofollow((t + "/rootlink/f").c_str(), 0600); }, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir tmp;
+    MakeDir(tmp.path("outside"));
+    write_file(tmp.path("outside/f"), "keep");
+    ASSERT_EQ(0, chmod(tmp.path("outside/f").c_str(), 0644));
+    MakeDir(tmp.path("foreign"));
+    ASSERT_EQ(0, chown(tmp.path("foreign").c_str(), 65534, 65534));
+    MakeLink(tmp.path("outside"), tmp.path("foreign/link"));
+    MakeLink(tmp.path("outside/f"), tmp.path("foreign/flink"));
+    MakeLink(tmp.path("outside"), tmp.path("rootlink"));
+
+    errno = 0;
+    auto output = CaptureOutput([&] { return c.call(tmp.path()); });
+    EXPECT_EQ(c.error, c.error != 0 ? errno : output.result);
+    struct stat f = Lstat(tmp.path("outside/f"));
+    EXPECT_EQ(0u, f.st_uid);
+    if (c.error != 0) {
+      EXPECT_NE(0, output.result);
+      EXPECT_EQ(0644u, f.st_mode & 07777);
+      EXPECT_EQ("keep", read_file(tmp.path("outside/f")));
+      EXPECT_FALSE(Exists(tmp.path("outside/new")));
+    }
+  }
 }
 
 }  // namespace

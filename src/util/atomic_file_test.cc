@@ -1,0 +1,184 @@
+#include "util/atomic_file.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include "util/test_support.h"
+
+namespace {
+
+using tavix::AtomicFile;
+using tavix::test::read_file;
+using tavix::test::TempDir;
+using tavix::test::write_file;
+using Temp = AtomicFile::Temp;
+
+struct stat Lstat(const std::string& path) {
+  struct stat st = {};
+  EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
+  return st;
+}
+
+std::set<std::string> Entries(const std::string& dir) {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(dir))
+    names.insert(entry.path().filename());
+  return names;
+}
+
+// A directory the mail user could change: links in it are not followed.
+void MakeForeignDir(const std::string& path) {
+  ASSERT_EQ(0, mkdir(path.c_str(), 0700));
+  ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+}
+
+TEST(AtomicFileTest, CommitReplacesTheTargetWithOwnerModeAndContents) {
+  TempDir tmp;
+  const std::string target = tmp.path("assign");
+  write_file(target, "old\n");
+  AtomicFile file;
+  ASSERT_TRUE(file.create(target, "assign.tmp", Temp::kReplace, 0600));
+  EXPECT_EQ(tmp.path("assign.tmp"), file.temp_path());
+  const std::string big(200000, 'x');  // more than one write may take
+  ASSERT_TRUE(file.write("new\n"));
+  ASSERT_TRUE(file.write(big));
+  ASSERT_TRUE(file.set_owner(65534, 65534));
+  ASSERT_TRUE(file.set_mode(0640));
+  EXPECT_EQ("old\n", read_file(target)) << "replaced before the commit";
+  ASSERT_TRUE(file.commit());
+
+  EXPECT_EQ("new\n" + big, read_file(target));
+  struct stat st = Lstat(target);
+  EXPECT_EQ(65534u, st.st_uid);
+  EXPECT_EQ(0640u, st.st_mode & 07777);
+  EXPECT_EQ(std::set<std::string>{"assign"}, Entries(tmp.path()));
+}
+
+TEST(AtomicFileTest, StreamIsFlushedByTheCommit) {
+  TempDir tmp;
+  AtomicFile file;
+  ASSERT_TRUE(file.create(tmp.path("f"), "f.XXXXXX", Temp::kUnique, 0644));
+  ASSERT_NE(nullptr, file.stream());
+  fputs("line\n", file.stream());
+  ASSERT_TRUE(file.sync());
+  ASSERT_TRUE(file.commit());
+  EXPECT_EQ("line\n", read_file(tmp.path("f")));
+}
+
+// Whatever ends the object before the commit takes the temporary file with
+// it; abandon() alone leaves it.
+TEST(AtomicFileTest, UncommittedTemporaryFileGoesUnlessAbandoned) {
+  for (bool abandon : {false, true}) {
+    SCOPED_TRACE(abandon);
+    TempDir tmp;
+    write_file(tmp.path("f"), "old");
+    {
+      AtomicFile file;
+      ASSERT_TRUE(file.create(tmp.path("f"), "f.tmp", Temp::kReplace, 0644));
+      ASSERT_TRUE(file.write("half"));
+      if (abandon)
+        file.abandon();
+    }
+    EXPECT_EQ("old", read_file(tmp.path("f")));
+    EXPECT_EQ(abandon, std::filesystem::exists(tmp.path("f.tmp")));
+  }
+}
+
+// A link where the target or the temporary file goes is replaced or removed,
+// never written through.
+TEST(AtomicFileTest, LinksAtTheNamesAreNeverWrittenThrough) {
+  const struct {
+    const char* target;
+    const char* temp;
+    Temp kind;
+    bool created;
+    int error;
+  } cases[] = {
+      {"link", "t.tmp", Temp::kReplace, true, 0},
+      {"target", "link", Temp::kReplace, true, 0},  // a stale fixed name
+      {"target", "link", Temp::kExclusive, false, EEXIST},
+      {"target", "file", Temp::kExclusive, false, EEXIST},
+      {"target", "t.tmp", Temp::kUnique, false, EINVAL},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.target << " " << c.temp);
+    TempDir tmp;
+    const std::string outside = tmp.path("outside");
+    write_file(outside, "keep");
+    write_file(tmp.path("file"), "mine");
+    ASSERT_EQ(0, symlink(outside.c_str(), tmp.path("link").c_str()));
+    const std::string target = tmp.path(c.target);
+
+    AtomicFile file;
+    errno = 0;
+    EXPECT_EQ(c.created, file.create(target, c.temp, c.kind, 0644));
+    EXPECT_EQ(c.error, c.created ? 0 : errno);
+    if (c.created) {
+      ASSERT_TRUE(file.write("new"));
+      ASSERT_TRUE(file.commit());
+      EXPECT_TRUE(S_ISREG(Lstat(target).st_mode));
+      EXPECT_EQ("new", read_file(target));
+    }
+    EXPECT_EQ("keep", read_file(outside));
+    EXPECT_EQ(0644u, Lstat(outside).st_mode & 07777);
+  }
+}
+
+// The Maildir++ way: the temporary file lives in tmp/ below the target's
+// directory.
+TEST(AtomicFileTest, TemporaryFileInASubdirectory) {
+  TempDir tmp;
+  ASSERT_EQ(0, mkdir(tmp.path("tmp").c_str(), 0700));
+  AtomicFile file;
+  ASSERT_TRUE(file.create(tmp.path("maildirsize"), "tmp/1.2.host-maildirsize",
+                          Temp::kExclusive, 0644));
+  EXPECT_EQ(tmp.path("tmp/1.2.host-maildirsize"), file.temp_path());
+  ASSERT_TRUE(file.write("0S,0C\n"));
+  ASSERT_TRUE(file.commit());
+  EXPECT_EQ("0S,0C\n", read_file(tmp.path("maildirsize")));
+  EXPECT_TRUE(Entries(tmp.path("tmp")).empty());
+}
+
+// A directory on the way that another user could have swapped for a link
+// refuses the whole replacement; one in a directory only root can change
+// is root's own and followed.
+TEST(AtomicFileTest, DirectoriesOnTheWayAreNotFollowedWhenForeign) {
+  TempDir tmp;
+  const std::string decoy = tmp.path("decoy");
+  ASSERT_EQ(0, mkdir(decoy.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((decoy + "/tmp").c_str(), 0755));
+  MakeForeignDir(tmp.path("mailbox"));
+  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("mailbox/Maildir").c_str()));
+  MakeForeignDir(tmp.path("mailbox/real"));
+  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("mailbox/real/tmp").c_str()));
+  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("root-link").c_str()));
+
+  const struct {
+    std::string target;
+    std::string temp;
+    bool created;
+  } cases[] = {
+      {tmp.path("mailbox/Maildir/maildirsize"), "tmp/x-maildirsize", false},
+      {tmp.path("mailbox/real/maildirsize"), "tmp/x-maildirsize", false},
+      {tmp.path("root-link/file"), "file.tmp", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.target);
+    AtomicFile file;
+    errno = 0;
+    EXPECT_EQ(c.created, file.create(c.target, c.temp, Temp::kExclusive, 0644));
+    if (!c.created)
+      EXPECT_EQ(ELOOP, errno);
+    else
+      EXPECT_TRUE(file.commit());
+  }
+  EXPECT_EQ((std::set<std::string>{"tmp", "file"}), Entries(decoy));
+  EXPECT_TRUE(Entries(decoy + "/tmp").empty());
+}
+
+}  // namespace

@@ -1,0 +1,249 @@
+"""The manual pages and the bash completion, held against the programs.
+
+The command words and options are read from the programs' own help, so a
+command or option added to the code and not to doc/ or dist/bash-completion/
+fails here.  The manual is read as man renders it, as an operator sees it
+(and copies from it): the examples of dravnik.8 are run in a sandbox."""
+
+import functools
+import json
+import os
+import re
+import shlex
+import shutil
+import sqlite3
+import subprocess
+
+import pytest
+
+from sandbox import REPO, Sandbox
+
+DRAVNIK = Sandbox.default_dravnik()
+DRAVNIK_SETUP = os.environ.get("DRAVNIK_SETUP") or str(REPO / "build/src/setup/dravnik-setup")
+MANUAL = REPO / "doc" / "dravnik.8"
+SETUP_MANUAL = REPO / "doc" / "dravnik-setup.8"
+COMPLETION = REPO / "dist" / "bash-completion" / "dravnik"
+SETUP_COMPLETION = REPO / "dist" / "bash-completion" / "dravnik-setup"
+
+# An option as written in running text: "--domain-name=domain", "[-h|--help]".
+OPTION = re.compile(r"(?<![\w-])(--?[A-Za-z][\w-]*)")
+# An option line of a Boost options listing: "  --domain-name arg   domain
+# name", "  -D [ --mail-domain-disabled ]   ...".
+HELP_OPTION = re.compile(r"^  (?:(-\w) \[ (--[\w-]+) \]|(--[\w-]+))( arg)?(?: |$)")
+
+
+def run(*argv):
+    result = subprocess.run([str(a) for a in argv], capture_output=True, text=True)
+    assert result.returncode == 0, result
+    return result.stdout
+
+
+# -- what the programs accept ----------------------------------------------
+
+@functools.lru_cache(maxsize=None)
+def command_words():
+    """Every command word of dravnik, as --help-commands lists them."""
+    words = []
+    for line in run(DRAVNIK, "--help-commands").splitlines()[1:]:
+        words += re.split(r"\s{2,}", line)[0].split(", ")
+    return tuple(words)
+
+
+def operating_words():
+    return [w for w in command_words() if not w.startswith(("-h", "--help"))]
+
+
+def listed_options(help_text):
+    """{option: takes a value} of a Boost options listing."""
+    options = {}
+    for line in help_text.splitlines():
+        m = HELP_OPTION.match(line)
+        if m:
+            short, long_with_short, long_only, arg = m.groups()
+            for name in (short, long_with_short, long_only):
+                if name:
+                    options[name] = bool(arg)
+    return options
+
+
+@functools.lru_cache(maxsize=None)
+def command_options(word):
+    return listed_options(run(DRAVNIK, word, "--help"))
+
+
+@functools.lru_cache(maxsize=None)
+def setup_options():
+    return listed_options(run(DRAVNIK_SETUP, "--help"))
+
+
+def test_program_help_is_parsed():
+    # Guards the parsing above: an empty result would make every check pass.
+    assert len(command_words()) == 24
+    assert command_options("--rename-mailname") == {
+        "--domain-name": True, "--old-mailname": True, "--new-mailname": True,
+        "-D": False, "--mail-domain-disabled": False, "--domain-aliases": True,
+        "--mail-addresses": True, "--wait-stdin": False, "-h": False, "--help": False}
+    assert setup_options() == {"--check": False, "--force": False,
+                               "--create-accounts": False, "-h": False, "--help": False}
+
+
+# -- the manual pages -------------------------------------------------------
+
+def need(tool):
+    if shutil.which(tool) is None:
+        pytest.skip("%s is not installed (scripts/install-deps.sh installs it)" % tool)
+
+
+@functools.lru_cache(maxsize=None)
+def rendered(page):
+    """The page as man shows it, wide enough that no option is broken."""
+    need("man")
+    env = dict(os.environ, MANWIDTH="200", LC_ALL="C.UTF-8")
+    env.pop("MAN_KEEP_FORMATTING", None)
+    result = subprocess.run(["man", "-l", "-E", "UTF-8", "-P", "cat", str(page)],
+                            capture_output=True, text=True, env=env)
+    assert result.returncode == 0, result.stderr
+    return re.sub(r".\x08", "", result.stdout)
+
+
+def blocks(lines, indent):
+    """{heading: its lines} for the headings at exactly `indent` blanks."""
+    found, current = {}, None
+    for line in lines:
+        depth = len(line) - len(line.lstrip(" "))
+        if line.strip() and depth <= indent:
+            current = line.strip() if depth == indent else None
+            if current is not None:
+                found[current] = []
+        elif current is not None:
+            found[current].append(line)
+    return found
+
+
+def section(page, name):
+    return blocks(rendered(page).splitlines(), 0)[name]
+
+
+@pytest.mark.parametrize("page", [MANUAL, SETUP_MANUAL], ids=lambda p: p.name)
+@pytest.mark.parametrize("renderer", [
+    ["man", "--warnings", "-l", "-E", "UTF-8"],
+    ["groff", "-man", "-ww", "-z"],
+], ids=["man", "groff"])
+def test_page_renders_without_warnings(page, renderer):
+    need(renderer[0])
+    result = subprocess.run(renderer + [str(page)], capture_output=True, text=True,
+                            env=dict(os.environ, MANWIDTH="80"))
+    assert result.returncode == 0 and result.stderr == "", result.stderr
+
+
+@pytest.mark.parametrize("word", operating_words())
+def test_manual_shows_each_command_with_exactly_its_options(word):
+    entry = blocks(section(MANUAL, "COMMANDS"), 3).get(word)
+    assert entry is not None, "dravnik.8 has no subsection for %s" % word
+    synopsis = " ".join(entry[:entry.index("")]) if "" in entry else " ".join(entry)
+    shown = set(OPTION.findall(synopsis)) - {word}
+    assert shown == set(command_options(word))
+
+
+def test_manual_names_every_command_word():
+    text = rendered(MANUAL)
+    missing = [w for w in command_words() if not re.search(r"(?<![\w-])%s(?![\w-])" % w, text)]
+    assert not missing
+
+
+def test_setup_manual_describes_exactly_the_setup_options():
+    tags = [line.strip() for line in section(SETUP_MANUAL, "OPTIONS")
+            if re.match(r"^ {7}-", line)]
+    described = {name for tag in tags for name in tag.split(", ")}
+    assert described == set(setup_options())
+    assert set(OPTION.findall(" ".join(section(SETUP_MANUAL, "SYNOPSIS")))) == \
+        set(setup_options())
+
+
+def examples():
+    """The example blocks of dravnik.8 as one shell script, prompts removed."""
+    lines = [line[11:] for line in section(MANUAL, "EXAMPLES") if line.startswith(" " * 11)]
+    return "\n".join(line[2:] if line.startswith("# ") else line for line in lines) + "\n"
+
+
+def test_manual_examples_run(mail_sandbox):
+    sb = mail_sandbox
+    script = "set -e\ndravnik() { %s \"$@\"; }\n" % shlex.quote(str(DRAVNIK)) + examples()
+    result = sb.run_raw(["/bin/bash", "-c", script])
+    assert result.rc == 0, result
+    assert int(result.out) > 0  # --get-mailbox-size: at least @attachments itself
+    home = "/var/qmail/mailnames/example.org/john"
+    limit = sb.read(home + "/Maildir/maildirsize").split("S", 1)[0]
+    assert 0 < int(limit) <= 104857600
+    assert "=example.org-info:popuser" in sb.read("/var/qmail/users/assign")
+    # The password reached the program and followed the renames.
+    with sqlite3.connect(sb.path("/var/lib/tavix/mail/auth/passwd.db")) as db:
+        rows = db.execute("SELECT users.name, userPassword FROM users JOIN domains"
+                          " ON dom_id = domains.id WHERE domains.name = 'example.org'"
+                          " ORDER BY users.name").fetchall()
+    assert [name for name, _ in rows] == ["info", "john"]
+    assert all(password.startswith("$AES-256-CBC:PKCS$") for _, password in rows)
+
+
+def test_manual_session_data_example_is_accepted(mail_sandbox):
+    text = section(MANUAL, "SESSION MAIL DATA")
+    start = text.index("           {")
+    document = "\n".join(text[start:text.index("           }", start) + 1])
+    domain = json.loads(document)["domain"]["name"]
+    result = mail_sandbox.run("--add-domain", "--domain-name=" + domain, "--wait-stdin",
+                              stdin=document)
+    assert result.rc == 0, result
+
+
+# -- bash completion ---------------------------------------------------------
+
+def complete(completion, function, *words):
+    """COMPREPLY for the command line `words`, the last one being completed."""
+    script = ('source "$1"; shift; f=$1; shift; COMP_WORDS=("$@"); '
+              'COMP_CWORD=$(($# - 1)); "$f"; printf "%s\\n" "${COMPREPLY[@]}"')
+    result = subprocess.run(["bash", "--norc", "--noprofile", "-c", script, "bash",
+                             str(completion), function, *words],
+                            capture_output=True, text=True)
+    assert result.returncode == 0 and result.stderr == "", result
+    return [w for w in result.stdout.splitlines() if w]
+
+
+def offered(words):
+    """{option: takes a value} of completions, "--domain-name=" taking one."""
+    return {w.rstrip("="): w.endswith("=") for w in words}
+
+
+def test_completion_offers_the_command_words():
+    assert sorted(complete(COMPLETION, "_dravnik", "dravnik", "")) == sorted(command_words())
+
+
+@pytest.mark.parametrize("word", operating_words())
+def test_completion_offers_each_commands_options(word):
+    words = complete(COMPLETION, "_dravnik", "dravnik", word, "")
+    assert len(words) == len(set(words))
+    assert offered(words) == command_options(word)
+
+
+def test_setup_completion_offers_the_setup_options():
+    words = complete(SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup", "")
+    assert offered(words) == setup_options()
+
+
+@pytest.mark.parametrize("completion, function, line, expected", [
+    (COMPLETION, "_dravnik", "dravnik --add-m", ["--add-mailname", "--add-mailbox"]),
+    # Given options are not offered again, except the repeatable one.
+    (COMPLETION, "_dravnik",
+     "dravnik --remove-domain --domain-name = a.example --mail-addresses = x --",
+     ["--domain-aliases=", "--mail-addresses=", "--wait-stdin", "--help"]),
+    # A value is the operator's: after "--opt=" (split at "=") or "--opt ".
+    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name =", []),
+    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name = ex", []),
+    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name ", []),
+    (COMPLETION, "_dravnik", "dravnik --help-stdin ", []),
+    (SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup --check ", ["-h", "--help"]),
+    (SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup --force -",
+     ["--create-accounts", "-h", "--help"]),
+])
+def test_completion_in_context(completion, function, line, expected):
+    words = line.split(" ")
+    assert complete(completion, function, *words) == expected

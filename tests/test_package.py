@@ -1,0 +1,157 @@
+"""The Debian package: built from the build tree with CPack, its contents
+checked, then installed, used and removed with dpkg in a sandbox.
+
+dpkg changes its database under /var/lib/dpkg and the system directories it
+installs into.  The sandbox holds private copies of exactly those (taken from
+the host, so that the dependencies are found installed and the host's other
+files stay in place), and dpkg runs at the real paths, with its maintainer
+scripts, as on a mail server; the host is never changed.  Two things of the
+host's dpkg set-up are left out: its local configuration (which may exclude
+paths, manual pages for one) and its stat overrides (which name groups that
+the sandbox's /etc/group does not have)."""
+
+import gzip
+import hashlib
+import json
+import os
+import re
+import shutil
+import stat
+import subprocess
+
+import pytest
+
+from sandbox import REPO, Sandbox
+
+BUILD = REPO / "build"
+VERSION = "0.1.0"
+
+FILES = {  # installed path -> (mode, source in the work tree)
+    "/usr/sbin/dravnik": ("-rwxr-xr-x", None),
+    "/usr/sbin/dravnik-setup": ("-rwxr-xr-x", None),
+    "/usr/share/man/man8/dravnik.8.gz": ("-rw-r--r--", "doc/dravnik.8"),
+    "/usr/share/man/man8/dravnik-setup.8.gz": ("-rw-r--r--", "doc/dravnik-setup.8"),
+    "/usr/lib/tmpfiles.d/dravnik.conf": ("-rw-r--r--", "dist/tmpfiles.d/dravnik.conf"),
+    "/usr/share/bash-completion/completions/dravnik":
+        ("-rw-r--r--", "dist/bash-completion/dravnik"),
+    "/usr/share/bash-completion/completions/dravnik-setup":
+        ("-rw-r--r--", "dist/bash-completion/dravnik-setup"),
+}
+SYSTEM_DIRS = sorted({os.path.dirname(p) for p in FILES})
+HOST_COPIES = ("/var/lib/dpkg", *SYSTEM_DIRS)
+DPKG = ["dpkg", "--log=/dev/null"]
+LOCK_DIR = "/run/lock/files"
+
+
+@pytest.fixture(scope="module")
+def deb(tmp_path_factory):
+    """The package, made by CPack from the build tree into a scratch directory."""
+    config = BUILD / "CPackConfig.cmake"
+    if not config.exists():
+        pytest.fail("%s is missing: configure the build first" % config)
+    out = tmp_path_factory.mktemp("deb")
+    result = subprocess.run(["cpack", "-G", "DEB", "--config", str(config), "-B", str(out)],
+                            capture_output=True, text=True)
+    assert result.returncode == 0, result.stdout + result.stderr
+    (package,) = out.glob("*.deb")
+    assert package.name == "dravnik_%s_%s.deb" % (
+        VERSION, subprocess.check_output(["dpkg", "--print-architecture"], text=True).strip())
+    return package
+
+
+def test_package_fields_and_contents(deb):
+    def field(name):
+        return subprocess.check_output(["dpkg-deb", "-f", str(deb), name], text=True).strip()
+
+    assert (field("Package"), field("Version"), field("Section")) == ("dravnik", VERSION, "admin")
+    assert re.fullmatch(r".+ <.+@.+>", field("Maintainer"))
+    assert field("Description").startswith("mail domains, mailboxes and aliases")
+    # Computed from the programs' libraries, not written by hand.
+    depends = {d.split()[0] for d in field("Depends").split(", ")}
+    assert {"libc6", "libsqlite3-0", "libssl3", "libidn12"} <= depends
+
+    listing = subprocess.check_output(["dpkg-deb", "-c", str(deb)], text=True)
+    entries = {}
+    for line in listing.splitlines():
+        mode, owner, _size, _date, _time, name = line.split(None, 5)
+        entries[name.lstrip(".").rstrip("/") or "/"] = (mode, owner)
+    dirs = {p for p, (mode, _) in entries.items() if mode.startswith("d")}
+    assert {p: m for p, m in entries.items() if p not in dirs} == \
+        {p: (mode, "root/root") for p, (mode, _) in FILES.items()}
+    parents = {d for p in FILES for d in _ancestors(p)}
+    assert {d: entries[d] for d in dirs} == {d: ("drwxr-xr-x", "root/root") for d in parents}
+
+
+def _ancestors(path):
+    path = os.path.dirname(path)
+    while path != "/":
+        yield path
+        path = os.path.dirname(path)
+
+
+def _installed_content(sb, path):
+    data = sb.path(path).read_bytes()
+    return gzip.decompress(data) if path.endswith(".gz") else data
+
+
+def _host_state():
+    """What installing could have changed on the host."""
+    with open("/var/lib/dpkg/status", "rb") as f:
+        status = hashlib.sha256(f.read()).hexdigest()
+    return status, {d: sorted(os.listdir(d)) for d in SYSTEM_DIRS}
+
+
+def session(domain):
+    return json.dumps({"domain": {"name": domain, "dom_aliases": [], "maillists": [],
+                                  "mails": []}})
+
+
+def test_install_run_and_remove(deb):
+    host = _host_state()
+    sb = Sandbox(host_copies=HOST_COPIES)
+    try:
+        if os.path.isdir("/etc/dpkg/dpkg.cfg.d"):
+            sb.hide("/etc/dpkg/dpkg.cfg.d")
+        sb.write("/var/lib/dpkg/statoverride", "")
+        shutil.copyfile(deb, sb.path("/run/sandbox/dravnik.deb"))
+        # The maintainer script restores the lock directory's mode.
+        os.chmod(sb.path(LOCK_DIR), 0o700)
+
+        # Triggers are deferred: the one this package sets off re-indexes the
+        # manual pages as the user "man", which the sandbox has no account for.
+        def dpkg(*args):
+            r = sb.run_raw(DPKG + ["--no-triggers", *args])
+            assert r.rc == 0, r
+            return r
+
+        def status():
+            return sb.run_raw(["dpkg-query", "-W", "-f=${Version} ${db:Status-Abbrev}",
+                               "dravnik"]).out.strip()
+
+        dpkg("-i", "/run/sandbox/dravnik.deb")
+        assert status() == VERSION + " ii"
+        for path, (mode, source) in FILES.items():
+            assert stat.filemode(sb.path(path).stat().st_mode) == mode, path
+            if source:
+                assert _installed_content(sb, path) == (REPO / source).read_bytes(), path
+        assert sb.path(LOCK_DIR).stat().st_mode & 0o777 == 0o755
+
+        # The installed programs prepare the host and then do their work.
+        r = sb.run_raw(["/usr/sbin/dravnik", "--help-commands"])
+        assert r.rc == 0 and "--add-domain" in r.out, r
+        r = sb.run_raw(["/usr/sbin/dravnik-setup"])
+        assert r.rc == 0, r
+        r = sb.run_raw(["/usr/sbin/dravnik", "--add-domain", "--domain-name=example.com",
+                        "--wait-stdin"], stdin=session("example.com"))
+        assert r.rc == 0, r
+        assert sb.read("/var/qmail/control/rcpthosts").splitlines() == ["example.com"]
+
+        dpkg("--purge", "dravnik")
+        assert status() == ""
+        for d in SYSTEM_DIRS:
+            assert sorted(os.listdir(sb.path(d))) == host[1][d], d
+        # Mail data outlives the package.
+        assert sb.exists("/var/lib/tavix/mail/auth/passwd.db")
+    finally:
+        sb.cleanup()
+    assert _host_state() == host
