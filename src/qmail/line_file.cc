@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -26,11 +27,28 @@ using tavix::UniqueFile;
 // Lines are filtered in pieces read into this buffer; a longer line is
 // several pieces, each judged on its own.
 const int kPieceBuffer = 4095;
-// Prepending copies the old contents through this buffer.
-const int kCopyBuffer = 4096;
+// What both streams of a rewrite buffer. stdio's default of one 4 KiB block
+// turns copying users/assign (megabytes on a big server) into thousands of
+// read and write calls.
+const size_t kStreamBuffer = 128 * 1024;
+
+const char* const kNoLines[] = {nullptr};
 
 // How many times a piece of the old file goes into the new one.
 using CopyCount = std::function<size_t(std::string_view piece)>;
+
+// A stream's buffer owned here: glibc ignores the size given to setvbuf()
+// without a buffer. It must outlive the stream, so it is declared before it.
+class StreamBuffer {
+ public:
+  StreamBuffer() : data_(new char[kStreamBuffer]) {}
+  // Before the stream's first read or write. A refusal leaves the stream
+  // with its own small buffer, which is only slower.
+  void attach(FILE* stream) { (void)setvbuf(stream, data_.get(), _IOFBF, kStreamBuffer); }
+
+ private:
+  std::unique_ptr<char[]> data_;
+};
 
 // A few failures of the temporary file are printed on standard error alone
 // instead of through the message printer, which also writes standard output.
@@ -59,14 +77,26 @@ UniqueFile open_stream(const char* path, int flags, const char* mode) {
 
 // The new contents of `path` start in "<path>.tmp". A temporary file that
 // a run killed half-way left behind is taken over.
-bool create_temp(const char* path, AtomicFile* temp) {
+bool create_temp(const char* path, AtomicFile* temp, StreamBuffer* buffer) {
   if (!temp->create(path, tavix::name_beside(path, ".tmp"),
                     AtomicFile::Temp::kReplace, 0666) ||
       temp->stream() == nullptr) {
     print_error("Unable to open file %s: %s\n", temp_name(path));
     return false;
   }
+  buffer->attach(temp->stream());
   return true;
+}
+
+// The old file, read through `buffer`.
+UniqueFile open_old(const char* path, StreamBuffer* buffer) {
+  UniqueFile in(open_stream(path, O_RDONLY, "r"));
+  if (!in) {
+    log_error("Unable to open file %s: %s\n", path);
+    return nullptr;
+  }
+  buffer->attach(in.get());
+  return in;
 }
 
 // The text of a piece without the newline that ends its line. A piece cut
@@ -110,6 +140,19 @@ size_t copies_unless_given(std::string_view piece, const char* const* lines) {
       return 0;
   }
   return 1;
+}
+
+// Copies the old file to the new one piece by piece, each piece as often
+// as `copies` says. False when a write failed.
+bool copy_pieces(FILE* in, FILE* out, const CopyCount& copies) {
+  char piece[kPieceBuffer];
+  while (fgets(piece, sizeof(piece), in)) {
+    for (size_t n = copies(piece); n > 0; --n) {
+      if (fputs(piece, out) == EOF)
+        return false;
+    }
+  }
+  return true;
 }
 
 // Removal by match. The strings are tried in order and every one tried
@@ -172,23 +215,17 @@ enum class RenameReport { kLogPath, kPrintTemp };
 // `path`. False after reporting a failure.
 bool rewrite_filtered(const char* path, const CopyCount& copies,
                       RenameReport report) {
-  UniqueFile in(open_stream(path, O_RDONLY, "r"));
-  if (!in) {
-    log_error("Unable to open file %s: %s\n", path);
+  StreamBuffer in_buffer, out_buffer;
+  UniqueFile in(open_old(path, &in_buffer));
+  if (!in)
     return false;
-  }
   AtomicFile temp;
-  if (!create_temp(path, &temp))
+  if (!create_temp(path, &temp, &out_buffer))
     return false;
 
-  char piece[kPieceBuffer];
-  while (fgets(piece, sizeof(piece), in.get())) {
-    for (size_t n = copies(piece); n > 0; --n) {
-      // The new file would silently lose a line: stop everything.
-      if (fputs(piece, temp.stream()) == EOF)
-        messlog2(1, 1, "cannot write a line to %s.tmp", path);
-    }
-  }
+  // The new file would silently lose a line: stop everything.
+  if (!copy_pieces(in.get(), temp.stream(), copies))
+    messlog2(1, 1, "cannot write a line to %s.tmp", path);
   if (!finish_reading(&temp, std::move(in), path))
     return false;
 
@@ -202,31 +239,33 @@ bool rewrite_filtered(const char* path, const CopyCount& copies,
   return true;
 }
 
-// The new lines first, then the old contents, through the temporary file.
-// The old file must exist; when it does not, the temporary file is left
-// holding the new lines.
-bool prepend(const char* path, const char* const* lines) {
+// The new lines first, then the old contents without the lines equal to
+// one of `drop`, through the temporary file: what an exact removal of
+// `drop` followed by a prepend would leave, in one rewrite. The old file
+// must exist; when it does not, the temporary file is left holding the new
+// lines.
+bool prepend(const char* path, const char* const* lines,
+             const char* const* drop) {
+  StreamBuffer in_buffer, out_buffer;
   AtomicFile temp;
-  if (!create_temp(path, &temp))
+  if (!create_temp(path, &temp, &out_buffer))
     return false;
   const std::string temp_path = temp_name(path);
   if (write_strings(temp.stream(), lines) != 0) {
     log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
     return false;
   }
-  UniqueFile in(open_stream(path, O_RDONLY, "r"));
+  UniqueFile in(open_old(path, &in_buffer));
   if (!in) {
-    log_error("Unable to open file %s: %s\n", path);
     temp.abandon();  // the new lines stay for whoever looks into it
     return false;
   }
 
-  char line[kCopyBuffer];
-  while (fgets(line, sizeof(line), in.get())) {
-    if (fputs(line, temp.stream()) == EOF) {
-      log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
-      return false;
-    }
+  if (!copy_pieces(in.get(), temp.stream(), [drop](std::string_view piece) {
+        return copies_unless_given(piece, drop);
+      })) {
+    log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
+    return false;
   }
   if (!finish_reading(&temp, std::move(in), path))
     return false;
@@ -259,7 +298,7 @@ bool edit_contents(const char* path, const char* const* lines, int op, int how,
   switch (op) {
     case kLinesAdd:
       if (how == kAddPrepend)
-        return prepend(path, lines);
+        return prepend(path, lines, kNoLines);
       if (how == kAddAppend)
         return append(path, lines);
       return true;
@@ -285,25 +324,9 @@ bool edit_contents(const char* path, const char* const* lines, int op, int how,
   }
 }
 
-}  // namespace
-
-int write_strings(FILE* stream, const char* const* lines) {
-  for (; lines && *lines; ++lines) {
-    size_t length = strlen(*lines);
-    if (fputs(*lines, stream) == EOF)
-      return -1;
-    if ((length == 0 || (*lines)[length - 1] != '\n') &&
-        fputc('\n', stream) == EOF)
-      return -1;
-  }
-  return 0;
-}
-
-int file_strings(const char* path, const char* const* lines, int op, int how) {
-  static const char* const kNoLines[] = {nullptr};
-  if (!lines)
-    lines = kNoLines;
-
+// Runs `edit` on `path` under the file's lock; `edit` is told whether the
+// file existed and reports its own failures. 0, or 1 after reporting.
+int edit_locked(const char* path, const std::function<bool(bool existed)>& edit) {
   ScopedLock lock(mk_lock(path, 1));
   if (!lock.locked()) {
     log_error("Error occurred while locking the file %s: %s\n", path);
@@ -324,13 +347,45 @@ int file_strings(const char* path, const char* const* lines, int op, int how) {
 
   // A rewritten file takes the old one's owner and mode; an append leaves
   // them as they are, and a file it creates keeps those it was made with.
-  if (!edit_contents(path, lines, op, how, existed))
+  if (!edit(existed))
     return 1;
   if (lock.release() != 0) {
     log_error("Error occurred while unlocking the file %s: %s\n", path);
     return 1;
   }
   return 0;
+}
+
+}  // namespace
+
+int write_strings(FILE* stream, const char* const* lines) {
+  for (; lines && *lines; ++lines) {
+    size_t length = strlen(*lines);
+    if (fputs(*lines, stream) == EOF)
+      return -1;
+    if ((length == 0 || (*lines)[length - 1] != '\n') &&
+        fputc('\n', stream) == EOF)
+      return -1;
+  }
+  return 0;
+}
+
+int file_strings(const char* path, const char* const* lines, int op, int how) {
+  if (!lines)
+    lines = kNoLines;
+  return edit_locked(path, [=](bool existed) {
+    return edit_contents(path, lines, op, how, existed);
+  });
+}
+
+int file_remove_prepend(const char* path, const char* const* drop,
+                        const char* const* lines) {
+  if (!drop)
+    drop = kNoLines;
+  if (!lines)
+    lines = kNoLines;
+  // A missing file fails at the prepend, as it would after the removal.
+  return edit_locked(path, [=](bool) { return prepend(path, lines, drop); });
 }
 
 int file_str(const char* path, const char* line, int op, int how) {

@@ -37,6 +37,16 @@ enum { kMatchPrefix = 0, kMatchSuffix = 1, kMatchSubstring = 2 };
 // reporting the failure.
 int file_strings(const char* path, const char* const* lines, int op, int how);
 
+// Takes every line equal to one of `drop` out of `path` (as (1, _) does)
+// and puts `lines` at the top (as (0, 0) does), in one rewrite under one
+// lock: the result is byte for byte that of the two edits in turn, but the
+// file is copied once and no reader sees it between them. The file must
+// exist; when it does not, the temporary file is left holding the new
+// lines, as a prepend leaves it. Either list may be null (empty). Returns 0,
+// or 1 after reporting the failure; a failure changes nothing.
+int file_remove_prepend(const char* path, const char* const* drop,
+                        const char* const* lines);
+
 // file_strings() with a one-line list.
 int file_str(const char* path, const char* line, int op, int how);
 

@@ -149,11 +149,15 @@ int add_mail_dom(const char* domain) {
   }
 
   // Prepended: qmail-newu needs the file's final "." line to stay last.
+  // Taken out and put back in one rewrite of the file, which holds every
+  // mail name of the server; a failed pass has neither taken it out nor
+  // added it, and both are reported.
   std::string line = assign_line(name, uid, gid);
-  if (remove_line(assign(), line) != 0)
+  const char* const lines[] = {line.c_str(), nullptr};
+  if (file_remove_prepend(assign().c_str(), lines, lines) != 0) {
     messlog2(0, 0, "Unable to remove domain record from assign file");
-  if (file_str(assign().c_str(), line.c_str(), kLinesAdd, kAddPrepend) != 0)
     undo_and_die(domain, "Unable to add default string to assign file for mail domain");
+  }
   tavix::chmod_nofollow(assign().c_str(), 0644);  // qmail reads it as another user
 
   if (put_line_once(rcpthosts(), name, "Unable to remove domain record from rcpthosts file") != 0)

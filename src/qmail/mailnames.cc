@@ -12,7 +12,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "mailauth/auth_records.h"
 #include "maildata/domain_mail_ops.h"
@@ -103,8 +105,16 @@ int remove_line(const std::string& line) {
   return file_str(assign().c_str(), line.c_str(), kLinesRemove, 0);
 }
 
-int prepend_line(const std::string& line) {
-  return file_str(assign().c_str(), line.c_str(), kLinesAdd, kAddPrepend);
+// Puts `line` at the top of users/assign in place of every line equal to
+// one of `drop`, in one rewrite of the file (it holds every mail name of the
+// server). 0, or 1 after reporting the failure; the file is then unchanged.
+int put_first(const std::string& line, std::initializer_list<std::string> drop) {
+  std::vector<const char*> dropped;
+  for (const std::string& text : drop)
+    dropped.push_back(text.c_str());
+  dropped.push_back(nullptr);
+  const char* const lines[] = {line.c_str(), nullptr};
+  return file_remove_prepend(assign().c_str(), dropped.data(), lines);
 }
 
 // qmail-newu reads the file as root, but other tools expect it world-readable.
@@ -294,10 +304,12 @@ int add_mailname(const char* mailname, const char* domain) {
 
   std::string line = assign_line(ascii, mailname, mailname, user);
   lower_case(&line);
-  if (remove_line(line) != 0)
+  // Taken out and put back at the top, so that it is there exactly once. A
+  // failed pass has neither taken it out nor added it: both are reported.
+  if (put_first(line, {line}) != 0) {
     tavix_log(3, "Unable to remove record for %s from assign file", mailname);
-  if (prepend_line(line) != 0)
     undo_add(mailname, ascii, "Unable to add record for %s to assign file", mailname);
+  }
   assign_mode();
 
   std::string home = mailname_dir(ascii, mailname);
@@ -363,10 +375,11 @@ std::string alias_line(const char* mailname, const char* domain, const char* ali
 
 int add_mn_alias(const char* mailname, const char* domain, const char* alias) {
   std::string line = alias_line(mailname, domain, alias, kNoPopuser);
-  if (remove_line(line) != 0)
+  // There exactly once; a failed pass has neither taken it out nor added it.
+  if (put_first(line, {line}) != 0) {
     tavix_log(3, "Unable to remove record from assign file");
-  if (prepend_line(line) != 0)
     fatal("Unable to add record to assign file");
+  }
   assign_mode();
   return 0;
 }
@@ -421,19 +434,15 @@ int ch_mailname(const char* old_mailname, const char* domain, const char* new_ma
 
   const std::string old_line = assign_line(domain, old_mailname, old_mailname, user);
   const std::string new_line = assign_line(domain, new_mailname, new_mailname, user) + "\n";
-  // The new line is taken out first so that running an interrupted rename
-  // again does not list the mail name twice.
-  if (remove_line(old_line) != 0 || remove_line(new_line) != 0)
+  // The new line is dropped too so that running an interrupted rename again
+  // does not list the mail name twice. A failed pass changed nothing, so
+  // there is nothing to put back.
+  if (put_first(new_line, {old_line, new_line}) != 0)
     fatal("Unable to remove record from assign file");
-  if (prepend_line(new_line) != 0) {
-    prepend_line(old_line);
-    fatal("Unable to add record to assign file");
-  }
   assign_mode();
   if (rename_dir(mailname_dir(domain, old_mailname).c_str(),
                  mailname_dir(domain, new_mailname).c_str()) != 0) {
-    remove_line(new_line);
-    prepend_line(old_line);
+    put_first(old_line, {new_line});
     fatal("Unable to rename directory");
   }
 
