@@ -8,6 +8,7 @@ packages=(
   build-essential g++ cmake ninja-build pkg-config
   libboost-program-options-dev libsqlite3-dev libssl-dev libidn-dev
   libgtest-dev googletest
+  clang libclang-rt-14-dev
   python3 python3-pytest python3-cryptography
   bubblewrap psmisc sed
   man-db groff-base dpkg-dev file

@@ -24,11 +24,23 @@ PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -p no:cacheprovider test
   tee "$logs/pytest"
 pytest_status=${PIPESTATUS[0]}   # 5 (no tests collected) is a failure too
 
+# The fuzz targets, each once over its seed inputs (a crash is a regression),
+# then both runners again on the sanitizer build.
+bash scripts/fuzz.sh --check 2>&1 | tee "$logs/fuzz"
+fuzz_status=${PIPESTATUS[0]}
+bash scripts/test-sanitized.sh 2>&1 | tee "$logs/sanitized"
+sanitized_status=${PIPESTATUS[0]}
+
 echo
 echo "==== summary ===="
 ctest_line=$(grep -E '^[0-9]+% tests passed' "$logs/ctest" | tail -n 1)
 pytest_line=$(grep -E ' in [0-9.]+s' "$logs/pytest" | tail -n 1)
 echo "${ctest_line:-ctest: no summary (status $ctest_status)}"
 echo "${pytest_line:-pytest: no summary (status $pytest_status)}"
+grep -E '^fuzz check: [0-9]+ seed inputs' "$logs/fuzz" ||
+  echo "fuzz check: failed (status $fuzz_status)"
+grep -E '^sanitized [a-z]+: ' "$logs/sanitized" ||
+  echo "sanitized: no summary (status $sanitized_status)"
 
-[ "$ctest_status" -eq 0 ] && [ "$pytest_status" -eq 0 ]
+[ "$ctest_status" -eq 0 ] && [ "$pytest_status" -eq 0 ] &&
+  [ "$fuzz_status" -eq 0 ] && [ "$sanitized_status" -eq 0 ]
