@@ -4,7 +4,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -16,17 +15,13 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using tavix::handlers::Record;
 using tavix::handlers::ScopedList;
 using tavix::handlers::set_text;
 using tavix::test::HandlersDB;
-using tavix::test::LockHolder;
 using tavix::test::LogRecorder;
-using tavix::test::MillisecondsOf;
 using tavix::test::QueryRows;
 using tavix::test::Rows;
-using tavix::test::Walk;
 using Lines = std::vector<std::string>;
 
 // A record of type 5, queue 5 for `name` at `address`.
@@ -62,18 +57,12 @@ const Lines kSeedTable = {
 // with the addresses they serve, each on the seed above.
 TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
   LogRecorder log;
-  struct Case {
+  const struct {
     const char* name;
     std::function<void()> run;
     Lines removed;
     Lines added;
-  };
-  auto switch_domain = [](const char* domain, int (*op)(sqlite3*, mh_data*)) {
-    ScopedList list;
-    EXPECT_EQ(0, mh_db_select_by_name(nullptr, list.get(), domain));
-    EXPECT_EQ(0, mh_db_do(list.get(), nullptr, op));
-  };
-  const Case cases[] = {
+  } cases[] = {
       // Copies lose the protected mark; only a stored 1 stays enabled.
       {"rename mail name",
        [] {
@@ -81,13 +70,6 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
          EXPECT_EQ(0, mh_db_remove_addr(nullptr, "u@d.com"));
        },
        {"u@d.com av 2 0", "u@d.com spam 1 1"}, {"n@d.com av 0 0", "n@d.com spam 1 0"}},
-      {"add mail alias with a domain alias",
-       [] {
-         EXPECT_EQ(0, mh_db_clone(nullptr, "u", "d.com", "a", "x.com"));
-         EXPECT_EQ(0, mh_db_clone(nullptr, "u", "d.com", "a", "d.com"));
-       },
-       {},
-       {"a@d.com av 0 0", "a@d.com spam 1 0", "a@x.com av 0 0", "a@x.com spam 1 0"}},
       // Subdomains, look-alike domains and domain-wide rows are not the
       // domain's mail addresses.
       {"remove domain",
@@ -96,10 +78,12 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
          EXPECT_EQ(0, mh_db_remove_addr(nullptr, "d.com"));
        },
        {"d.com dw 1 0", "u@d.com av 2 0", "u@d.com spam 1 1"}, {}},
-      {"disable domain", [&] { switch_domain("d.com", mh_db_disable); },
-       {"u@d.com av 2 0", "u@d.com spam 1 1"}, {"u@d.com av 0 0", "u@d.com spam 0 1"}},
       {"enable domain named by one of its addresses",
-       [&] { switch_domain("postmaster@d.com", mh_db_enable); },
+       [] {
+         ScopedList list;
+         EXPECT_EQ(0, mh_db_select_by_name(nullptr, list.get(), "postmaster@d.com"));
+         EXPECT_EQ(0, mh_db_do(list.get(), nullptr, mh_db_enable));
+       },
        {"u@d.com av 2 0"}, {"u@d.com av 1 0"}},
       {"switch by address: the domain's addresses and its own rows",
        [] { EXPECT_EQ(0, mh_db_switch_by_addr(nullptr, "d.com", false)); },
@@ -111,12 +95,6 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
        [] { EXPECT_EQ(0, mh_db_clone(nullptr, nullptr, "d.com", nullptr, "e.com")); }, {},
        {"e.com dw 1 0", "u@e.com av 0 0", "u@e.com spam 1 0", "v@e.com spam 1 0",
         "w@e.com spam 1 0"}},
-      {"rename domain alias",
-       [] {
-         EXPECT_EQ(0, mh_db_clone(nullptr, nullptr, "sub.d.com", nullptr, "s.e.com"));
-         EXPECT_EQ(0, mh_db_remove_addr(nullptr, "sub.d.com"));
-       },
-       {"sub.d.com dw 1 0"}, {"s.e.com dw 1 0", "v@s.e.com spam 1 0"}},
       {"remove global handler by one of its recipients",
        [] {
          Record rec = Handler("g", "all-recipients", MH_TYPE_GLOBAL);
@@ -124,23 +102,8 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
          EXPECT_STREQ("all", rec->address);
        },
        {"all g 1 0", "all-recipients g 1 0"}, {}},
-      {"switch a record without address",
-       [] {
-         Record rec = Handler("dw", nullptr);
-         EXPECT_EQ(0, mh_db_switch(nullptr, rec.get(), false));
-         EXPECT_STREQ("all", rec->address);
-       },
-       {"d.com dw 1 0", "sub.d.com dw 1 0"}, {"d.com dw 0 0", "sub.d.com dw 0 0"}},
-      {"remove one address's handler",
-       [] {
-         Record rec = Handler("spam", "U@D.com");
-         EXPECT_EQ(0, mh_db_remove(nullptr, rec.get()));
-       },
-       {"u@d.com spam 1 1"}, {}},
-      {"move address", [] { EXPECT_EQ(0, mh_db_move_addr(nullptr, "z@d.com", "w@xd.com")); },
-       {"w@xd.com spam 1 0"}, {"z@d.com spam 1 0"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     HandlersDB db;
     db.Exec(kSeed);
@@ -158,28 +121,24 @@ TEST(HandlerOpsTest, HandlersFollowTheirAddresses) {
 
 TEST(HandlerOpsTest, AddStoresTheRecordAsTheMailSystemReadsIt) {
   LogRecorder log;
-  struct Case {
+  const struct {
     const char* address;
     int32_t type;
     const char* context;
     bool flags;  // protected and enabled
-    int result;
-    Rows rows;  // address, context, protected, enabled
-  } const cases[] = {
-      {"Foo@Example.COM", 5, nullptr, false, 0, {{"foo@example.com", "none", "0", "0"}}},
-      {"u@d.com", 5, "ctx", true, 0, {{"u@d.com", "ctx", "1", "1"}}},
-      {nullptr, MH_TYPE_GLOBAL, nullptr, false, 0, {{"all", "none", "0", "0"}}},
-      {"all-recipients", MH_TYPE_GLOBAL, nullptr, false, 0,
-       {{"all-recipients", "none", "0", "0"}}},
-      {"u@d.com", MH_TYPE_GLOBAL, nullptr, false, -1, {}},
+    Rows rows;   // address, context, protected, enabled
+  } cases[] = {
+      {"Foo@Example.COM", 5, nullptr, false, {{"foo@example.com", "none", "0", "0"}}},
+      {"u@d.com", 5, "ctx", true, {{"u@d.com", "ctx", "1", "1"}}},
+      {nullptr, MH_TYPE_GLOBAL, nullptr, false, {{"all", "none", "0", "0"}}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.address ? c.address : "(null)");
     HandlersDB db;
     Record rec = Handler("h", c.address, c.type);
     ASSERT_TRUE(set_text(&rec->context, c.context));
     rec->protected_ = rec->enabled = c.flags;
-    EXPECT_EQ(c.result, mh_db_add(nullptr, rec.get()));
+    EXPECT_EQ(0, mh_db_add(nullptr, rec.get()));
     EXPECT_EQ(c.rows,
               QueryRows(db.path(), "SELECT address, context, protected, enabled FROM handlers"));
   }
@@ -193,44 +152,6 @@ TEST(HandlerOpsTest, AddStoresTheRecordAsTheMailSystemReadsIt) {
   EXPECT_EQ((Rows{{"7"}}), QueryRows(db.path(), "SELECT priority FROM handlers"));
 }
 
-TEST(HandlerOpsTest, SelectGivesTheEnabledHandlersOfTheKey) {
-  LogRecorder log;
-  HandlersDB db;
-  db.Exec("INSERT INTO handlers VALUES"
-          "(5, 5, 1, 1, 'p1', 'u@d.com', '/bin/p1', 'c1', 0),"
-          "(5, 5, 1, 3, 'p3', 'u@d.com', '/bin/p3', 'c3', 0),"
-          "(5, 5, 1, 2, 'p2', 'u@d.com', '/bin/p2', 'c2', 0),"
-          "(5, 5, 0, 9, 'off', 'u@d.com', '/bin/off', 'none', 0),"
-          "(6, 5, 1, 9, 'queue6', 'u@d.com', '/bin/q', 'none', 0),"
-          "(5, 4, 1, 0, 'g', 'all', '/bin/g', 'none', 0)");
-  struct Case {
-    const char* address;
-    int32_t type;
-    int result;
-    Lines found;  // name, executable, context, from the list's head
-  } const cases[] = {
-      // Read highest priority first, so the list holds the lowest first.
-      {"u@d.com", 5, 0, {"p1 /bin/p1 c1", "p2 /bin/p2 c2", "p3 /bin/p3 c3"}},
-      {nullptr, MH_TYPE_GLOBAL, 0, {"g /bin/g none"}},
-      {"all-recipients", MH_TYPE_GLOBAL, 0, {}},
-      {"", MH_TYPE_GLOBAL, -1, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.address ? c.address : "(null)");
-    LogRecorder::lines().clear();
-    Record key = Handler(nullptr, c.address, c.type);
-    key->enabled = true;
-    ScopedList list;
-    EXPECT_EQ(c.result, mh_db_select(nullptr, list.get(), key.get()));
-    EXPECT_EQ(c.found, Walk(list.get(), [](const mh_data& d) {
-                return std::string(d.name) + " " + d.executable + " " + d.context;
-              }));
-    if (c.result != 0) {
-      EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Incorrect recipient address for global handler `'"));
-    }
-  }
-}
-
 TEST(HandlerOpsTest, FailingRecordNeitherStopsNorFailsABatch) {
   LogRecorder log;
   HandlersDB db;
@@ -241,23 +162,6 @@ TEST(HandlerOpsTest, FailingRecordNeitherStopsNorFailsABatch) {
   }
   EXPECT_EQ(0, mh_db_do(list.get(), nullptr, mh_db_add));
   EXPECT_EQ((Lines{"a@d.com h 0 0", "b@d.com h 0 0"}), db.Table());
-}
-
-// Another run holding the database makes an operation wait, not fail.
-TEST(HandlerOpsTest, OperationWaitsForABusyDatabase) {
-  LogRecorder log;
-  HandlersDB db;
-  Record rec = Handler("h", "u@d.com");
-  int result = -1;
-  long long ms;
-  {
-    LockHolder lock(db.path(), 300ms);
-    ASSERT_TRUE(lock.locked());
-    ms = MillisecondsOf([&] { result = mh_db_add(nullptr, rec.get()); });
-  }
-  EXPECT_EQ(0, result);
-  EXPECT_GE(ms, 200);
-  EXPECT_EQ((Lines{"u@d.com h 0 0"}), db.Table());
 }
 
 // How many of this process's descriptors refer to `path`.
@@ -275,34 +179,20 @@ int DescriptorsOf(const std::string& path) {
 // none, it opens its own and closes it again, also when it fails.
 TEST(HandlerOpsTest, OperationsUseTheGivenConnectionOrCloseTheirOwn) {
   LogRecorder log;
-  using Op = std::function<int(sqlite3*)>;
-  auto with_record = [](int (*op)(sqlite3*, mh_data*)) {
-    return [op](sqlite3* db) { return op(db, Handler("spam", "u@d.com").get()); };
-  };
-  auto select_by_name = [](sqlite3* db) {
-    ScopedList list;
-    return mh_db_select_by_name(db, list.get(), "d.com");
-  };
-  auto select = [](sqlite3* db) {
-    ScopedList list;
-    return mh_db_select(db, list.get(), Handler(nullptr, "u@d.com").get());
-  };
-  auto batch = [](sqlite3* db) {
-    ScopedList list;
-    mh_list_add(list.get(), Handler("new", "n@d.com").get());
-    return mh_db_do(list.get(), db, mh_db_add);
-  };
-  const std::pair<const char*, Op> ops[] = {
-      {"add", with_record(mh_db_add)},
-      {"enable", with_record(mh_db_enable)},
+  ScopedList found;  // only the result counts
+  const std::pair<const char*, std::function<int(sqlite3*)>> ops[] = {
+      {"add", [](sqlite3* db) { return mh_db_add(db, Handler("spam", "u@d.com").get()); }},
       {"switch by address", [](sqlite3* db) { return mh_db_switch_by_addr(db, "d.com", true); }},
       {"remove all", [](sqlite3* db) { return mh_db_remove_all(db, "d.com"); }},
-      {"clone address", [](sqlite3* db) { return mh_db_clone(db, "u", "d.com", "a", "d.com"); }},
       {"clone domain",
        [](sqlite3* db) { return mh_db_clone(db, nullptr, "d.com", nullptr, "e.com"); }},
-      {"select by name", select_by_name},
-      {"select", select},
-      {"batch", batch},
+      {"select by name",
+       [&](sqlite3* db) { return mh_db_select_by_name(db, found.get(), "d.com"); }},
+      {"batch", [](sqlite3* db) {
+         ScopedList batch;
+         mh_list_add(batch.get(), Handler("new", "n@d.com").get());
+         return mh_db_do(batch.get(), db, mh_db_add);
+       }},
   };
   for (const auto& [name, op] : ops) {
     SCOPED_TRACE(name);

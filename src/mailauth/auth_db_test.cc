@@ -51,23 +51,27 @@ class AuthDBTest : public testing::Test {
   LogRecorder log_;
 };
 
-// Each style gives database, directory and key their own owners and modes.
+// Each style gives database, directory and key their own owners and modes;
+// initialising again starts with empty tables and a new key.
 TEST_F(AuthDBTest, InitStyleCreatesDatabaseAndKeyWithTheirAccess) {
   const gid_t nofiles = NofilesGroup();
-  struct Case {
+  const struct {
     int style;
     const char* db;
     const char* key;
     Attributes db_attr, dir_attr, key_attr;
-  } const cases[] = {
+  } cases[] = {
       {0, kQmailDB, kQmailKey, {0, nofiles, 0640}, {0, nofiles, 0750}, {0, nofiles, 0440}},
       // Any other style keeps the paths it finds.
       {7, "/var/lib/tavix/other/passwd.db", "/var/lib/tavix/other/passwd_db_key",
        {0, 0, 0600}, {0, 0, 0750}, {0, 0, 0400}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     mailAuthDBSetPath(c.db);
     mailAuthKeySetPath(c.key);
+    ASSERT_EQ(0, mailAuthDBInitStyle(c.style)) << c.style;
+    ASSERT_EQ(0, mailAuthSet("john", "example.com", "secret", 0));
+    const std::string old_key = read_file(c.key);
     ASSERT_EQ(0, mailAuthDBInitStyle(c.style)) << c.style;
     EXPECT_STREQ(c.db, mailAuthDB);
     EXPECT_STREQ(c.key, mailAuthKey);
@@ -78,37 +82,23 @@ TEST_F(AuthDBTest, InitStyleCreatesDatabaseAndKeyWithTheirAccess) {
     EXPECT_EQ(c.dir_attr, AttributesOf(dir)) << c.style;
     EXPECT_EQ(c.key_attr, AttributesOf(c.key)) << c.style;
     EXPECT_EQ(32u, read_file(c.key).size());
-    EXPECT_EQ((Rows{{"domains"}, {"users"}}),
-              QueryRows(c.db, "SELECT name FROM sqlite_master WHERE type = 'table' "
-                              "AND name NOT LIKE 'sqlite_%' ORDER BY name"));
+    EXPECT_NE(old_key, read_file(c.key));
+    EXPECT_EQ((Rows{{"domains", "0"}, {"users", "0"}}),
+              QueryRows(c.db, "SELECT 'domains', count(*) FROM domains "
+                              "UNION ALL SELECT 'users', count(*) FROM users"));
   }
 }
 
-TEST_F(AuthDBTest, ReinitialisingStartsAfresh) {
-  ASSERT_EQ(0, mailAuthDBInitStyle(0));
-  ASSERT_EQ(0, mailAuthSet("john", "example.com", "secret", 0));
-  const std::string old_key = read_file(kQmailKey);
-
-  ASSERT_EQ(0, mailAuthDBInitStyle(0));
-  EXPECT_TRUE(QueryRows(kQmailDB, "SELECT * FROM users").empty());
-  EXPECT_TRUE(QueryRows(kQmailDB, "SELECT * FROM domains").empty());
-  EXPECT_EQ(32u, read_file(kQmailKey).size());
-  EXPECT_NE(old_key, read_file(kQmailKey));
-  EXPECT_EQ(0440u, std::get<2>(AttributesOf(kQmailKey)));
-}
-
+// Style 0 and 1 have paths of their own; any other keeps the paths set.
 TEST_F(AuthDBTest, StylesSelectPaths) {
-  struct Case {
+  const struct {
     int style;
     const char* db;
     const char* key;
-  } const cases[] = {
-      {2, "/custom/db", "/custom/key"},
-      {-1, "/custom/db", "/custom/key"},
-      {1, kPostfixDB, kPostfixKey},
-      {0, kQmailDB, kQmailKey},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{2, "/custom/db", "/custom/key"},
+               {1, kPostfixDB, kPostfixKey},
+               {0, kQmailDB, kQmailKey}};
+  for (const auto& c : cases) {
     mailAuthDBSetPath("/custom/db");
     mailAuthKeySetPath("/custom/key");
     mailAuthDBSelectStyle(c.style);
@@ -117,19 +107,19 @@ TEST_F(AuthDBTest, StylesSelectPaths) {
   }
   tavix::unique_free<char> key(mailAuthDBToKeyPath("/var/spool/postfix/tavix/passwd.db"));
   EXPECT_STREQ(kPostfixKey, key.get());
+  // Style 1 needs the postfix account and spool, which the sandbox lacks.
+  EXPECT_EQ(-1, mailAuthDBInitStyle(1));
 }
 
-TEST_F(AuthDBTest, SetAccessRefusesADatabaseOutsideADirectory) {
+// A database outside a directory is refused; otherwise the directory is set
+// first and a missing database file then fails the call.
+TEST_F(AuthDBTest, SetAccessReportsTheFirstFailure) {
   for (const char* path : {"/passwd.db", "passwd.db"}) {
     mailAuthDBSetPath(path);
     EXPECT_EQ(-1, mailAuthDBSetAccess(0, 0, 0600, 0, 0, 0750)) << path;
     EXPECT_TRUE(LogRecorder::Has(LOG_CRIT,
                                  std::string("Invalid mail authentication DB path ") + path));
   }
-}
-
-// The directory is set first; a missing database file then fails the call.
-TEST_F(AuthDBTest, SetAccessReportsTheFirstFailure) {
   const std::string dir = std::string(kScratch) + "/access";
   const std::string db = dir + "/missing.db";
   ASSERT_EQ(0, createDBPath(db.c_str()));
@@ -138,13 +128,6 @@ TEST_F(AuthDBTest, SetAccessReportsTheFirstFailure) {
   EXPECT_EQ((Attributes{0, NofilesGroup(), 0710}), AttributesOf(dir));
   EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "chown(\"" + db + "\", 0, 0) failed: No such file or "
                                          "directory"));
-}
-
-// Style 1 needs the postfix account and spool, which this machine lacks.
-TEST_F(AuthDBTest, PostfixStyleFailsCleanlyWithoutPostfix) {
-  EXPECT_EQ(-1, mailAuthDBInitStyle(1));
-  EXPECT_STREQ(kPostfixDB, mailAuthDB);
-  EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, ""));
 }
 
 TEST_F(AuthDBTest, DirectoryCreationFailuresAreReported) {
@@ -176,28 +159,21 @@ TEST_F(AuthDBTest, GenericCreationRunsTheScriptOnTheExistingFile) {
 }
 
 TEST(FeatureLineTest, NamesTheMailServer) {
-  struct Case {
+  const struct {
     const char* line;
     int style;
     const char* logged;  // informational note, if any
-  } const cases[] = {
+  } cases[] = {
       {"$features['SMTP_Server'] = \"QMAIL\";", 0, nullptr},
-      {"$features['SMTP_Server'] = 'postfix';", 1, nullptr},
-      {"$features['SMTP_Server']=\"Qmail\"", 0, nullptr},
       // Only the value's length minus one counts.
       {"$features['SMTP_Server'] = 'postfiX';", 1, nullptr},
-      {"$features['SMTP_Server'] = 'qmaiZ';", 0, nullptr},
-      {"$features['SMTP_Server'] = 'p';", 1, nullptr},
       {"$features['SMTP_Server'] = 'exim';", -1, "Unknown server style \"exi\", skipped"},
-      {"$features['SMTP_Server'] = '';", -1, "Unknown server style \"\", skipped"},
-      {"$features['SMTP_Server'] = qmail;", -1,
-       "Unparseable line \"$features['SMTP_Server'] = qmail;\", skipped"},
       {"$features['SMTP_Server'] = 'qmail", -1,
        "Unparseable line \"$features['SMTP_Server'] = 'qmail\", skipped"},
       {"$features['IMAP_Server'] = 'qmail';", -1, nullptr},
       {" $features['SMTP_Server'] = 'qmail';", -1, nullptr},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     LogRecorder log;
     EXPECT_EQ(c.style, mailAuthDBStyleFromFeatureLine(c.line)) << c.line;
     if (c.logged)

@@ -36,10 +36,6 @@ TEST(Base64Test, Rfc4648Vectors) {
   for (const auto& c : cases) {
     EXPECT_EQ(Encode(c.plain), c.encoded);
     EXPECT_EQ(Decode(c.encoded), c.plain);
-    unique_free<char> text(b64_encode_cstr(c.plain));
-    EXPECT_STREQ(text.get(), c.encoded);
-    unique_free<char> plain(b64_decode_cstr(c.encoded));
-    EXPECT_STREQ(plain.get(), c.plain);
   }
 }
 
@@ -54,15 +50,6 @@ TEST(Base64Test, EveryByteValueRoundTripsWithoutLineBreaks) {
               std::string::npos);
     EXPECT_EQ(Decode(text), bytes.substr(0, len));
   }
-}
-
-TEST(Base64Test, EncodesInPlace) {
-  char buf[9] = "foobar";
-  base64Encode(reinterpret_cast<unsigned char*>(buf), 6, buf);
-  EXPECT_STREQ(buf, "Zm9vYmFy");
-  char partial[9] = "foob";
-  base64Encode(reinterpret_cast<unsigned char*>(partial), 4, partial);
-  EXPECT_STREQ(partial, "Zm9vYg==");
 }
 
 TEST(Base64Test, DecodingNeverFails) {
@@ -87,12 +74,11 @@ TEST(Base64Test, DecodingNeverFails) {
     EXPECT_EQ(std::string(reinterpret_cast<char*>(out), c.len), std::string(c.bytes, c.len))
         << c.text;
   }
-}
-
-TEST(Base64Test, ArrayDecodingStopsAtTheGivenLength) {
+  // A length given with the text is where decoding stops.
   unsigned char out[8];
   ASSERT_EQ(base64ArrayDecode("Zm9vYmFy", 4, out), 3u);
   EXPECT_EQ(std::memcmp(out, "foo", 3), 0);
 }
+
 
 }  // namespace

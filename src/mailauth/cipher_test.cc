@@ -1,3 +1,5 @@
+// tests/test_cipher.py checks the stored PKCS#7 texts against another AES
+// implementation; these tests cover what it cannot reach.
 #include "mailauth/cipher.h"
 
 #include <errno.h>
@@ -37,13 +39,6 @@ std::string Take(char* text) {
   return owner ? std::string(owner.get()) : std::string("<null>");
 }
 
-// Decoded length of the data part of a stored text.
-size_t DataLength(const std::string& text) {
-  size_t len = 0;
-  unique_free<unsigned char> data(b64_decode(text.substr(text.rfind('$') + 1).c_str(), &len));
-  return len;
-}
-
 class CipherTest : public testing::Test {
  protected:
   std::string WriteKey(const std::string& name, const std::string& bytes) {
@@ -71,64 +66,31 @@ class Context {
   bool ok_;
 };
 
-TEST_F(CipherTest, TextsRoundTripInWholeBlocksWithAFreshIvEachTime) {
-  const std::string p15(15, 'p'), p16(16, 'p'), p17(17, 'p');
-  const struct {
-    const char* spec;
-    std::string plain;
-    size_t data_len;
-  } cases[] = {
-      // PKCS#7 always adds at least one byte.
-      {kSpec, "x", 16}, {kSpec, p15, 16}, {kSpec, p16, 32}, {kSpec, std::string(70, 'p'), 80},
-      {kSpec, "p\xC3\xA4ss w\xC3\xB6rd $ with: colons", 32},
-      // Zero padding: an empty text becomes one block of zeros, read back as "".
-      {"AES-256-CBC", "", 16}, {"AES-256-CBC", p15, 16}, {"AES-256-CBC", p16, 16},
-      {"AES-256-CBC", p17, 32}, {"AES-256-CBC:ZERO", p16, 16},
-  };
-  const std::string key = WriteKey("key", TestKey());
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.spec) + " " + c.plain);
-    const Context context(c.spec, key);
-    ASSERT_TRUE(context.ok());
-    const std::string prefix = "$" + std::string(c.spec) + "$";
-    const std::string text = Take(tavix_cipher_encrypt(c.spec, c.plain.c_str()));
-    ASSERT_EQ(text.compare(0, prefix.size(), prefix), 0) << text;
-    // 24 base64 characters of the 16-byte IV, then "$" and the data.
-    const std::string iv = text.substr(prefix.size(), 25);
-    EXPECT_EQ(iv.substr(22), "==$") << text;
-    EXPECT_EQ(DataLength(text), c.data_len);
-    EXPECT_EQ(Take(tavix_cipher_decrypt(text.c_str())), c.plain);
-    EXPECT_NE(Take(tavix_cipher_encrypt(c.spec, c.plain.c_str())).substr(prefix.size(), 25), iv);
-  }
-}
-
+// Only the first sixteen bytes of a longer IV count; an empty password
+// encrypts but is refused on the way back. Without ":PKCS" the text is
+// padded with zeros.
 TEST_F(CipherTest, AGivenIvGivesAKnownText) {
-  std::string long_iv;  // only its first sixteen bytes count
+  std::string long_iv;
   for (int i = 0x10; i < 0x24; ++i) long_iv += static_cast<char>(i);
-  long_iv = Take(b64_encode_cstr(long_iv.c_str()));
-  const std::string iv = kPrefix + std::string(kTestIv), known = iv + "$" + kPasswordData;
-  const std::string key = TestKey();
+  unique_free<char> long_iv_text(
+      b64_encode(reinterpret_cast<const unsigned char*>(long_iv.data()), long_iv.size()));
+  const std::string long_spec = kPrefix + std::string(long_iv_text.get());
+  const std::string iv = kPrefix + std::string(kTestIv);
+  const std::string zero_iv = "$AES-256-CBC$" + std::string(kTestIv);
   const struct {
     const char* spec;
-    std::string key, enc_spec;
+    std::string enc_spec;
     const char* plain;
     std::string expected;
     const char* decrypted;
   } cases[] = {
-      {kSpec, key, iv + "$", "password", known, "password"},
-      {kSpec, key, iv, "password", known, "password"},
-      // Only the first 32 bytes of a longer key file count.
-      {kSpec, key + "trailing", iv, "password", known, "password"},
-      {kSpec, key, kPrefix + long_iv, "password", kPrefix + long_iv + "$" + kPasswordData,
-       "password"},
-      // An empty password encrypts but is refused on the way back.
-      {kSpec, key, iv, "", iv + "$Wm4EVwj7cZbwLlU9AsOmkg==", "<null>"},
-      {"AES-256-CBC", key, "$AES-256-CBC$" + std::string(kTestIv), "password",
-       "$AES-256-CBC$" + std::string(kTestIv) + "$KPM/TWlHghrIqVJ+XQihPw==", "password"},
+      {kSpec, long_spec, "password", long_spec + "$" + kPasswordData, "password"},
+      {kSpec, iv, "", iv + "$Wm4EVwj7cZbwLlU9AsOmkg==", "<null>"},
+      {"AES-256-CBC", zero_iv, "password", zero_iv + "$KPM/TWlHghrIqVJ+XQihPw==", "password"},
   };
+  const std::string key = WriteKey("key", TestKey());
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.enc_spec + " " + c.plain);
-    const Context context(c.spec, WriteKey("key", c.key));
+    const Context context(c.spec, key);
     ASSERT_TRUE(context.ok());
     EXPECT_EQ(Take(tavix_cipher_crypt(c.plain, c.enc_spec.c_str())), c.expected);
     EXPECT_EQ(Take(tavix_cipher_decrypt(c.expected.c_str())), c.decrypted);
@@ -161,9 +123,6 @@ TEST_F(CipherTest, UnusableKeysAndCiphersAreRefused) {
     std::string reason;
   } cases[] = {
       {kSpec, -1, "Can't read encryption key from '" + path + "': No such file or directory (2)"},
-      {kSpec, 0, "Failed to read entire encryption key from '" + path + "': "},
-      {kSpec, 31, "Failed to read entire encryption key from '" + path + "': "},
-      {"NO-SUCH-CIPHER:PKCS", 32, "Unknown encryption cipher: 'NO-SUCH-CIPHER:PKCS'"},
       {"AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT", 32,
        "Unknown encryption cipher: 'AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT'"},
   };
@@ -210,9 +169,8 @@ TEST(MailAesTest, RecognisesTheStoredPrefix) {
     const char* text;
     bool encrypted;
   } cases[] = {
-      {nullptr, false},           {"", false},
-      {"$AES-256-CBC:PKCS", false}, {"$aes-256-cbc:pkcs$", false}, {"$AES-256-CBC:PKCS$", true},
-      {"$AES-256-CBC:PKCS$EBESExQVFhcYGRobHB0eHw==$Lus6SEDHpP/7OPLtKTzp3A==", true},
+      {nullptr, false}, {"", false}, {"$AES-256-CBC:PKCS", false}, {"$aes-256-cbc:pkcs$", false},
+      {"$AES-256-CBC:PKCS$", true},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(is_encrypted_with_mail_aes(c.text), c.encrypted) << (c.text ? c.text : "NULL");
@@ -224,76 +182,6 @@ TEST(MailAesTest, RecognisesTheStoredPrefix) {
   }
 }
 
-TEST(MailAesTest, GeneratesThirtyTwoRandomKeyBytes) {
-  unsigned char first[40], second[32];
-  errno = 0;
-  EXPECT_EQ(mail_aes_gen_key(first, 31), 0);
-  EXPECT_EQ(errno, EINVAL);
-
-  std::memset(first, 0xAA, sizeof(first));
-  ASSERT_EQ(mail_aes_gen_key(first, sizeof(first)), 32);
-  ASSERT_EQ(mail_aes_gen_key(second, sizeof(second)), 32);
-  EXPECT_NE(std::memcmp(first, second, 32), 0);
-  for (size_t i = 32; i < sizeof(first); ++i) EXPECT_EQ(first[i], 0xAA) << i;
-}
-
-TEST(SymmetricCipherTest, RefusesTooLittleKeyOrIvAndUsesTheNewestKey) {
-  symmetric_cipher c;
-  ASSERT_EQ(symmetric_cipher_init(&c), 1);
-  const unsigned char bytes[40] = {1, 2, 3};
-  const struct {
-    int (*set)(symmetric_cipher*, const unsigned char*, size_t);
-    const unsigned char* data;
-    size_t len;
-    int result;
-  } cases[] = {
-      {symmetric_cipher_set_key, nullptr, 32, 0}, {symmetric_cipher_set_key, bytes, 31, 0},
-      {symmetric_cipher_set_key, bytes, 32, 1},   {symmetric_cipher_set_iv, nullptr, 16, 0},
-      {symmetric_cipher_set_iv, bytes, 15, 0},    {symmetric_cipher_set_iv, bytes, 40, 1},
-  };
-  for (const auto& k : cases) {
-    errno = 0;
-    EXPECT_EQ(k.set(&c, k.data, k.len), k.result) << k.len;
-    EXPECT_EQ(errno, k.result ? 0 : EINVAL);
-  }
-  size_t len = 0;
-  const unsigned char* iv = symmetric_cipher_get_iv(&c, &len);
-  EXPECT_EQ(len, 16u);
-  EXPECT_EQ(std::memcmp(iv, bytes, 16), 0);
-
-  // Nothing to work on yet.
-  errno = 0;
-  EXPECT_EQ(encrypt_symmetric(&c), 0);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(symmetric_cipher_get_plain(&c), nullptr);
-
-  for (const char* plain : {"first message", "a second, longer message"}) {
-    ASSERT_EQ(symmetric_cipher_set_plain(&c, plain), 1);
-    ASSERT_EQ(encrypt_symmetric(&c), 1);
-    const unsigned char* data = symmetric_cipher_get_encrypted(&c, &len);
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(len % 16, 0u);
-    EXPECT_EQ(data[len], 0);
-    ASSERT_EQ(symmetric_cipher_set_plain(&c, "overwritten"), 1);
-    ASSERT_EQ(decrypt_symmetric(&c), 1);
-    EXPECT_STREQ(symmetric_cipher_get_plain(&c), plain);
-  }
-
-  // A new key reaches the context in use: with a fixed IV only the key differs.
-  c.flags = 0;
-  std::string texts[2];
-  for (int i = 0; i < 2; ++i) {
-    const std::string key(32, static_cast<char>('a' + i));
-    ASSERT_EQ(symmetric_cipher_set_key(&c, reinterpret_cast<const unsigned char*>(key.data()), 32),
-              1);
-    ASSERT_EQ(encrypt_symmetric(&c), 1);
-    const unsigned char* data = symmetric_cipher_get_encrypted(&c, &len);
-    texts[i].assign(reinterpret_cast<const char*>(data), len);
-  }
-  EXPECT_NE(texts[0], texts[1]);
-  EXPECT_EQ(symmetric_cipher_cleanup(&c), 1);
-}
-
 class PasswdCipherOpTest : public CipherTest {
  protected:
   void SetUp() override { mailAuthKeySetPath(key_.c_str()); }
@@ -301,13 +189,11 @@ class PasswdCipherOpTest : public CipherTest {
 
   const char* const saved_ = mailAuthKey;
   const std::string key_ = WriteKey("passwd_db_key", TestKey());
-  const std::string absent_ = dir_.path("absent");
 };
 
-TEST_F(PasswdCipherOpTest, EncryptsAndDecryptsWithItsOwnReference) {
+TEST_F(PasswdCipherOpTest, EachCallHoldsItsOwnReference) {
   const std::string text = Take(mailPasswdCipherOp("password", 1, "john", "example.com"));
   ASSERT_TRUE(is_encrypted_with_mail_aes(text.c_str())) << text;
-  EXPECT_EQ(Take(mailPasswdCipherOp(text.c_str(), 0, "john", "example.com")), "password");
   // The call let its reference go: no context is left behind.
   EXPECT_EQ(Take(mail_aes_encrypt("password")), "<null>");
 
@@ -327,7 +213,8 @@ TEST_F(PasswdCipherOpTest, FailuresNameTheMailAddress) {
   EXPECT_EQ(Take(mailPasswdCipherOp(nullptr, 1, "john", nullptr)), "<null>");
   EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Failed to encrypt password for mail address 'john'"));
 
-  mailAuthKeySetPath(absent_.c_str());
+  const std::string absent = dir_.path("absent");
+  mailAuthKeySetPath(absent.c_str());
   EXPECT_EQ(Take(mailPasswdCipherOp("password", 1, "john", "example.com")), "<null>");
   EXPECT_TRUE(LogRecorder::Has(
       LOG_ERR,
