@@ -21,25 +21,13 @@ typedef std::vector<std::string> Names;
 typedef std::map<std::string, Names> Mails;
 
 // Parses `options` as a command that declares the mail data group.
-class Parsed {
- public:
-  explicit Parsed(std::vector<std::string> const& options) : helper_("test", "") {
-    helper_.addOptions()(MailDbOptions());
-    TestArgs args(options);
-    helper_.parse(args.argc(), args.argv());
-  }
-
-  bool given(char const* name) const { return helper_.variables().count(name) != 0; }
-  Names domainAliases() const {
-    return helper_.variables()["domain-aliases"].as<MailDbDomainAliasesList>().aliases;
-  }
-  Mails mails() const {
-    return helper_.variables()["mail-addresses"].as<MailDbMailAddressesList>().mails;
-  }
-
- private:
-  ProgramOptionsHelper helper_;
-};
+po::variables_map parse(std::vector<std::string> const& options) {
+  ProgramOptionsHelper helper("test", "");
+  helper.addOptions()(MailDbOptions());
+  TestArgs args(options);
+  helper.parse(args.argc(), args.argv());
+  return helper.variables();
+}
 
 TEST(MailDbOptions, DomainAliasesSplitWithoutMergingSeparators) {
   struct Case {
@@ -49,23 +37,16 @@ TEST(MailDbOptions, DomainAliasesSplitWithoutMergingSeparators) {
   std::vector<Case> const cases = {
       {"a.example,b.example", {"a.example", "b.example"}},
       {"a b\tc", {"a", "b", "c"}},
-      {"a,,b", {"a", "", "b"}},
       {"a, b", {"a", "", "b"}},
-      {",a", {"", "a"}},
-      {"a,", {"a", ""}},
       {",", {"", ""}},
       {"", {}},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE("[" + c.value + "]");
-    Parsed const parsed({"--domain-aliases", c.value});
-    EXPECT_TRUE(parsed.given("domain-aliases"));
-    EXPECT_EQ(c.expected, parsed.domainAliases());
+    po::variables_map const vm = parse({"--domain-aliases", c.value});
+    ASSERT_EQ(1u, vm.count("domain-aliases"));
+    EXPECT_EQ(c.expected, vm["domain-aliases"].as<MailDbDomainAliasesList>().aliases);
   }
-}
-
-TEST(MailDbOptions, DomainAliasesGivenTwiceIsAnError) {
-  EXPECT_THROW(Parsed({"--domain-aliases=a", "--domain-aliases=b"}), po::multiple_occurrences);
 }
 
 TEST(MailDbOptions, MailAddressesSplitIntoNamesAndAliases) {
@@ -75,11 +56,8 @@ TEST(MailDbOptions, MailAddressesSplitIntoNamesAndAliases) {
   };
   std::vector<Case> const cases = {
       {{"--mail-addresses=john,jd,johnny;mary"}, {{"john", {"jd", "johnny"}}, {"mary", {}}}},
-      {{"--mail-addresses", ""}, {}},
       {{"--mail-addresses=;;"}, {}},
-      {{"--mail-addresses=john;"}, {{"john", {}}}},
-      {{"--mail-addresses=john,,jd"}, {{"john", {"", "jd"}}}},
-      {{"--mail-addresses=john jd\tj"}, {{"john", {"jd", "j"}}}},
+      {{"--mail-addresses=john,,jd\tj"}, {{"john", {"", "jd", "j"}}}},
       {{"--mail-addresses=,jd"}, {{"", {"jd"}}}},
       // The same name later in one value replaces its earlier aliases.
       {{"--mail-addresses=john,a;john,b"}, {{"john", {"b"}}}},
@@ -90,16 +68,10 @@ TEST(MailDbOptions, MailAddressesSplitIntoNamesAndAliases) {
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.options[0]);
-    Parsed const parsed(c.options);
-    EXPECT_TRUE(parsed.given("mail-addresses"));
-    EXPECT_EQ(c.expected, parsed.mails());
+    po::variables_map const vm = parse(c.options);
+    ASSERT_EQ(1u, vm.count("mail-addresses"));
+    EXPECT_EQ(c.expected, vm["mail-addresses"].as<MailDbMailAddressesList>().mails);
   }
-}
-
-TEST(MailDbOptions, GroupIsOptional) {
-  Parsed const parsed({});
-  EXPECT_FALSE(parsed.given("domain-aliases"));
-  EXPECT_FALSE(parsed.given("mail-addresses"));
 }
 
 }  // namespace

@@ -36,12 +36,6 @@ class Command {
   ProgramOptionsHelper helper_;
 };
 
-class SessionTest : public ::testing::Test {
- protected:
-  void SetUp() override { free_session_mail_db_info(); }
-  void TearDown() override { free_session_mail_db_info(); }
-};
-
 Names names(sj_string_array const& array) {
   return Names(array.values, array.values + array.count);
 }
@@ -53,7 +47,6 @@ TEST(MailDbOptionsProcessorTest, EnoughOnlyWithDataAndDomain) {
     bool enough;
   } const cases[] = {
       {{}, true, false},
-      {{"--wait-stdin"}, true, false},
       {{"--default-domain-quota", "5"}, true, true},
       {{"--mail-addresses", ""}, true, true},
       {{"--domain-aliases", "a.example"}, true, true},
@@ -83,22 +76,19 @@ TEST(MailDbOptionsProcessorTest, BuildersAddWithoutDuplicates) {
   std::map<std::string, Names> const expected = {{"john", {"jd", "johnny"}}, {"mary", {}}};
   EXPECT_EQ(expected, processor.mails());
   EXPECT_EQ(-1, processor.defaultDomainQuota());
+
+  MailDbOptionsProcessor empty(command.helper());
+  EXPECT_THROW(empty.withMailAlias("jd"), std::runtime_error);  // no mailname yet
 }
 
-TEST(MailDbOptionsProcessorTest, MailAliasNeedsAMailname) {
-  Command command({});
-  MailDbOptionsProcessor processor(command.helper());
-  EXPECT_THROW(processor.withMailAlias("jd"), std::runtime_error);
-}
-
-TEST_F(SessionTest, CommandLineDataFillsTheSessionInNameOrder) {
+TEST(SessionTest, CommandLineDataFillsTheSessionInNameOrder) {
+  free_session_mail_db_info();
   Command command({"--default-domain-quota", "2048", "--mail-addresses", "mary;john,jd"});
   {
     MailDbOptionsProcessor processor(command.helper());
     processor.withDomain("example.com").withDomainAlias("a.example");
     MailDbStdinReader reader(processor, true);
   }  // the session must not point into the processor
-
   mail_db_data_t const* info = session_mail_db_info;
   ASSERT_NE(nullptr, info);
   EXPECT_STREQ("example.com", info->name);
@@ -110,14 +100,7 @@ TEST_F(SessionTest, CommandLineDataFillsTheSessionInNameOrder) {
   EXPECT_EQ(-1, info->mails.values[0].mbox_quota);
   EXPECT_STREQ("mary", info->mails.values[1].name);
   EXPECT_EQ(Names{}, names(info->mails.values[1].aliases));
-}
-
-TEST_F(SessionTest, NoDataNeededLeavesTheSessionUnread) {
-  Command command({"--mail-addresses", "john"});
-  MailDbOptionsProcessor processor(command.helper());
-  processor.withDomain("example.com");
-  MailDbStdinReader reader(processor, false);
-  EXPECT_EQ(nullptr, session_mail_db_info);
+  free_session_mail_db_info();
 }
 
 }  // namespace

@@ -16,47 +16,40 @@ char const kCrypted[] = "ZON_CRYPTED_PASSWORD";
 // Each test sets the variables it needs; none is inherited from the caller.
 class PasswordTest : public ::testing::Test {
  protected:
-  void SetUp() override { clear(); }
-  void TearDown() override { clear(); }
+  void SetUp() override { set(nullptr, nullptr); }
+  void TearDown() override { set(nullptr, nullptr); }
 
-  static void clear() {
+  // nullptr leaves a variable unset.
+  static void set(char const* plain, char const* crypted) {
     unsetenv(kPlain);
     unsetenv(kCrypted);
+    if (plain != nullptr) setenv(kPlain, plain, 1);
+    if (crypted != nullptr) setenv(kCrypted, crypted, 1);
   }
-  // nullptr leaves the variable unset.
-  static void set(char const* name, char const* value) {
-    if (value != nullptr) {
-      ASSERT_EQ(0, setenv(name, value, 1));
-    }
-  }
-  static bool isSet(char const* name) { return getenv(name) != nullptr; }
+  static bool anyLeft() { return getenv(kPlain) != nullptr || getenv(kCrypted) != nullptr; }
 };
 
-TEST_F(PasswordTest, TakesOneVariableAndRemovesIt) {
+// The plain password wins; an empty one counts as none. Both variables are
+// gone afterwards, so that no child inherits them.
+TEST_F(PasswordTest, TakesOneVariableAndRemovesBoth) {
   struct Case {
     char const* plain;
     char const* crypted;
     int result;
     char const* password;  // expected; nullptr: output left untouched
     int cryptedFlag;
-    bool plainLeft;
-    bool cryptedLeft;
   };
   std::vector<Case> const cases = {
-      {"secret", "$1$salt$hash", 0, "secret", 0, false, false},
-      {"secret", nullptr, 0, "secret", 0, false, false},
-      {nullptr, "$1$salt$hash", 0, "$1$salt$hash", 1, false, false},
-      {"", "$1$salt$hash", 0, "$1$salt$hash", 1, false, false},
-      {"", "", -1, nullptr, 7, false, false},
-      {nullptr, nullptr, -1, nullptr, 7, false, false},
+      {"secret", "$1$salt$hash", 0, "secret", 0},
+      {nullptr, "$1$salt$hash", 0, "$1$salt$hash", 1},
+      {"", "$1$salt$hash", 0, "$1$salt$hash", 1},
+      {"", "", -1, nullptr, 7},
+      {nullptr, nullptr, -1, nullptr, 7},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(std::string(c.plain ? c.plain : "(unset)") + " / " +
                  (c.crypted ? c.crypted : "(unset)"));
-    clear();
-    set(kPlain, c.plain);
-    set(kCrypted, c.crypted);
-
+    set(c.plain, c.crypted);
     char const untouched[] = "untouched";
     char const* password = untouched;
     int crypted = 7;
@@ -66,42 +59,24 @@ TEST_F(PasswordTest, TakesOneVariableAndRemovesIt) {
     else
       EXPECT_EQ(untouched, password);
     EXPECT_EQ(c.cryptedFlag, crypted);
-    EXPECT_EQ(c.plainLeft, isSet(kPlain));
-    EXPECT_EQ(c.cryptedLeft, isSet(kCrypted));
+    EXPECT_FALSE(anyLeft());
   }
-}
-
-TEST_F(PasswordTest, AccessorMarksCryptedPasswords) {
-  set(kCrypted, "$1$salt$hash");
-  PasswordAccessor const crypted;
-  EXPECT_STREQ("$1$salt$hash", crypted.password);
-  EXPECT_TRUE(crypted.crypted);
-
-  set(kPlain, "secret");
-  PasswordAccessor const plain;
-  EXPECT_STREQ("secret", plain.password);
-  EXPECT_FALSE(plain.crypted);
-
-  PasswordAccessor const none;
-  EXPECT_EQ(nullptr, none.password);
-  EXPECT_FALSE(none.crypted);
 }
 
 // main() takes the variables before any command runs, so that no child
 // started before (or without) a PasswordAccessor inherits them; the
-// accessor still finds the password.
+// accessor still finds the password, once.
 TEST_F(PasswordTest, TakenAtStartStillReachesTheAccessorOnce) {
-  set(kPlain, "secret");
-  set(kCrypted, "$1$salt$hash");
+  set(nullptr, "$1$salt$hash");
   take_env_passwords();
-  EXPECT_FALSE(isSet(kPlain));
-  EXPECT_FALSE(isSet(kCrypted));
+  EXPECT_FALSE(anyLeft());
+  PasswordAccessor const crypted;
+  EXPECT_STREQ("$1$salt$hash", crypted.password);
+  EXPECT_TRUE(crypted.crypted);
 
-  PasswordAccessor const first;
-  EXPECT_STREQ("secret", first.password);
-  EXPECT_FALSE(first.crypted);
-  PasswordAccessor const second;
-  EXPECT_EQ(nullptr, second.password);
+  PasswordAccessor const none;
+  EXPECT_EQ(nullptr, none.password);
+  EXPECT_FALSE(none.crypted);
 }
 
 }  // namespace

@@ -32,55 +32,38 @@ auto quietly(F body) -> decltype(body()) {
   return result;
 }
 
-TEST(IdnTest, StringConversions) {
+TEST(IdnTest, Conversions) {
   EXPECT_EQ(kAscii, tavix::idn::toAscii(kUnicode));
-  EXPECT_EQ("example.com", tavix::idn::toAscii("example.com"));
   EXPECT_EQ(kUnicode, tavix::idn::toUtf8(kAscii));
   EXPECT_EQ(std::string("J\xc3\xb6rg@") + kAscii,
             tavix::idn::emailToAscii(std::string("J\xc3\xb6rg@") + kUnicode));
-  EXPECT_EQ("", tavix::idn::emailToAscii(""));
   EXPECT_EQ("postmaster", tavix::idn::emailToAscii("postmaster"));
-}
-
-TEST(IdnTest, StringConversionFailuresThrow) {
-  EXPECT_THROW(tavix::idn::toAscii(kLongLabel), tavix::idn::IdnaError);
-  EXPECT_THROW(tavix::idn::emailToAscii("info@" + kLongLabel),
-               tavix::idn::IdnaError);
   try {
-    tavix::idn::toAscii(kLongLabel);
+    tavix::idn::emailToAscii("info@" + kLongLabel);
     FAIL() << "no exception";
   } catch (const tavix::idn::IdnaError& e) {
-    EXPECT_NE(std::string::npos, std::string(e.what()).find("Invalid length"))
-        << e.what();
+    EXPECT_NE(std::string::npos, std::string(e.what()).find("Invalid length")) << e.what();
   }
-}
 
-TEST(IdnTest, HeapConversions) {
   int rc = -1;
   EXPECT_EQ(kAscii, take(idn_toascii(kUnicode, &rc)));
   EXPECT_EQ(IDNA_SUCCESS, rc);
-  EXPECT_EQ(kUnicode, take(idn_toutf8(kAscii)));
-  EXPECT_EQ(std::string("info@") + kAscii,
-            take(idn_email_toascii((std::string("info@") + kUnicode).c_str())));
-
   EXPECT_EQ(nullptr, idn_toascii(kLongLabel.c_str(), &rc));
   EXPECT_EQ(IDNA_INVALID_LENGTH, rc);
   EXPECT_EQ(nullptr, idn_toascii(nullptr, &rc));
+  EXPECT_EQ(std::string("info@") + kAscii,
+            take(idn_email_toascii((std::string("info@") + kUnicode).c_str())));
 }
 
 TEST(IdnTest, SafeConversionsFallBackToTheInput) {
   EXPECT_EQ(kAscii, take(idn_toascii_safe(kUnicode)));
-  EXPECT_EQ(kLongLabel, quietly([] {
-              return take(idn_toascii_safe(kLongLabel.c_str()));
-            }));
+  EXPECT_EQ(kLongLabel, quietly([] { return take(idn_toascii_safe(kLongLabel.c_str())); }));
 
   testing::internal::CaptureStderr();
   char* address = idn_email_toascii_safe(("x@" + kLongLabel).c_str());
   std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ("x@" + kLongLabel, take(address));
-  EXPECT_EQ("idn_email_toascii_safe(x@" + kLongLabel +
-                ") failed: Invalid length\n",
-            log);
+  EXPECT_EQ("idn_email_toascii_safe(x@" + kLongLabel + ") failed: Invalid length\n", log);
 }
 
 TEST(IdnTest, UrlConversion) {
@@ -89,46 +72,15 @@ TEST(IdnTest, UrlConversion) {
     std::string url;
     std::string expected;
   } cases[] = {
-      {"http://" + host + "/path?q=1",
-       std::string("http://") + kAscii + "/path?q=1"},
-      {"https://user:pw@" + host + ":8443/",
-       std::string("https://user:pw@") + kAscii + ":8443/"},
-      {"ftp://" + host, std::string("ftp://") + kAscii},
-      {host + "/x", std::string(kAscii) + "/x"},
-      {"mailto@" + host, std::string("mailto@") + kAscii},
-      {"", "(null)"},
+      {"https://user:pw@" + host + ":8443/", std::string("https://user:pw@") + kAscii + ":8443/"},
+      {"mailto@" + host + "/x?q=1", std::string("mailto@") + kAscii + "/x?q=1"},
       {":8080/", "(null)"},
       {"http://" + kLongLabel + "/", "(null)"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(c.expected,
-              quietly([&] { return take(idn_url_toascii(c.url.c_str())); }))
+    EXPECT_EQ(c.expected, quietly([&] { return take(idn_url_toascii(c.url.c_str())); }))
         << c.url;
   }
-}
-
-TEST(IdnTest, ErrorTexts) {
-  const struct {
-    int code;
-    const char* text;
-  } cases[] = {
-      {0, "Success"},
-      {1, "Stringprep error"},
-      {2, "Punycode error"},
-      {3, "Contains non-LDH characters"},
-      {4, "Contains minus"},
-      {5, "Invalid length"},
-      {6, "ACE prefix not found"},
-      {7, "Verify error"},
-      {8, "ACE prefix found"},
-      {9, "Iconv error"},
-      {201, "Cannot allocate buffer"},
-      {10, "Unknown error"},
-      {202, "Unknown error"},
-      {-1, "Unknown error"},
-  };
-  for (const auto& c : cases)
-    EXPECT_STREQ(c.text, idn_strerror(c.code)) << c.code;
 }
 
 }  // namespace

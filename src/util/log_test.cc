@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "util/error_stream.h"
 #include "util/traceback.h"
 
 namespace {
@@ -51,33 +50,23 @@ TEST_F(LogTest, ConsoleWritersFollowLocationAndLevel) {
     const char* out;
   } cases[] = {
       {nullptr, 6, 3, "m 3\n", "m 3\n"},  // before init: both streams
-      {"console", 6, 3, "m 3\n", "m 3\n"},
       {"CoNsOlE", 6, 6, "m 6\n", "m 6\n"},
-      {"stderr", 6, 3, "m 3\n", ""},
       {"STDERR", 6, 3, "m 3\n", ""},
       {"file", 6, 3, "", ""},
       {"console", 2, 3, "", ""},
-      {"console", 6, 7, "", ""},
+      {"stderr", 4, 6, "", ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.location ? c.location : "(null)") << " level "
                                     << c.level << " priority " << c.priority);
-    LogLocation = c.location;
-    LogLevel = c.level;
+    if (c.location)
+      tavix_log_init(c.location, c.level, LOG_MAIL, LOG_PERROR, "dravnik");
+    else
+      LogLevel = c.level;
     Output output = capture([&] { tavix_log(c.priority, "m %d", c.priority); });
     EXPECT_EQ(c.err, output.err);
     EXPECT_EQ(c.out, output.out);
   }
-}
-
-TEST_F(LogTest, InitWithLocationKeepsConsoleWriters) {
-  tavix_log_init("stderr", 4, LOG_MAIL, LOG_PERROR, "dravnik");
-  Output output = capture([] {
-    tavix_log(LOG_WARNING, "warn");
-    tavix_log(LOG_INFO, "info");
-  });
-  EXPECT_EQ("warn\n", output.err);
-  EXPECT_EQ("", output.out);
 }
 
 // Run in a child: opening syslog changes process-wide state. Nothing is
@@ -96,28 +85,32 @@ TEST(LogInitDeathTest, SyslogUsesSystemLoggerAndMask) {
   EXPECT_EXIT(exit(check()), testing::ExitedWithCode(0), "");
 }
 
+// The system error is added only where it fits the fixed buffer; a longer
+// message grows the buffer and is printed whole, without it.
 TEST_F(LogTest, MesslogPrintsOnBothStreamsWithSystemError) {
-  const std::string enoent = strerror(ENOENT);
+  const std::string suffix = "\nSystem error 2: " + std::string(strerror(ENOENT));
+  const std::string fits(4096 - suffix.size() - 1, 'a'), full(fits + "a"), big(5000, 'a');
   char progname[] = "/usr/local/sbin/dravnik";
   const struct {
     int err;
     char* progname;  // only its base name is shown
-    const char* text;
-    std::string expected;
+    std::string text, expected;
   } cases[] = {
-      {0, nullptr, "x", "x\n"},
       {0, nullptr, "x\n", "x\n"},  // no second newline
-      {ENOENT, nullptr, "x", "x\nSystem error 2: " + enoent + "\n"},
-      {ENOENT, nullptr, "x\n", "x\n\nSystem error 2: " + enoent + "\n"},
+      {ENOENT, nullptr, "x", "x" + suffix + "\n"},
+      {ENOENT, nullptr, "x\n", "x\n" + suffix + "\n"},
       {0, progname, "done", "dravnik: done\n"},
+      {ENOENT, nullptr, fits, fits + suffix + "\n"},
+      {ENOENT, nullptr, full, full + "\n"},
+      {ENOENT, nullptr, big, big + "\n"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
+    SCOPED_TRACE(c.text.substr(0, 10) + " " + std::to_string(c.text.size()));
     PROGNAME = c.progname;
     int errno_after = -1;
     Output output = capture([&] {
       errno = c.err;
-      messlog2(0, 0, "%s", c.text);
+      messlog2(0, 0, "%s", c.text.c_str());
       errno_after = errno;
     });
     EXPECT_EQ(c.expected, output.err);
@@ -126,53 +119,9 @@ TEST_F(LogTest, MesslogPrintsOnBothStreamsWithSystemError) {
   }
 }
 
-TEST_F(LogTest, SystemErrorOnlyWhereItFitsTheFixedBuffer) {
-  const std::string suffix = "\nSystem error 2: " + std::string(strerror(2));
-  const struct {
-    size_t length;
-    bool has_suffix;
-  } cases[] = {
-      {4096 - suffix.size() - 1, true},  // exactly fits with its NUL
-      {4096 - suffix.size(), false},
-      {4095, false},
-      {5000, false},  // grown buffer: printed whole, never with the suffix
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.length);
-    const std::string text(c.length, 'a');
-    Output output = capture([&] {
-      errno = ENOENT;
-      messlog2(0, 1, "%s", text.c_str());
-    });
-    const std::string expected = text + (c.has_suffix ? suffix : "") + "\n";
-    EXPECT_EQ(expected, output.err);
-    EXPECT_EQ(expected, output.out);
-  }
-}
-
 TEST(MesslogDeathTest, NonZeroStatusEndsTheProcess) {
-  EXPECT_EXIT(
-      {
-        errno = 0;
-        messlog2(1, 1, "fatal %d", 7);
-        exit(0);  // not reached
-      },
-      testing::ExitedWithCode(1), "^fatal 7\n$");
-}
-
-TEST(UtilityErrorStreamTest, StderrAtOnceStdoutAtFlush) {
-  capture([] { tavix::uerr << std::flush; });  // whatever earlier tests left
-
-  Output first = capture([] { tavix::uerr << "abc"; });
-  EXPECT_EQ("abc", first.err);
-  EXPECT_EQ("", first.out);
-
-  Output second = capture([] { tavix::uerr << "de" << std::endl; });
-  EXPECT_EQ("de\n", second.err);
-  EXPECT_EQ("abcde\n", second.out);
-
-  Output third = capture([] { tavix::uerr << std::flush; });
-  EXPECT_EQ("", third.out);  // the buffer was emptied by the last flush
+  EXPECT_EXIT((errno = 0, messlog2(1, 1, "fatal %d", 7), exit(0)), testing::ExitedWithCode(1),
+              "^fatal 7\n$");
 }
 
 TEST(TracebackTest, PrintsOneTabbedLinePerFrame) {
@@ -181,24 +130,20 @@ TEST(TracebackTest, PrintsOneTabbedLinePerFrame) {
   EXPECT_EQ("Traceback:\n", skipped.str());
 
   tavix::Traceback traceback(0);
-  std::ostringstream out;
-  out << traceback << traceback;  // symbols are cached, the second print is the same
-  std::istringstream lines(out.str());
+  std::ostringstream first, second;
+  first << traceback;
+  second << traceback;  // from the cached symbols
+  EXPECT_EQ(first.str(), second.str());
+  std::istringstream lines(first.str());
   std::string line;
-  int headings = 0, frames = 0;
-  while (std::getline(lines, line)) {
-    if (line == "Traceback:") {
-      ++headings;
-      continue;
-    }
-    ++frames;
+  ASSERT_TRUE(std::getline(lines, line) && line == "Traceback:");
+  int frames = 0;
+  for (; std::getline(lines, line); ++frames) {
     EXPECT_EQ('\t', line.at(0)) << line;
     EXPECT_NE(std::string::npos, line.find("[0x")) << line;
   }
-  EXPECT_EQ(2, headings);
   EXPECT_GT(frames, 0);
-  EXPECT_LE(frames, 2 * 11);
-  EXPECT_EQ(0, frames % 2);
+  EXPECT_LE(frames, 11);
 }
 
 TEST(SymbolLineDemanglerTest, RewritesMangledNamesOnly) {
@@ -210,12 +155,10 @@ TEST(SymbolLineDemanglerTest, RewritesMangledNamesOnly) {
       // longer than the buffer the previous line left behind
       {"./dravnik(_ZN5tavix9TracebackC1Em+0x1f) [0x401234]",
        "./dravnik(tavix::Traceback::Traceback(unsigned long)+0x1f) [0x401234]"},
-      {"./dravnik(_Z1gi+0x2) [0x2]", "./dravnik(g(int)+0x2) [0x2]"},
       {"./dravnik(+0x1234) [0x55]", "./dravnik(+0x1234) [0x55]"},
       {"/lib/libc.so.6(__libc_start_main+0x85) [0x7f]",
        "/lib/libc.so.6(__libc_start_main+0x85) [0x7f]"},
       {"./dravnik(_Z1fv) [0x1]", "./dravnik(_Z1fv) [0x1]"},
-      {"[0x401234]", "[0x401234]"},
       {"./a+b(_Z1fv) [0x1]", "./a+b(_Z1fv) [0x1]"},
   };
   tavix::SymbolLineDemangler demangle;
