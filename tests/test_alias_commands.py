@@ -9,31 +9,29 @@ from test_domain_commands import (AUTH_DB, NOT_SPECIFIED, add_auth_user, add_dom
                                   qmail_effects)
 
 JD_LINE = "=example.com-jd:popuser:110:110:/var/qmail/mailnames/example.com/john:::"
-KEY = "/etc/domainkeys/%s/default"
 ALIAS_SESSION = ("--domain-aliases=a1.example,a2.example", "--mail-addresses=john")
 
 
 @pytest.fixture
 def domain(mail_sandbox):
     """example.com with the mail name john, his authentication record and a
-    handler of his, a domain-wide handler and a DomainKeys key."""
+    handler of his, and a domain-wide handler."""
     sb = mail_sandbox
     add_domain(sb)
     add_mailname(sb, "john")
-    add_auth_user(sb, "john", "example.com", "johns-secret")
-    add_handler(sb, "spam", "john@example.com")
-    add_handler(sb, "wide", "example.com")
-    sb.write(KEY % "example.com", "key of example.com\n", mode=0o640)
+    add_auth_user(sb, "john", password="johns-secret")
+    add_handler(sb, "john@example.com")
+    add_handler(sb, "example.com", "wide")
     return sb
 
 
 # ---------------------------------------------------------------------------
 # Aliases of a mail name
 
-def test_add_alias_reaches_the_domain_and_every_domain_alias(domain):
+def test_add_and_remove_alias_reach_the_domain_and_every_domain_alias(domain):
     sb = domain
-    r = ok(sb.run("--add-alias", "--domain-name=example.com", "--mailname=John",
-                  "--alias=JD", *ALIAS_SESSION))
+    r = ok(sb, "--add-alias", "--domain-name=example.com", "--mailname=John", "--alias=JD",
+           *ALIAS_SESSION)
     assert qmail_effects(r) == (1, 0)
     assert JD_LINE in lines(sb, "users/assign")
     targets = ["jd@example.com", "jd@a1.example", "jd@a2.example"]
@@ -41,25 +39,20 @@ def test_add_alias_reaches_the_domain_and_every_domain_alias(domain):
     assert [users.get(t) for t in targets] == ["johns-secret"] * 3
     assert all(("spam", t) in handlers(sb) for t in targets)
 
-
-def test_remove_alias(domain):
-    sb = domain
-    ok(sb.run("--add-alias", "--domain-name=example.com", "--mailname=john", "--alias=jd",
-              *ALIAS_SESSION))
-    r = ok(sb.run("--remove-alias", "--domain-name=example.com", "--mailname=john",
-                  "--alias=jd", *ALIAS_SESSION))
+    r = ok(sb, "--remove-alias", "--domain-name=example.com", "--mailname=john", "--alias=jd",
+           *ALIAS_SESSION)
     assert qmail_effects(r) == (1, 0)
     assert JD_LINE not in lines(sb, "users/assign")
     assert auth_users(sb) == {"john@example.com": "johns-secret"}
+    # Only the alias's own handler in the domain goes.
     assert ("spam", "jd@example.com") not in handlers(sb)
     assert ("spam", "john@example.com") in handlers(sb)
 
 
 def test_add_alias_stops_when_its_record_cannot_be_made(domain):
-    sb = domain
-    break_db(sb, AUTH_DB)
-    r = sb.run("--add-alias", "--domain-name=example.com", "--mailname=john", "--alias=jd",
-               *ALIAS_SESSION)
+    break_db(domain, AUTH_DB)
+    r = domain.run("--add-alias", "--domain-name=example.com", "--mailname=john", "--alias=jd",
+                   *ALIAS_SESSION)
     assert r.rc == 1, r
     assert "Unable to clone auth record for jd@example.com" in r.err
     assert qmail_effects(r) == (0, 0)
@@ -74,36 +67,34 @@ def test_add_alias_stops_when_its_record_cannot_be_made(domain):
 ], ids=["reject", "bounce"])
 def test_add_domain_alias(domain, action, rejected):
     sb = domain
-    r = ok(sb.run("--add-domain-alias", "--domain-name=example.com",
-                  "--domain-alias-name=A.Example", "--mail-addresses=john", *action))
+    r = ok(sb, "--add-domain-alias", "--domain-name=example.com",
+           "--domain-alias-name=A.Example", "--mail-addresses=john", *action)
     assert qmail_effects(r) == (1, 1)
     assert "a.example" in lines(sb, "control/rcpthosts")
     assert "a.example:example.com" in lines(sb, "control/virtualdomains")
     assert ("a.example" in lines(sb, "control/rejectnonexist")) == rejected
     assert auth_users(sb)["john@a.example"] == "johns-secret"
     assert {("spam", "john@a.example"), ("wide", "a.example")} <= set(handlers(sb))
-    assert sb.read(KEY % "a.example") == "key of example.com\n"
 
 
 def test_del_domain_alias(domain):
     sb = domain
     add_domain_alias(sb, "a.example")
-    r = ok(sb.run("--del-domain-alias", "--domain-name=example.com",
-                  "--domain-alias-name=a.example", "--mail-addresses=john"))
+    r = ok(sb, "--del-domain-alias", "--domain-name=example.com",
+           "--domain-alias-name=a.example", "--mail-addresses=john")
     assert qmail_effects(r) == (1, 1)
     assert lines(sb, "control/rcpthosts") == ["example.com"]
     assert lines(sb, "control/virtualdomains") == ["example.com:example.com"]
     assert auth_domains(sb) == {"example.com": 0}
     assert ("spam", "john@a.example") not in handlers(sb)
-    assert not sb.exists("/etc/domainkeys/a.example")
 
 
 def test_rename_domain_alias(domain):
     sb = domain
     add_domain_alias(sb, "a.example")
-    r = ok(sb.run("--rename-domain-alias", "--domain-name=example.com",
-                  "--old-domain-alias-name=a.example", "--new-domain-alias-name=b.example",
-                  "--mail-addresses=john", "--set-reject"))
+    r = ok(sb, "--rename-domain-alias", "--domain-name=example.com",
+           "--old-domain-alias-name=a.example", "--new-domain-alias-name=b.example",
+           "--mail-addresses=john", "--set-reject")
     assert qmail_effects(r) == (1, 1)
     assert sorted(lines(sb, "control/virtualdomains")) == [
         "b.example:example.com", "example.com:example.com"]
@@ -112,8 +103,6 @@ def test_rename_domain_alias(domain):
     moved = handlers(sb)
     assert ("spam", "john@b.example") in moved and ("wide", "b.example") in moved
     assert ("wide", "a.example") not in moved
-    assert sb.read(KEY % "b.example") == "key of example.com\n"
-    assert not sb.exists("/etc/domainkeys/a.example")
 
 
 # Whatever happened to the databases, the qmail files were changed and
@@ -134,18 +123,16 @@ def test_domain_alias_auth_failure_still_refreshes_qmail(domain, command, args):
     assert "a.example:example.com" not in lines(sb, "control/virtualdomains")
 
 
-@pytest.mark.parametrize("args, message", [
-    (("--add-domain-alias", "--domain-alias-name=a.example"), NOT_SPECIFIED),
-    (("--rename-domain-alias", "--old-domain-alias-name=a.example",
-      "--new-domain-alias-name=b.example"), NOT_SPECIFIED),
-    (("--del-domain-alias", "--domain-alias-name=a.example", "--set-reject"),
-     "unrecognised option '--set-reject'"),
-], ids=["add-no-action", "rename-no-action", "del-takes-no-action"])
-def test_domain_alias_refused_before_any_change(domain, args, message):
+@pytest.mark.parametrize("args", [
+    ("--add-domain-alias", "--domain-alias-name=a.example"),
+    ("--rename-domain-alias", "--old-domain-alias-name=a.example",
+     "--new-domain-alias-name=b.example"),
+], ids=["add", "rename"])
+def test_domain_alias_without_action_is_refused_before_any_change(domain, args):
     sb = domain
     before = mail_state(sb)
     r = sb.run(args[0], "--domain-name=example.com", *args[1:], "--mail-addresses=john")
     assert r.rc == 1, r
-    assert message in r.err
+    assert NOT_SPECIFIED in r.err
     assert qmail_effects(r) == (0, 0)
     assert changed_files(before, mail_state(sb)) == []

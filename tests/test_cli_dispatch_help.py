@@ -101,32 +101,27 @@ HELP_STDIN_TEXT = (
 )
 
 # ---------------------------------------------------------------------------
-# Per-command options: what each command declares, in declaration order.
+# Per-command options, in declaration order: "name!" is mandatory.
 
-Opt = namedtuple("Opt", "name text takes_value mandatory")
-
-
-def value(name, text, mandatory=False):
-    return Opt(name, text, True, mandatory)
-
-
-def switch(name, text):
-    return Opt(name, text, False, False)
-
-
-DOMAIN = value("domain-name", "domain name", mandatory=True)
-MAILNAME = value("mailname", "mailname", mandatory=True)
-DISK_QUOTA = value("disk-quota", "disk quota")
-DEFAULT_QUOTA = value("default-domain-quota", "domain disk mailbox quota, i.e. the default one")
-WAIT_STDIN = switch("wait-stdin", "wait for additional mail data from STDIN")
-DOMAIN_DISABLED = switch("mail-domain-disabled,D", "the domain is disabled (currently unused)")
-MAIL_DATA = [value("domain-aliases", "list of domain aliases"),
-             value("mail-addresses", "list of mailnames together with their aliases")]
-NOT_EXISTING = [switch("set-catchall", "set a domain catchall address"),
-                value("email", "domain alias name"),
-                switch("set-bounce", "set a domain bounce"),
-                value("phrase", "phrase"),
-                switch("set-reject", "set domain reject flag")]
+OPTION_TEXTS = {
+    "domain-name": "domain name", "mailname": "mailname", "disk-quota": "disk quota",
+    "default-domain-quota": "domain disk mailbox quota, i.e. the default one",
+    "wait-stdin": "wait for additional mail data from STDIN",
+    "mail-domain-disabled": "the domain is disabled (currently unused)",
+    "domain-aliases": "list of domain aliases",
+    "mail-addresses": "list of mailnames together with their aliases",
+    "old-mailname": "old mailname", "new-mailname": "new mailname", "alias": "alias email",
+    "old-domain-name": "old domain name", "new-domain-name": "new domain name",
+    "domain-alias-name": "domain alias name", "old-domain-alias-name": "old domain alias name",
+    "new-domain-alias-name": "new domain alias name",
+    "in-blocks": "count result in blocks rather than bytes",
+    "set-catchall": "set a domain catchall address", "email": "domain alias name",
+    "set-bounce": "set a domain bounce", "phrase": "phrase", "set-reject": "set domain reject flag",
+}
+SWITCHES = {"wait-stdin", "mail-domain-disabled", "in-blocks", "set-catchall", "set-bounce",
+            "set-reject"}
+MAIL_DATA = "domain-aliases mail-addresses wait-stdin"
+NOT_EXISTING = "set-catchall email set-bounce phrase set-reject"
 
 MA = "[--mail-addresses=<mail_name1,alias11,alias12,...;mail_name2,alias21,...;...>]"
 DA_MA = ("[--domain-aliases=<alias1,alias2,...>"
@@ -142,90 +137,87 @@ COMMANDS = [
     Command("--add-mailname", "add a mailname",
             "--add-mailname --domain-name=<domain_name> --mailname=<mail_name> [--disk-quota=<quota>]"
             "\n\t[--default-domain-quota=<quota>] [--wait-stdin]",
-            [DOMAIN, MAILNAME, DISK_QUOTA, DEFAULT_QUOTA, WAIT_STDIN]),
+            "domain-name! mailname! disk-quota default-domain-quota wait-stdin"),
     Command("--remove-mailname", "remove a mailname",
             "--remove-mailname --domain-name=<domain_name> --mailname=<mail_name>\n\t"
-            + MA + " [--wait-stdin]",
-            [DOMAIN, MAILNAME, *MAIL_DATA, WAIT_STDIN]),
+            + MA + " [--wait-stdin]", "domain-name! mailname! " + MAIL_DATA),
     Command("--rename-mailname", "rename a mailname",
             "--rename-mailname --domain-name=<domain_name> --old-mailname=<old_mail_name>"
             " --new-mailname=<new_mail_name> [--mail-domain-disabled|-D]\n\t"
             + MA + " [--wait-stdin]" + PASSWORD_LINES,
-            [DOMAIN, value("old-mailname", "old mailname", mandatory=True),
-             value("new-mailname", "new mailname", mandatory=True),
-             DOMAIN_DISABLED, *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! old-mailname! new-mailname! mail-domain-disabled " + MAIL_DATA),
     Command("--add-mailbox", "add mailname's mailbox",
             "--add-mailbox --domain-name=<domain_name> --mailname=<mail_name>"
             " [--mail-domain-disabled|-D]\n\t" + MA + " [--wait-stdin]" + PASSWORD_LINES,
-            [DOMAIN, MAILNAME, DOMAIN_DISABLED, *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! mailname! mail-domain-disabled " + MAIL_DATA),
     Command("--remove-mailbox", "remove mailname's mailbox",
             "--remove-mailbox --domain-name=<domain_name> --mailname=<mail_name>\n\t"
-            + MA + " [--wait-stdin]",
-            [DOMAIN, MAILNAME, *MAIL_DATA, WAIT_STDIN]),
+            + MA + " [--wait-stdin]", "domain-name! mailname! " + MAIL_DATA),
     Command("--set-password", "set mailname's password",
             "--set-password --domain-name=<domain_name> --mailname=<mail_name>"
             " [--mail-domain-disabled|-D]\n\t" + MA + " [--wait-stdin]" + PASSWORD_LINES,
-            [DOMAIN, MAILNAME, DOMAIN_DISABLED, *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! mailname! mail-domain-disabled " + MAIL_DATA),
     Command("--add-alias", "add alias for a given mailname",
             "--add-alias --domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>\n\t"
-            + DA_MA + " [--wait-stdin]",
-            [DOMAIN, MAILNAME, value("alias", "alias email", mandatory=True),
-             *MAIL_DATA, WAIT_STDIN]),
+            + DA_MA + " [--wait-stdin]", "domain-name! mailname! alias! " + MAIL_DATA),
     Command("--remove-alias", "remove alias for a given mailname",
             "--remove-alias --domain-name=<domain_name> --mailname=<mail_name> --alias=<email_alias>\n\t"
-            + DA_MA + " [--wait-stdin]",
-            [DOMAIN, MAILNAME, value("alias", "alias email", mandatory=True),
-             *MAIL_DATA, WAIT_STDIN]),
+            + DA_MA + " [--wait-stdin]", "domain-name! mailname! alias! " + MAIL_DATA),
     Command("--add-domain", "add a domain",
             "--add-domain --domain-name=<domain> [--disk-quota=quota] [--wait-stdin]",
-            [DOMAIN, DISK_QUOTA, WAIT_STDIN]),
+            "domain-name! disk-quota wait-stdin"),
     Command("--remove-domain", "remove a domain",
             "--remove-domain --domain-name=<domain>\n\t" + DA_MA + " [--wait-stdin]",
-            [DOMAIN, *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! " + MAIL_DATA),
     Command("--rename-domain", "rename a domain",
             "--rename-domain --old-domain-name=<domain> --new-domain-name=<domain>",
-            [value("old-domain-name", "old domain name", mandatory=True),
-             value("new-domain-name", "new domain name", mandatory=True)]),
+            "old-domain-name! new-domain-name!"),
     Command("--turn-on-domain", "enable a domain",
             "--turn-on-domain --domain-name=<domain> " + ACTION + "\n\t" + DA_MA + " [--wait-stdin]",
-            [DOMAIN, *MAIL_DATA, WAIT_STDIN, *NOT_EXISTING]),
+            "domain-name! %s %s" % (MAIL_DATA, NOT_EXISTING)),
     Command("--turn-off-domain", "disable a domain",
             "--turn-off-domain --domain-name=<domain>\n\t" + DA_MA + " [--wait-stdin]",
-            [DOMAIN, *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! " + MAIL_DATA),
     Command("--add-domain-alias", "add a domain alias",
             "--add-domain-alias --domain-name=<domain_name> --domain-alias-name=<domain_alias_name> "
             + ACTION + "\n\t" + DA_MA + " [--wait-stdin]",
-            [DOMAIN, value("domain-alias-name", "domain alias name", mandatory=True),
-             *MAIL_DATA, WAIT_STDIN, *NOT_EXISTING]),
+            "domain-name! domain-alias-name! %s %s" % (MAIL_DATA, NOT_EXISTING)),
     Command("--del-domain-alias", "remove a domain alias",
             "--del-domain-alias --domain-name=<domain_name> --domain-alias-name=<domain_alias_name>",
-            [DOMAIN, value("domain-alias-name", "domain alias name", mandatory=True),
-             *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! domain-alias-name! " + MAIL_DATA),
     Command("--rename-domain-alias", "rename a given domain alias",
             "--rename-domain-alias --domain-name=<domain_name>"
             " --old-domain-alias-name=<old_domain_alias_name>"
             " --new-domain-alias-name=<new_domain_alias_name> "
             + ACTION + "\n\t" + DA_MA + " [--wait-stdin]",
-            [DOMAIN, value("old-domain-alias-name", "old domain alias name", mandatory=True),
-             value("new-domain-alias-name", "new domain alias name", mandatory=True),
-             *MAIL_DATA, WAIT_STDIN, *NOT_EXISTING]),
+            "domain-name! old-domain-alias-name! new-domain-alias-name! %s %s"
+            % (MAIL_DATA, NOT_EXISTING)),
     Command("--get-mailbox-size", "get mailbox size",
             "--get-mailbox-size [--in-blocks] --domain-name=<domain_name> --mailname=<mail_name>",
-            [switch("in-blocks", "count result in blocks rather than bytes"), DOMAIN, MAILNAME]),
+            "in-blocks domain-name! mailname!"),
     Command("--set-mailbox-disk-quota", "set mailbox disk quota",
             "--set-mailbox-disk-quota --domain-name=<domain_name> --mailname=<mail_name>"
             " --disk-quota=<quota>\n\t[--default-domain-quota=<quota>] [--wait-stdin]",
-            [DOMAIN, MAILNAME, value("disk-quota", "disk quota", mandatory=True),
-             DEFAULT_QUOTA, WAIT_STDIN]),
+            "domain-name! mailname! disk-quota! default-domain-quota wait-stdin"),
     Command("--set-domain-disk-quota", "set a domain disk quota",
             "--set-domain-disk-quota --domain-name=<domain> --disk-quota=quota\n\t"
             + MA + " [--wait-stdin]\n\tSpecify only mailnames without personal quota via --mail-addresses.",
-            [DOMAIN, value("disk-quota", "disk quota", mandatory=True), *MAIL_DATA, WAIT_STDIN]),
+            "domain-name! disk-quota! " + MAIL_DATA),
 ]
 
 
-def command_ids(commands):
-    return [c.word for c in commands]
+def mandatory_names(command):
+    return [name[:-1] for name in command.options.split() if name.endswith("!")]
+
+
+def expected_options(command):
+    """(short, long, takes_value, text) of each option its help lists."""
+    result = []
+    for name in command.options.split():
+        text = OPTION_TEXTS[name.rstrip("!")] + (" (mandatory)" if name.endswith("!") else "")
+        short = "D" if name == "mail-domain-disabled" else None
+        result.append((short, name.rstrip("!"), name not in SWITCHES, text))
+    return result + [("h", "help", False, "displays this help message")]
 
 
 # One option entry of the library's listing: "  --name arg   text" or
@@ -248,16 +240,6 @@ def listed_options(listing):
             for short, name, takes_value, text in entries]
 
 
-def expected_options(command):
-    result = []
-    for opt in command.options:
-        name, _, short = opt.name.partition(",")
-        text = opt.text + (" (mandatory)" if opt.mandatory else "")
-        result.append((short or None, name, opt.takes_value, text))
-    result.append(("h", "help", False, "displays this help message"))
-    return result
-
-
 # ---------------------------------------------------------------------------
 # Dispatch and usage errors
 
@@ -272,25 +254,20 @@ def expected_options(command):
 ])
 def test_usage_error_prints_short_usage_on_stderr(sandbox, args, message):
     res = sandbox.run(*args)
-    assert res.err == f"Error: {message}\n" + SHORT_USAGE
-    assert res.out == ""
-    assert res.rc == 1
+    assert (res.rc, res.out, res.err) == (1, "", f"Error: {message}\n" + SHORT_USAGE)
 
 
-@pytest.mark.parametrize("word, text, lines", [
-    ("-h", SHORT_USAGE, 4),
-    ("--help", SHORT_USAGE, 4),
-    ("--help-commands", HELP_COMMANDS_TEXT, 24),
-    ("--help-legacy", HELP_LEGACY_TEXT, 47),
-    ("--help-stdin", HELP_STDIN_TEXT, 27),
+@pytest.mark.parametrize("word, text", [
+    ("-h", SHORT_USAGE),
+    ("--help", SHORT_USAGE),
+    ("--help-commands", HELP_COMMANDS_TEXT),
+    ("--help-legacy", HELP_LEGACY_TEXT),
+    ("--help-stdin", HELP_STDIN_TEXT),
 ])
 @pytest.mark.parametrize("extra", [(), ("--bogus", "--add-mailname", "x y")])
-def test_help_command_prints_text_on_stdout(sandbox, word, text, lines, extra):
+def test_help_command_prints_text_on_stdout(sandbox, word, text, extra):
     res = sandbox.run(word, *extra)
-    assert res.out == text
-    assert res.out.count("\n") == lines
-    assert res.err == ""
-    assert res.rc == 0
+    assert (res.rc, res.out, res.err) == (0, text, "")
 
 
 # ---------------------------------------------------------------------------
@@ -298,13 +275,11 @@ def test_help_command_prints_text_on_stdout(sandbox, word, text, lines, extra):
 
 
 @pytest.mark.parametrize("flag", ["--help", "-h"])
-@pytest.mark.parametrize("command", COMMANDS, ids=command_ids(COMMANDS))
+@pytest.mark.parametrize("command", COMMANDS, ids=lambda c: c.word)
 def test_command_help(sandbox, command, flag):
     res = sandbox.run(command.word, flag)
-    assert res.rc == 0
-    assert res.err == ""
     head = f"{command.purpose}\nUsage: {command.usage}\nAllowed options to {command.purpose}:\n"
-    assert res.out[:len(head)] == head
+    assert (res.rc, res.err, res.out[:len(head)]) == (0, "", head)
     assert res.out.endswith("\n\n") and not res.out.endswith("\n\n\n"), \
         "help must end with exactly one empty line"
     listing = res.out[len(head):-2]

@@ -6,35 +6,21 @@ and standard output, because the control panel reads only standard output.
 
 import pytest
 
-from test_cli_dispatch_help import COMMANDS, command_ids
+from test_cli_dispatch_help import COMMANDS, mandatory_names
 
 # A valid sample value for every mandatory option of the commands.
-SAMPLE = {
-    "domain-name": "example.com",
-    "old-domain-name": "example.com",
-    "new-domain-name": "example.org",
-    "domain-alias-name": "alias.example",
-    "old-domain-alias-name": "alias.example",
-    "new-domain-alias-name": "other.example",
-    "mailname": "john",
-    "old-mailname": "john",
-    "new-mailname": "johnny",
-    "alias": "jd",
-    "disk-quota": "100",
-}
+SAMPLE = {"domain-name": "example.com", "old-domain-name": "example.com",
+          "new-domain-name": "example.org", "domain-alias-name": "alias.example",
+          "old-domain-alias-name": "alias.example", "new-domain-alias-name": "other.example",
+          "mailname": "john", "old-mailname": "john", "new-mailname": "johnny", "alias": "jd",
+          "disk-quota": "100"}
 
 MAILNAME_BAD = " - local part of mailname has incorrect format."
 DOMAIN_BAD = " - domain has incorrect format."
 
 
-def mandatory_names(command):
-    return [opt.name for opt in command.options if opt.mandatory]
-
-
 def help_of(sandbox, word):
-    res = sandbox.run(word, "--help")
-    assert res.rc == 0
-    return res.out
+    return sandbox.run(word, "--help").out
 
 
 def assert_option_error(sandbox, res, word):
@@ -73,12 +59,9 @@ GOOD_MAILNAME = ("--domain-name=example.com", "--mailname=john")
     (("--add-mailname", *GOOD_MAILNAME, "--bogus-option"), "--bogus-option"),
     (("--add-mailname", "--domain=example.com", "--mailname=john"), "--domain"),
     (("--add-mailname", *GOOD_MAILNAME, "--domain-name=example.org"), "domain-name"),
-    (("--add-mailname", "--mailname=john", "--domain-name"), "domain-name"),
     (("--add-mailname", "--domain-name=", "--mailname=john"), "domain-name"),
     (("--remove-mailname", *GOOD_MAILNAME, "--mail-addresses="), "mail-addresses"),
-    (("--add-mailname", *GOOD_MAILNAME, "--disk-quota=abc"), "disk-quota"),
     (("--add-mailname", "--domain-name=example.com", "--mailname=jo hn"), "mailname"),
-    (("--add-mailname", *GOOD_MAILNAME, "--wait-stdin=yes"), "wait-stdin"),
     (("--remove-domain", "--domain-name=example.com",
       "--domain-aliases=a.example", "--domain-aliases=b.example"), "domain-aliases"),
     # The three commands that run the parser themselves.
@@ -86,9 +69,9 @@ GOOD_MAILNAME = ("--domain-name=example.com", "--mailname=john")
     (("--remove-alias", *GOOD_MAILNAME, "--alias="), "alias"),
     (("--del-domain-alias", "--domain-name=example.com",
       "--domain-alias-name=alias.example", "--set-reject"), "--set-reject"),
-], ids=["unknown", "abbreviation", "repeated", "missing-value", "empty-value", "empty-list",
-        "not-a-number", "blank-in-name", "switch-with-value", "domain-aliases-twice",
-        "add-alias-unknown", "remove-alias-empty", "del-domain-alias-no-action"])
+], ids=["unknown", "abbreviation", "repeated", "empty-value", "empty-list", "blank-in-name",
+        "domain-aliases-twice", "add-alias-unknown", "remove-alias-empty",
+        "del-domain-alias-no-action"])
 def test_option_error(sandbox, args, option):
     res = sandbox.run(*args)
     assert_option_error(sandbox, res, args[0])
@@ -118,7 +101,6 @@ def test_missing_mandatory_option(sandbox, word, given, reported):
 
 @pytest.mark.parametrize("args", [
     ("--add-mailname", "-h"),
-    ("--add-mailname", "--domain-name=example.com", "--help"),
     ("--rename-domain", "--help", "--old-domain-name=example.com"),
     ("--set-domain-disk-quota", "--disk-quota=5", "-h"),
 ])
@@ -141,8 +123,6 @@ LONG_LABELS = ("X" * 63 + ".") * 4  # 256 characters: too long for a domain
 
 
 @pytest.mark.parametrize("args, quoted, suffix", [
-    (("--add-mailname", "--domain-name=example.com", "--mailname=bad..name"),
-     "bad..name", MAILNAME_BAD),
     (("--add-mailname", "--domain-name=example.com", "--mailname=Bad..Name"),
      "bad..name", MAILNAME_BAD),
     (("--set-password", "--domain-name=example.com", "--mailname=.John"), ".john", MAILNAME_BAD),
@@ -163,36 +143,25 @@ def test_invalid_name_is_fatal(sandbox, args, quoted, suffix):
 
 
 # ---------------------------------------------------------------------------
-# Well-formed command lines get past option parsing.
-
+# Well-formed command lines get past option parsing.  (The command tests
+# run many more, to their end.)
 
 @pytest.mark.parametrize("args", [
-    ("--add-mailname", "--domain-name=Example.COM", "--mailname=John", "--disk-quota=100"),
     ("--add-mailname", "--domain-name", "b\u00fccher.example", "--mailname", "o'neil+tag_1&x-y.z"),
     ("--add-mailname", "--domain-name=example.com", f"--mailname={'a' * 245}",
      "--default-domain-quota=-1"),
-    ("--rename-mailname", "--domain-name=example.com", "--old-mailname=john",
-     "--new-mailname=johnny", "-D"),
     ("--set-password", "--domain-name=example.com", "--mailname=john",
      "--mail-addresses", "", "--mail-domain-disabled"),
     ("--remove-mailname", "--domain-name=example.com", "--mailname=john",
      "--mail-addresses=john,jd,johnny;mary", "--mail-addresses=mary,m"),
-    ("--get-mailbox-size", "--in-blocks", "--domain-name=example.com", "--mailname=john"),
-    ("--set-mailbox-disk-quota", "--domain-name=example.com", "--mailname=john", "--disk-quota=-1"),
-    ("--set-domain-disk-quota", "--domain-name=example.com", "--disk-quota", "1048576"),
-    ("--turn-on-domain", "--domain-name=example.com", "--set-bounce",
-     "--phrase=No such user here", "--domain-aliases=a.example,b.example"),
     ("--add-domain-alias", "--domain-name=example.com", "--domain-alias-name=Alias.Example",
      "--set-catchall", "--email=postmaster@example.com", "--domain-aliases", ""),
-    ("--rename-domain-alias", "--domain-name=example.com", "--old-domain-alias-name=a.example",
-     "--new-domain-alias-name=b.example", "--set-reject"),
-    ("--rename-domain", "--old-domain-name=example.com", "--new-domain-name=example.org"),
 ], ids=lambda args: args[0] if isinstance(args, tuple) else None)
 def test_valid_options_are_accepted(sandbox, args):
     assert_options_accepted(sandbox, sandbox.run(*args), args[0])
 
 
-@pytest.mark.parametrize("command", COMMANDS, ids=command_ids(COMMANDS))
+@pytest.mark.parametrize("command", COMMANDS, ids=lambda c: c.word)
 def test_mandatory_options_alone_are_enough(sandbox, command):
     given = [f"--{name}={SAMPLE[name]}" for name in mandatory_names(command)]
     assert_options_accepted(sandbox, sandbox.run(command.word, *given), command.word)

@@ -1,9 +1,10 @@
 """The manual pages and the bash completion, held against the programs.
 
-The command words and options are read from the programs' own help, so a
-command or option added to the code and not to doc/ or dist/bash-completion/
-fails here.  The manual is read as man renders it, as an operator sees it
-(and copies from it): the examples of dravnik.8 are run in a sandbox."""
+The command words and options are those that test_cli_dispatch_help.py
+holds the programs' own help to, so a command or option added to the code
+and not to doc/ or dist/bash-completion/ fails here.  The manual is read as
+man renders it, as an operator sees it (and copies from it): the examples of
+dravnik.8 are run in a sandbox."""
 
 import functools
 import json
@@ -11,12 +12,13 @@ import os
 import re
 import shlex
 import shutil
-import sqlite3
 import subprocess
 
 import pytest
 
 from sandbox import REPO, Sandbox
+from test_cli_dispatch_help import COMMAND_ROWS, COMMANDS, expected_options
+from test_domain_commands import AUTH_DB, query
 
 DRAVNIK = Sandbox.default_dravnik()
 DRAVNIK_SETUP = os.environ.get("DRAVNIK_SETUP") or str(REPO / "build/src/setup/dravnik-setup")
@@ -27,64 +29,31 @@ SETUP_COMPLETION = REPO / "dist" / "bash-completion" / "dravnik-setup"
 
 # An option as written in running text: "--domain-name=domain", "[-h|--help]".
 OPTION = re.compile(r"(?<![\w-])(--?[A-Za-z][\w-]*)")
-# An option line of a Boost options listing: "  --domain-name arg   domain
-# name", "  -D [ --mail-domain-disabled ]   ...".
-HELP_OPTION = re.compile(r"^  (?:(-\w) \[ (--[\w-]+) \]|(--[\w-]+))( arg)?(?: |$)")
+
+COMMAND_WORDS = [word for row in COMMAND_ROWS for word in row[0].split(", ")]
+OPERATING_WORDS = [c.word for c in COMMANDS]
+SETUP_OPTIONS = {"--check": False, "--force": False, "--create-accounts": False,
+                 "-h": False, "--help": False}
 
 
-def run(*argv):
-    result = subprocess.run([str(a) for a in argv], capture_output=True, text=True)
-    assert result.returncode == 0, result
-    return result.stdout
-
-
-# -- what the programs accept ----------------------------------------------
-
-@functools.lru_cache(maxsize=None)
-def command_words():
-    """Every command word of dravnik, as --help-commands lists them."""
-    words = []
-    for line in run(DRAVNIK, "--help-commands").splitlines()[1:]:
-        words += re.split(r"\s{2,}", line)[0].split(", ")
-    return tuple(words)
-
-
-def operating_words():
-    return [w for w in command_words() if not w.startswith(("-h", "--help"))]
-
-
-def listed_options(help_text):
-    """{option: takes a value} of a Boost options listing."""
+def command_options(word):
+    """{option: takes a value} of a command."""
+    (command,) = [c for c in COMMANDS if c.word == word]
     options = {}
-    for line in help_text.splitlines():
-        m = HELP_OPTION.match(line)
-        if m:
-            short, long_with_short, long_only, arg = m.groups()
-            for name in (short, long_with_short, long_only):
-                if name:
-                    options[name] = bool(arg)
+    for short, name, takes_value, _ in expected_options(command):
+        options["--" + name] = takes_value
+        if short:
+            options["-" + short] = takes_value
     return options
 
 
-@functools.lru_cache(maxsize=None)
-def command_options(word):
-    return listed_options(run(DRAVNIK, word, "--help"))
-
-
-@functools.lru_cache(maxsize=None)
-def setup_options():
-    return listed_options(run(DRAVNIK_SETUP, "--help"))
-
-
-def test_program_help_is_parsed():
-    # Guards the parsing above: an empty result would make every check pass.
-    assert len(command_words()) == 24
-    assert command_options("--rename-mailname") == {
-        "--domain-name": True, "--old-mailname": True, "--new-mailname": True,
-        "-D": False, "--mail-domain-disabled": False, "--domain-aliases": True,
-        "--mail-addresses": True, "--wait-stdin": False, "-h": False, "--help": False}
-    assert setup_options() == {"--check": False, "--force": False,
-                               "--create-accounts": False, "-h": False, "--help": False}
+def test_setup_help_names_exactly_the_setup_options():
+    result = subprocess.run([DRAVNIK_SETUP, "--help"], capture_output=True, text=True)
+    assert result.returncode == 0, result
+    assert set(OPTION.findall(result.stdout.splitlines()[0])) == set(SETUP_OPTIONS)
+    listing = re.findall(r"^  ((?:-\w \[ )?--[\w-]+)(?: \])?( arg)?", result.stdout, re.M)
+    assert set(OPTION.findall(" ".join(n for n, _ in listing))) == set(SETUP_OPTIONS)
+    assert not [n for n, arg in listing if arg]
 
 
 # -- the manual pages -------------------------------------------------------
@@ -136,7 +105,7 @@ def test_page_renders_without_warnings(page, renderer):
     assert result.returncode == 0 and result.stderr == "", result.stderr
 
 
-@pytest.mark.parametrize("word", operating_words())
+@pytest.mark.parametrize("word", OPERATING_WORDS)
 def test_manual_shows_each_command_with_exactly_its_options(word):
     entry = blocks(section(MANUAL, "COMMANDS"), 3).get(word)
     assert entry is not None, "dravnik.8 has no subsection for %s" % word
@@ -147,7 +116,7 @@ def test_manual_shows_each_command_with_exactly_its_options(word):
 
 def test_manual_names_every_command_word():
     text = rendered(MANUAL)
-    missing = [w for w in command_words() if not re.search(r"(?<![\w-])%s(?![\w-])" % w, text)]
+    missing = [w for w in COMMAND_WORDS if not re.search(r"(?<![\w-])%s(?![\w-])" % w, text)]
     assert not missing
 
 
@@ -155,9 +124,9 @@ def test_setup_manual_describes_exactly_the_setup_options():
     tags = [line.strip() for line in section(SETUP_MANUAL, "OPTIONS")
             if re.match(r"^ {7}-", line)]
     described = {name for tag in tags for name in tag.split(", ")}
-    assert described == set(setup_options())
+    assert described == set(SETUP_OPTIONS)
     assert set(OPTION.findall(" ".join(section(SETUP_MANUAL, "SYNOPSIS")))) == \
-        set(setup_options())
+        set(SETUP_OPTIONS)
 
 
 def examples():
@@ -177,10 +146,8 @@ def test_manual_examples_run(mail_sandbox):
     assert 0 < int(limit) <= 104857600
     assert "=example.org-info:popuser" in sb.read("/var/qmail/users/assign")
     # The password reached the program and followed the renames.
-    with sqlite3.connect(sb.path("/var/lib/tavix/mail/auth/passwd.db")) as db:
-        rows = db.execute("SELECT users.name, userPassword FROM users JOIN domains"
-                          " ON dom_id = domains.id WHERE domains.name = 'example.org'"
-                          " ORDER BY users.name").fetchall()
+    rows = query(sb, AUTH_DB, "SELECT users.name, userPassword FROM users JOIN domains"
+                 " ON dom_id = domains.id WHERE domains.name = 'example.org' ORDER BY 1")
     assert [name for name, _ in rows] == ["info", "john"]
     assert all(password.startswith("$AES-256-CBC:PKCS$") for _, password in rows)
 
@@ -214,10 +181,10 @@ def offered(words):
 
 
 def test_completion_offers_the_command_words():
-    assert sorted(complete(COMPLETION, "_dravnik", "dravnik", "")) == sorted(command_words())
+    assert sorted(complete(COMPLETION, "_dravnik", "dravnik", "")) == sorted(COMMAND_WORDS)
 
 
-@pytest.mark.parametrize("word", operating_words())
+@pytest.mark.parametrize("word", OPERATING_WORDS)
 def test_completion_offers_each_commands_options(word):
     words = complete(COMPLETION, "_dravnik", "dravnik", word, "")
     assert len(words) == len(set(words))
@@ -226,7 +193,7 @@ def test_completion_offers_each_commands_options(word):
 
 def test_setup_completion_offers_the_setup_options():
     words = complete(SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup", "")
-    assert offered(words) == setup_options()
+    assert offered(words) == SETUP_OPTIONS
 
 
 @pytest.mark.parametrize("completion, function, line, expected", [

@@ -2,7 +2,7 @@
 files, the authentication and handlers databases, and to qmail itself
 (qmail-newu runs and SIGHUPs to qmail-send).
 
-The helpers at the top are shared with test_alias_commands.py."""
+The helpers at the top are shared by the other command tests."""
 
 import json
 import sqlite3
@@ -11,25 +11,32 @@ import pytest
 
 from sandbox import changed_files
 
+DOMAIN = "example.com"
 AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
 HANDLERS_DB = "/var/lib/tavix/mail/handlers/handlers.db"
 NOT_SPECIFIED = ('mandatory option "--set-bounce" or "--set-catchall" or "--set-reject" '
                  'is not specified')
 NO_ACTION_LOG = ("Action for notexisting mail names is not specified "
                  "(--set-bounce/--set-catchall/--set-reject)")
-READ_FAILURE = ("Failed to read and parse session mail data from STDIN. "
-                "See mail log for details.")
 
 
 # ---------------------------------------------------------------------------
 # Helpers
 
-def session(domain="example.com", aliases=(), mails=None):
+def session(domain=DOMAIN, aliases=(), mails=None, quota=None):
     """The JSON session mail data of `domain`; `mails` maps a mail name to
     its aliases."""
-    return json.dumps({"domain": {
-        "name": domain, "dom_aliases": list(aliases), "maillists": [],
-        "mails": [{"name": n, "aliases": list(a)} for n, a in (mails or {}).items()]}})
+    body = {"name": domain, "dom_aliases": list(aliases), "maillists": [],
+            "mails": [{"name": n, "aliases": list(a)} for n, a in (mails or {}).items()]}
+    if quota is not None:
+        body["mbox_quota"] = quota
+    return json.dumps({"domain": body})
+
+
+def ok(sb, *args, **kwargs):
+    r = sb.run(*args, **kwargs)
+    assert r.rc == 0, r
+    return r
 
 
 def lines(sb, name):
@@ -38,44 +45,43 @@ def lines(sb, name):
     return sb.read(path).splitlines() if sb.exists(path) else []
 
 
-def _db(sb, path):
-    return sqlite3.connect(str(sb.path(path)))
+def query(sb, db, sql, params=()):
+    conn = sqlite3.connect(sb.path(db))
+    try:
+        with conn:  # commits
+            return conn.execute(sql, params).fetchall()
+    finally:
+        conn.close()
 
 
 def auth_domains(sb):
     """Domain name -> status (1 = disabled) of the authentication database."""
-    with _db(sb, AUTH_DB) as db:
-        return dict(db.execute("SELECT name, status FROM domains"))
+    return dict(query(sb, AUTH_DB, "SELECT name, status FROM domains"))
 
 
 def auth_users(sb):
     """"name@domain" -> stored password of every authentication record."""
-    with _db(sb, AUTH_DB) as db:
-        rows = db.execute("SELECT u.name || '@' || d.name, "
-                          "COALESCE(u.userPassword, u.cmusaslsecretPLAIN) "
-                          "FROM users u JOIN domains d ON u.dom_id = d.id")
-        return dict(rows)
+    return dict(query(sb, AUTH_DB, "SELECT u.name || '@' || d.name, COALESCE(u.userPassword, "
+                      "u.cmusaslsecretPLAIN) FROM users u JOIN domains d ON u.dom_id = d.id"))
 
 
-def add_auth_user(sb, mailname, domain, password="secret"):
+def add_auth_user(sb, mailname, domain=DOMAIN, password="secret"):
     """A record with a plain-text password, as a raw password is stored."""
-    with _db(sb, AUTH_DB) as db:
-        db.execute("INSERT OR IGNORE INTO domains (name, status) VALUES (?, 0)", (domain,))
-        db.execute("INSERT INTO users (name, cmusaslsecretPLAIN, dom_id) "
-                   "SELECT ?, ?, id FROM domains WHERE name = ?", (mailname, password, domain))
+    query(sb, AUTH_DB, "INSERT OR IGNORE INTO domains (name, status) VALUES (?, 0)", (domain,))
+    query(sb, AUTH_DB, "INSERT INTO users (name, cmusaslsecretPLAIN, dom_id) "
+          "SELECT ?, ?, id FROM domains WHERE name = ?", (mailname, password, domain))
 
 
 def handlers(sb):
     """(handler name, address) -> enabled."""
-    with _db(sb, HANDLERS_DB) as db:
-        return {(n, a): e for n, a, e in db.execute("SELECT name, address, enabled FROM handlers")}
+    rows = query(sb, HANDLERS_DB, "SELECT name, address, enabled FROM handlers")
+    return {(n, a): e for n, a, e in rows}
 
 
-def add_handler(sb, name, address, enabled=1):
-    with _db(sb, HANDLERS_DB) as db:
-        db.execute("INSERT INTO handlers (queue, type, enabled, priority, name, address, "
-                   "executable, context) VALUES (5, 5, ?, 0, ?, ?, '/bin/true', 'none')",
-                   (enabled, name, address))
+def add_handler(sb, address, name="spam"):
+    query(sb, HANDLERS_DB, "INSERT INTO handlers (queue, type, enabled, priority, name, "
+          "address, executable, context) VALUES (5, 5, 1, 0, ?, ?, '/bin/true', 'none')",
+          (name, address))
 
 
 def break_db(sb, path):
@@ -83,25 +89,25 @@ def break_db(sb, path):
     sb.write(path, "not a database\n", mode=0o640)
 
 
-def ok(result):
-    assert result.rc == 0, result
-    return result
+def add_domain(sb, domain=DOMAIN):
+    return ok(sb, "--add-domain", "--domain-name=" + domain, "--wait-stdin",
+              stdin=session(domain))
 
 
-def add_domain(sb, domain="example.com"):
-    return ok(sb.run("--add-domain", "--domain-name=" + domain, "--wait-stdin",
-                     stdin=session(domain)))
+def add_mailname(sb, mailname, domain=DOMAIN):
+    return ok(sb, "--add-mailname", "--domain-name=" + domain, "--mailname=" + mailname,
+              "--disk-quota=-1")
 
 
-def add_mailname(sb, mailname, domain="example.com"):
-    return ok(sb.run("--add-mailname", "--domain-name=" + domain, "--mailname=" + mailname,
-                     "--disk-quota=-1"))
+def add_mailbox(sb, name, domain=DOMAIN, mails=None, password="secret"):
+    add_mailname(sb, name, domain)
+    ok(sb, "--add-mailbox", "--domain-name=" + domain, "--mailname=" + name,
+       "--mail-addresses", mails or name, env={"ZON_PASSWORD": password})
 
 
-def add_domain_alias(sb, alias, domain="example.com", mails=("john",)):
-    return ok(sb.run("--add-domain-alias", "--domain-name=" + domain,
-                     "--domain-alias-name=" + alias, "--mail-addresses=" + ";".join(mails),
-                     "--set-reject"))
+def add_domain_alias(sb, alias, domain=DOMAIN, mails="john"):
+    return ok(sb, "--add-domain-alias", "--domain-name=" + domain,
+              "--domain-alias-name=" + alias, "--mail-addresses", mails, "--set-reject")
 
 
 def qmail_effects(result):
@@ -126,8 +132,8 @@ def test_add_domain(mail_sandbox, quota):
     sb = mail_sandbox
     sb.write("/var/qmail/control/locals", "localhost\nexample.com\n")
     sb.write("/var/qmail/control/rejectnonexist", "example.com\n")
-    r = ok(sb.run("--add-domain", "--domain-name=Example.COM", *quota, "--wait-stdin",
-                  stdin=session()))
+    r = ok(sb, "--add-domain", "--domain-name=Example.COM", *quota, "--wait-stdin",
+           stdin=session())
     assert qmail_effects(r) == (1, 1)
     assert lines(sb, "control/rcpthosts") == ["example.com"]
     assert lines(sb, "control/virtualdomains") == ["example.com:example.com"]
@@ -143,16 +149,16 @@ def test_remove_domain_with_its_alias_records_and_handlers(mail_sandbox):
     add_domain(sb)
     add_domain(sb, "other.example")
     add_mailname(sb, "john")
-    add_auth_user(sb, "john", "example.com")
+    add_auth_user(sb, "john")
     add_auth_user(sb, "mary", "other.example")
     add_domain_alias(sb, "a.example")
-    for name, address in [("spam", "john@example.com"), ("wide", "example.com"),
-                          ("spam", "mary@other.example")]:
-        add_handler(sb, name, address)
+    for address in ("john@example.com", "mary@other.example"):
+        add_handler(sb, address)
+    add_handler(sb, "example.com", "wide")
     assert "john@a.example" in auth_users(sb)
 
-    r = ok(sb.run("--remove-domain", "--domain-name=example.com",
-                  "--domain-aliases=a.example", "--mail-addresses=john"))
+    r = ok(sb, "--remove-domain", "--domain-name=example.com", "--domain-aliases=a.example",
+           "--mail-addresses=john")
     assert qmail_effects(r) == (1, 1)
     assert "example.com" not in lines(sb, "control/rcpthosts")
     assert not any("example.com-" in l or l.startswith("+example.com:")
@@ -163,15 +169,6 @@ def test_remove_domain_with_its_alias_records_and_handlers(mail_sandbox):
     assert list(handlers(sb)) == [("spam", "mary@other.example")]
 
 
-def test_rename_domain(mail_sandbox):
-    sb = mail_sandbox
-    add_domain(sb)
-    ok(sb.run("--rename-domain", "--old-domain-name=example.com",
-              "--new-domain-name=Example.ORG"))
-    assert lines(sb, "control/rcpthosts") == ["example.org"]
-    assert sb.exists("/var/qmail/mailnames/example.org")
-
-
 # ---------------------------------------------------------------------------
 # Turning a domain off and on again
 
@@ -179,15 +176,15 @@ def test_turn_domain_off_and_on(mail_sandbox):
     sb = mail_sandbox
     add_domain(sb)
     add_mailname(sb, "john")
-    add_auth_user(sb, "john", "example.com")
-    add_handler(sb, "spam", "john@example.com")
+    add_auth_user(sb, "john")
+    add_handler(sb, "john@example.com")
     add_domain_alias(sb, "a.example")
     add_domain_alias(sb, "b.example")
     assigned = lines(sb, "users/assign")
 
     # One qmail refresh for the domain and all its aliases.
-    r = ok(sb.run("--turn-off-domain", "--domain-name=example.com", "--wait-stdin",
-                  stdin=session(aliases=["a.example", "b.example"], mails={"john": []})))
+    r = ok(sb, "--turn-off-domain", "--domain-name=example.com", "--wait-stdin",
+           stdin=session(aliases=["a.example", "b.example"], mails={"john": []}))
     assert qmail_effects(r) == (1, 1)
     assert lines(sb, "control/rcpthosts") == []
     assert lines(sb, "control/virtualdomains") == []
@@ -196,9 +193,8 @@ def test_turn_domain_off_and_on(mail_sandbox):
     assert auth_users(sb) == {"john@example.com": "secret"}
     assert handlers(sb)[("spam", "john@example.com")] == 0
 
-    r = ok(sb.run("--turn-on-domain", "--domain-name=example.com",
-                  "--domain-aliases=a.example,b.example", "--mail-addresses=john",
-                  "--set-reject"))
+    r = ok(sb, "--turn-on-domain", "--domain-name=example.com",
+           "--domain-aliases=a.example,b.example", "--mail-addresses=john", "--set-reject")
     assert qmail_effects(r) == (1, 1)
     assert sorted(lines(sb, "control/rcpthosts")) == ["a.example", "b.example", "example.com"]
     assert sorted(lines(sb, "control/virtualdomains")) == [
@@ -217,11 +213,14 @@ def test_turn_domain_off_and_on(mail_sandbox):
 def test_turn_on_action_decides_whether_aliases_are_rejected(mail_sandbox, action, rejected):
     sb = mail_sandbox
     add_domain(sb)
-    ok(sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
-              "--mail-addresses", "", *action))
+    ok(sb, "--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
+       "--mail-addresses", "", *action)
     assert "a.example:example.com" in lines(sb, "control/virtualdomains")
     assert ("a.example" in lines(sb, "control/rejectnonexist")) == rejected
 
+
+# ---------------------------------------------------------------------------
+# Failures
 
 @pytest.mark.parametrize("action, message", [
     ((), NOT_SPECIFIED),
@@ -238,17 +237,6 @@ def test_turn_on_without_usable_action_changes_nothing(mail_sandbox, action, mes
     assert message in r.out and message in r.err
     assert (NO_ACTION_LOG in r.err) == (message == NOT_SPECIFIED)
     assert qmail_effects(r) == (0, 0)
-    assert changed_files(before, mail_state(sb)) == []
-
-
-# ---------------------------------------------------------------------------
-# Failures
-
-def test_unreadable_session_data_changes_nothing(mail_sandbox):
-    sb = mail_sandbox
-    before = mail_state(sb)
-    r = sb.run("--add-domain", "--domain-name=example.com", "--wait-stdin", stdin="not json")
-    assert r.rc == 1 and READ_FAILURE in r.out, r
     assert changed_files(before, mail_state(sb)) == []
 
 
@@ -272,8 +260,8 @@ def test_auth_failure_after_qmail_changes(mail_sandbox, command, message):
 def test_turn_on_enables_auth_records_even_when_handlers_fail(mail_sandbox):
     sb = mail_sandbox
     add_domain(sb)
-    add_auth_user(sb, "john", "example.com")
-    ok(sb.run("--turn-off-domain", "--domain-name=example.com", "--mail-addresses", ""))
+    add_auth_user(sb, "john")
+    ok(sb, "--turn-off-domain", "--domain-name=example.com", "--mail-addresses", "")
     break_db(sb, HANDLERS_DB)
     r = sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
                "--mail-addresses=john", "--set-reject")

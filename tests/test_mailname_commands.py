@@ -6,20 +6,18 @@ mailbox tree, .qmail, maildirsize, the authentication and handlers
 databases and the runs of qmail-newu.
 """
 
-import json
 import os
-import sqlite3
 import stat
 
 import pytest
 
 from test_cipher import python_decrypt
+from test_domain_commands import (AUTH_DB, DOMAIN, HANDLERS_DB, add_domain, add_handler,
+                                  add_mailbox, add_mailname, break_db, handlers, ok, query,
+                                  session)
 
-DOMAIN = "example.com"
 ROOT = "/var/qmail/mailnames/" + DOMAIN
-AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
 AUTH_KEY = "/var/lib/tavix/mail/auth/passwd_db_key"
-HANDLERS_DB = "/var/lib/tavix/mail/handlers/handlers.db"
 POPUSER = 110
 TREE = ["", "/Maildir", "/Maildir/tmp", "/Maildir/new", "/Maildir/cur", "/Maildir/.Spam",
         "/Maildir/.Spam/tmp", "/Maildir/.Spam/new", "/Maildir/.Spam/cur", "/@attachments"]
@@ -28,30 +26,8 @@ DELIVERY = "| true\n| /usr/bin/deliverquota ./Maildir\n"
 CRYPT_HASH = "$1$saltsalt$7R0lsUdcYyGMuDbzsO2Ow/"
 
 
-def session(mails=(), quota=None, aliases=(), domain=DOMAIN):
-    """A session document: `mails` maps a mail name to its aliases."""
-    body = {"name": domain, "dom_aliases": list(aliases), "maillists": [],
-            "mails": [{"name": n, "aliases": list(a)} for n, a in dict(mails).items()]}
-    if quota is not None:
-        body["mbox_quota"] = quota
-    return json.dumps({"domain": body})
-
-
-def ok(sb, *args, **kwargs):
-    r = sb.run(*args, **kwargs)
-    assert r.rc == 0, r
-    return r
-
-
 def assign_line(name, home=None):
     return "=%s-%s:popuser:%d:%d:%s/%s:::" % (DOMAIN, name, POPUSER, POPUSER, ROOT, home or name)
-
-
-def add_mailbox(sb, name, password="secret", mails=None):
-    ok(sb, "--add-mailname", "--domain-name=" + DOMAIN, "--mailname=" + name,
-       "--default-domain-quota=-1")
-    ok(sb, "--add-mailbox", "--domain-name=" + DOMAIN, "--mailname=" + name,
-       "--mail-addresses", mails or name, env={"ZON_PASSWORD": password})
 
 
 def set_password(sb, name, mails, password="secret"):
@@ -59,36 +35,13 @@ def set_password(sb, name, mails, password="secret"):
        "--mail-addresses", mails, env={"ZON_PASSWORD": password})
 
 
-def auth_query(sb, sql):
-    db = sqlite3.connect("file:%s?mode=ro" % sb.path(AUTH_DB), uri=True)
-    try:
-        return db.execute(sql).fetchall()
-    finally:
-        db.close()
-
-
 def auth_rows(sb):
     """{address: (decrypted userPassword, cmusaslsecretPLAIN, user status)}."""
     key = sb.path(AUTH_KEY).read_bytes()[:32]
-    rows = auth_query(sb, "SELECT u.name || '@' || d.name, u.userPassword, "
-                          "u.cmusaslsecretPLAIN, u.status FROM users u, domains d "
-                          "WHERE u.dom_id = d.id")
+    rows = query(sb, AUTH_DB, "SELECT u.name || '@' || d.name, u.userPassword, "
+                              "u.cmusaslsecretPLAIN, u.status FROM users u, domains d "
+                              "WHERE u.dom_id = d.id")
     return {a: (enc and python_decrypt(key, enc), raw, st) for a, enc, raw, st in rows}
-
-
-def handlers(sb, sql="SELECT address, name FROM handlers ORDER BY address", params=()):
-    db = sqlite3.connect(sb.path(HANDLERS_DB))
-    try:
-        with db:
-            return db.execute(sql, params).fetchall()
-    finally:
-        db.close()
-
-
-def add_handler(sb, address):
-    handlers(sb, "INSERT INTO handlers (queue, type, enabled, priority, name, address, "
-                 "executable, context) VALUES (5, 5, 1, 10, 'spam', ?, '/bin/filter', '')",
-             (address,))
 
 
 def quota_header(sb, name):
@@ -100,16 +53,9 @@ def limit_less_attachments(sb, name, quota):
     return "%dS,0C" % (quota - sb.path(ROOT + "/%s/@attachments" % name).stat().st_size)
 
 
-def break_handlers_db(sb):
-    path = sb.path(HANDLERS_DB)
-    path.unlink()
-    path.mkdir()
-
-
 @pytest.fixture
 def sb(mail_sandbox):
-    ok(mail_sandbox, "--add-domain", "--domain-name=" + DOMAIN, "--wait-stdin",
-       stdin=session())
+    add_domain(mail_sandbox)
     return mail_sandbox
 
 
@@ -118,7 +64,7 @@ def sb(mail_sandbox):
 
 @pytest.mark.parametrize("options, stdin, limit", [
     (["--default-domain-quota=-1"], None, lambda sb: "0S,0C"),
-    (["--wait-stdin"], session({"john": []}, quota=2097152),
+    (["--wait-stdin"], session(mails={"john": []}, quota=2097152),
      lambda sb: limit_less_attachments(sb, "john", 2097152)),
     (["--disk-quota=1048576"], None, lambda sb: limit_less_attachments(sb, "john", 1048576)),
     (["--disk-quota=0"], None, lambda sb: "1S,0C"),
@@ -134,13 +80,11 @@ def test_add_mailname(sb, options, stdin, limit):
         st = sb.path(ROOT + "/john" + sub).stat()
         assert (stat.S_ISDIR(st.st_mode), stat.S_IMODE(st.st_mode), st.st_uid, st.st_gid) == \
             (True, 0o700, POPUSER, POPUSER), sub
-    dotqmail = sb.path(ROOT + "/john/.qmail")
-    assert dotqmail.read_text() == TRUE_ONLY
-    assert (stat.S_IMODE(dotqmail.stat().st_mode), dotqmail.stat().st_uid) == (0o600, POPUSER)
-    maildirsize = sb.path(ROOT + "/john/Maildir/maildirsize")
-    assert maildirsize.read_text() == limit(sb) + "\n%12d%12d\n" % (0, 0)
-    assert (stat.S_IMODE(maildirsize.stat().st_mode), maildirsize.stat().st_uid) == \
-        (0o644, POPUSER)
+    for name, text, mode in ((".qmail", TRUE_ONLY, 0o600),
+                             ("Maildir/maildirsize", limit(sb) + "\n%12d%12d\n" % (0, 0), 0o644)):
+        path = sb.path(ROOT + "/john/" + name)
+        assert path.read_text() == text
+        assert (stat.S_IMODE(path.stat().st_mode), path.stat().st_uid) == (mode, POPUSER)
 
 
 def test_add_mailname_to_a_domain_without_directory_fails_and_undoes(mail_sandbox):
@@ -164,13 +108,13 @@ def test_remove_mailname_takes_everything_of_the_name(sb):
     assert assign_line("john") not in sb.read("/var/qmail/users/assign")
     assert not sb.exists(ROOT + "/john") and sb.exists(ROOT + "/mary")
     assert list(auth_rows(sb)) == ["mary@" + DOMAIN]
-    assert handlers(sb) == [("mary@" + DOMAIN, "spam")]
+    assert list(handlers(sb)) == [("spam", "mary@" + DOMAIN)]
 
 
 def test_remove_mailname_keeps_alias_records_when_handlers_cannot_be_removed(sb):
     add_mailbox(sb, "john", mails="john,jd")
     set_password(sb, "john", "john,jd")
-    break_handlers_db(sb)
+    break_db(sb, HANDLERS_DB)
     r = sb.run("--remove-mailname", "--domain-name=" + DOMAIN, "--mailname=john",
                "--mail-addresses", "john,jd")
     assert r.rc == 1
@@ -202,12 +146,12 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
     assert sb.path(ROOT + "/jane/Maildir/new").is_dir()
     # A rename keeps the stored password; without one the records go.
     assert auth_rows(sb) == ({"jane@" + DOMAIN: expected} if expected else {})
-    assert handlers(sb) == [("jane@" + DOMAIN, "spam")]
+    assert list(handlers(sb)) == [("spam", "jane@" + DOMAIN)]
 
 
 def test_rename_mailname_reports_handlers_left_behind(sb):
     add_mailbox(sb, "john")
-    break_handlers_db(sb)
+    break_db(sb, HANDLERS_DB)
     r = sb.run("--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
                "--new-mailname=jane", "--mail-addresses", "john", env={"ZON_PASSWORD": "x"})
     assert (r.rc, r.newu_calls) == (1, [[]])
@@ -225,7 +169,7 @@ def test_rename_mailname_reports_handlers_left_behind(sb):
     ({"ZON_PASSWORD": "secret"}, ["-D"], ("secret", None, 0), 1),
 ], ids=["plain", "crypted", "plain-wins", "domain-disabled"])
 def test_add_mailbox_stores_password_and_delivery(sb, env, options, record, domain_status):
-    ok(sb, "--add-mailname", "--domain-name=" + DOMAIN, "--mailname=john", "--disk-quota=-1")
+    add_mailname(sb, "john")
     r = ok(sb, "--add-mailbox", "--domain-name=" + DOMAIN, "--mailname=john", *options,
            "--mail-addresses", "john", env=env)
     assert r.newu_calls == []
@@ -233,7 +177,7 @@ def test_add_mailbox_stores_password_and_delivery(sb, env, options, record, doma
     assert quota_header(sb, "john") == "0S,0C"
     assert auth_rows(sb) == {"john@" + DOMAIN: record}
     # The first record of a domain registers it, disabled with "-D".
-    assert auth_query(sb, "SELECT name, status FROM domains") == [(DOMAIN, domain_status)]
+    assert query(sb, AUTH_DB, "SELECT name, status FROM domains") == [(DOMAIN, domain_status)]
 
 
 def test_add_mailbox_without_mail_name_leaves_no_record(sb):
@@ -256,7 +200,7 @@ def test_remove_mailbox_keeps_the_mail_name(sb):
 
 def test_set_password_reaches_aliases_and_domain_aliases(sb):
     add_mailbox(sb, "john")
-    doc = session({"john": ["jd"]}, aliases=["example.net"])
+    doc = session(mails={"john": ["jd"]}, aliases=["example.net"])
     ok(sb, "--set-password", "--domain-name=" + DOMAIN, "--mailname=john", "--wait-stdin",
        stdin=doc, env={"ZON_CRYPTED_PASSWORD": CRYPT_HASH})
     record = (None, CRYPT_HASH, 0)
@@ -272,15 +216,14 @@ def test_set_password_reaches_aliases_and_domain_aliases(sb):
 # Quotas and sizes
 
 @pytest.mark.parametrize("quota, default, limit", [
-    (1048576, [], lambda sb: limit_less_attachments(sb, "john", 1048576)),
-    (-1, ["--default-domain-quota=2097152"],
-     lambda sb: limit_less_attachments(sb, "john", 2097152)),
-    (-1, ["--default-domain-quota=-1"], lambda sb: "0S,0C"),
+    (1048576, "-1", lambda sb: limit_less_attachments(sb, "john", 1048576)),
+    (-1, "2097152", lambda sb: limit_less_attachments(sb, "john", 2097152)),
+    (-1, "-1", lambda sb: "0S,0C"),
 ], ids=["own", "reset-to-default", "reset-to-unlimited"])
 def test_set_mailbox_disk_quota(sb, quota, default, limit):
     ok(sb, "--add-mailname", "--domain-name=" + DOMAIN, "--mailname=john", "--disk-quota=10")
-    args = ["--domain-name=" + DOMAIN, "--mailname=john", "--disk-quota=%d" % quota]
-    ok(sb, "--set-mailbox-disk-quota", *args, *(default or ["--default-domain-quota=-1"]))
+    ok(sb, "--set-mailbox-disk-quota", "--domain-name=" + DOMAIN, "--mailname=john",
+       "--disk-quota=%d" % quota, "--default-domain-quota=" + default)
     assert quota_header(sb, "john") == limit(sb)
 
 
@@ -305,21 +248,10 @@ def test_set_domain_disk_quota_applies_to_the_session_names(sb, quota):
 
 def test_set_domain_disk_quota_refuses_data_of_another_domain(sb):
     r = sb.run("--set-domain-disk-quota", "--domain-name=" + DOMAIN, "--disk-quota=100",
-               "--wait-stdin", stdin=session({"john": []}, domain="example.org"))
+               "--wait-stdin", stdin=session("example.org", mails={"john": []}))
     assert r.rc == 1
     assert ("Session mail DB info is invalid, expected one for domain 'example.com', "
             "got 'example.org'") in r.err
-
-
-def deliver(sb, name, message):
-    """Runs the delivery line of the mailbox's .qmail as qmail-local does:
-    as popuser, in the mail name's directory, the message a file on stdin."""
-    line = sb.read(ROOT + "/%s/.qmail" % name).splitlines()[-1]
-    assert line.startswith("| ")
-    sb.write("/run/sandbox/message", message)
-    script = ('cd "$1" && exec setpriv --reuid=%d --regid=%d --clear-groups /bin/sh -c "$2" '
-              '< /run/sandbox/message' % (POPUSER, POPUSER))
-    return sb.run_raw(["/bin/sh", "-c", script, "sh", ROOT + "/" + name, line[2:]]).rc
 
 
 def mailbox_size(sb, *options):
@@ -330,7 +262,7 @@ def test_delivered_mail_counts_in_the_mailbox_size(sb):
     add_mailbox(sb, "john")
     sb.write(ROOT + "/john/@attachments/part", "x" * 100)
     message = "Subject: hello\n\n" + "y" * 984  # 1000 bytes
-    assert deliver(sb, "john", message) == 0
+    assert sb.deliver(ROOT + "/john", message) == 0
     assert len(os.listdir(sb.path(ROOT + "/john/Maildir/new"))) == 1
 
     attachments = [sb.path(ROOT + "/john/@attachments"),
@@ -345,7 +277,7 @@ def test_delivery_over_the_stored_quota_is_refused(sb):
     add_mailbox(sb, "john")
     ok(sb, "--set-mailbox-disk-quota", "--domain-name=" + DOMAIN, "--mailname=john",
        "--disk-quota=0", "--default-domain-quota=-1")
-    assert deliver(sb, "john", "Subject: hello\n\nbody\n") == 77
+    assert sb.deliver(ROOT + "/john", "Subject: hello\n\nbody\n") == 77
     assert os.listdir(sb.path(ROOT + "/john/Maildir/new")) == []
 
 

@@ -1,18 +1,13 @@
 """The Debian package: built from the build tree with CPack, its contents
-checked, then installed, used and removed with dpkg in a sandbox.
-
-dpkg changes its database under /var/lib/dpkg and the system directories it
-installs into.  The sandbox holds private copies of exactly those (taken from
-the host, so that the dependencies are found installed and the host's other
-files stay in place), and dpkg runs at the real paths, with its maintainer
-scripts, as on a mail server; the host is never changed.  Two things of the
-host's dpkg set-up are left out: its local configuration (which may exclude
-paths, manual pages for one) and its stat overrides (which name groups that
-the sandbox's /etc/group does not have)."""
+checked, then installed, used and purged with dpkg at the real paths, with
+its maintainer scripts, in a sandbox that holds private copies of the dpkg
+database and the system directories it installs into (taken from the host,
+so that the dependencies are found installed).  The host's local dpkg
+configuration (which may exclude manual pages) and its stat overrides (which
+name groups the sandbox lacks) are left out."""
 
 import gzip
 import hashlib
-import json
 import os
 import re
 import shutil
@@ -22,6 +17,7 @@ import subprocess
 import pytest
 
 from sandbox import REPO, Sandbox
+from test_domain_commands import session
 
 BUILD = REPO / "build"
 VERSION = "0.1.0"
@@ -78,20 +74,8 @@ def test_package_fields_and_contents(deb):
     dirs = {p for p, (mode, _) in entries.items() if mode.startswith("d")}
     assert {p: m for p, m in entries.items() if p not in dirs} == \
         {p: (mode, "root/root") for p, (mode, _) in FILES.items()}
-    parents = {d for p in FILES for d in _ancestors(p)}
+    parents = {"/".join(p.split("/")[:i]) for p in FILES for i in range(2, p.count("/") + 1)}
     assert {d: entries[d] for d in dirs} == {d: ("drwxr-xr-x", "root/root") for d in parents}
-
-
-def _ancestors(path):
-    path = os.path.dirname(path)
-    while path != "/":
-        yield path
-        path = os.path.dirname(path)
-
-
-def _installed_content(sb, path):
-    data = sb.path(path).read_bytes()
-    return gzip.decompress(data) if path.endswith(".gz") else data
 
 
 def _host_state():
@@ -99,11 +83,6 @@ def _host_state():
     with open("/var/lib/dpkg/status", "rb") as f:
         status = hashlib.sha256(f.read()).hexdigest()
     return status, {d: sorted(os.listdir(d)) for d in SYSTEM_DIRS}
-
-
-def session(domain):
-    return json.dumps({"domain": {"name": domain, "dom_aliases": [], "maillists": [],
-                                  "mails": []}})
 
 
 def test_install_run_and_remove(deb):
@@ -133,16 +112,16 @@ def test_install_run_and_remove(deb):
         for path, (mode, source) in FILES.items():
             assert stat.filemode(sb.path(path).stat().st_mode) == mode, path
             if source:
-                assert _installed_content(sb, path) == (REPO / source).read_bytes(), path
+                data = sb.path(path).read_bytes()
+                assert (gzip.decompress(data) if path.endswith(".gz") else data) == \
+                    (REPO / source).read_bytes(), path
         assert sb.path(LOCK_DIR).stat().st_mode & 0o777 == 0o755
 
         # The installed programs prepare the host and then do their work.
-        r = sb.run_raw(["/usr/sbin/dravnik", "--help-commands"])
-        assert r.rc == 0 and "--add-domain" in r.out, r
         r = sb.run_raw(["/usr/sbin/dravnik-setup"])
         assert r.rc == 0, r
         r = sb.run_raw(["/usr/sbin/dravnik", "--add-domain", "--domain-name=example.com",
-                        "--wait-stdin"], stdin=session("example.com"))
+                        "--wait-stdin"], stdin=session())
         assert r.rc == 0, r
         assert sb.read("/var/qmail/control/rcpthosts").splitlines() == ["example.com"]
 

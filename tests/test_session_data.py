@@ -6,11 +6,10 @@ The data is observed through "--set-domain-disk-quota", which gives the
 domain's default quota to exactly the mail names that the session data
 lists: john is listed, mary never is."""
 
-import json
-
 import pytest
 
-DOMAIN = "example.com"
+from test_domain_commands import DOMAIN, add_domain, add_mailname, session
+
 READ_FAILURE = ("Fatal error: std::runtime_error(Failed to read and parse session mail "
                 "data from STDIN. See mail log for details.)\n")
 PROMPT = ("This command requires additional data to be passed via STDIN in JSON format.\n"
@@ -20,9 +19,7 @@ PROMPT = ("This command requires additional data to be passed via STDIN in JSON 
 QUOTA = ["--set-domain-disk-quota", "--domain-name=" + DOMAIN, "--disk-quota=1048576"]
 
 
-def document(mails):
-    return json.dumps({"domain": {"name": DOMAIN, "dom_aliases": [], "maillists": [],
-                                  "mails": [{"name": m, "aliases": []} for m in mails]}})
+JOHN = session(mails={"john": []})
 
 
 def maildirsize(sb, mailname):
@@ -33,31 +30,24 @@ def maildirsize(sb, mailname):
 @pytest.fixture
 def domain(mail_sandbox):
     """example.com with the mailboxes of john and mary, both unlimited."""
-    sb = mail_sandbox
-    assert sb.run("--add-domain", "--domain-name=" + DOMAIN, "--wait-stdin",
-                  stdin=document([])).rc == 0
+    add_domain(mail_sandbox)
     for name in ("john", "mary"):
-        r = sb.run("--add-mailname", "--domain-name=" + DOMAIN, "--mailname=" + name,
-                   "--disk-quota", "-1")
-        assert r.rc == 0, r
-    return sb
-
-
-UNLIMITED = (None, "0S,0C")
+        add_mailname(mail_sandbox, name)
+    return mail_sandbox
 
 
 def assert_only_john_limited(sb):
-    assert maildirsize(sb, "john") not in UNLIMITED
-    assert maildirsize(sb, "mary") in UNLIMITED
+    assert maildirsize(sb, "john") not in (None, "0S,0C")
+    assert maildirsize(sb, "mary") == "0S,0C"
 
 
 @pytest.mark.parametrize("extra, stdin", [
     (["--mail-addresses", "john"], None),
-    (["--wait-stdin"], document(["john"])),
+    (["--wait-stdin"], JOHN),
     # "--wait-stdin" ignores the command-line data.
-    (["--wait-stdin", "--mail-addresses", "mary"], document(["john"])),
+    (["--wait-stdin", "--mail-addresses", "mary"], JOHN),
     # Without options, data that is already waiting is read.
-    ([], document(["john"])),
+    ([], JOHN),
 ], ids=["options", "wait-stdin", "wait-stdin-wins", "probe"])
 def test_each_source_gives_the_mail_names(domain, extra, stdin):
     r = domain.run(*QUOTA, *extra, stdin=stdin)
@@ -66,7 +56,7 @@ def test_each_source_gives_the_mail_names(domain, extra, stdin):
 
 
 def test_a_terminal_is_asked_for_the_data(domain):
-    r = domain.run(*QUOTA, terminal=("Type ^D", document(["john"])))
+    r = domain.run(*QUOTA, terminal=("Type ^D", JOHN))
     assert r.rc == 0, r
     assert r.out.startswith(PROMPT), r.out
     assert_only_john_limited(domain)

@@ -1,14 +1,11 @@
 """A hostile mail user against the real program in the sandbox.
 
-popuser owns the domain's directory and everything in a mailbox, so it can
-replace a mailbox directory, Maildir, its tmp/, @attachments, .qmail,
-.qmail-default or maildirsize with a symbolic link to a system directory
-(here a decoy standing for /etc or /root, laid out so that a program that
-followed the link would find the names it writes). Root could likewise find
-a link where one of its lock files belongs. Each attack is followed by the
-commands that touch the planted name; they may fail, with a clear message,
-but nothing in the decoy may be created, written, truncated, chowned,
-chmodded or removed, nor read into a file the mail user can read."""
+popuser owns everything in a mailbox, so it can replace any name there with
+a symbolic link to a system directory (here a decoy standing for /etc or
+/root, laid out so that a program that followed the link would find the
+names it writes); root could likewise find a link at one of its lock files.
+The commands that touch the planted name may fail, with a clear message, but
+nothing in the decoy may change, nor be read into a file the user can read."""
 
 import hashlib
 import os
@@ -20,9 +17,8 @@ from pathlib import Path
 import pytest
 
 from sandbox import Sandbox
-from test_input_safety import add_domain, add_mailbox
+from test_domain_commands import DOMAIN, add_domain, add_mailbox
 
-DOMAIN = "example.com"
 HOME = "/var/qmail/mailnames/example.com/john"
 DECOY = "/var/lib/tavix/decoy"
 LOCK_DIR = "/run/lock/files"
@@ -122,7 +118,7 @@ def prepared():
         sb.init_databases()
         make_decoy(sb)
         add_domain(sb)
-        add_mailbox(sb, "john", password="secret")
+        add_mailbox(sb, "john")
         yield sb.root
 
 
