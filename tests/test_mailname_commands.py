@@ -135,12 +135,15 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
     # An alias: a second line into the mail name's directory.
     sb.write("/var/qmail/users/assign",
              assign_line("jd", "john") + "\n" + sb.read("/var/qmail/users/assign"))
+    # The copy a killed rename left; the next one tidies it away.
+    sb.write("/var/qmail/users/assign.mail.K1lled", "stale copy\n")
     r = ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
            "--new-mailname=jane", "-D", "--mail-addresses", "john", env=env)
     assert r.newu_calls == [[]]
     assign = sb.read("/var/qmail/users/assign").splitlines()
     assert assign_line("jane") in assign and assign_line("jd", "jane") in assign
     assert not any("/john:" in line for line in assign)
+    assert not sb.exists("/var/qmail/users/assign.mail.K1lled")
     assert not sb.exists(ROOT + "/john")
     assert sb.read(ROOT + "/jane/.qmail") == DELIVERY
     assert sb.path(ROOT + "/jane/Maildir/new").is_dir()

@@ -175,6 +175,9 @@ void make_popuser_dir(const char* mailname, const char* domain, const std::strin
 
 // --- ch_mailname ------------------------------------------------------------
 
+// The temporary files of the sed edits are "<path>.mail.XXXXXX".
+const char kSedTempInfix[] = ".mail.";
+
 // Filters `path` through "sed -e <expression>" into a fresh
 // "<path>.mail.XXXXXX" (mode 0644) that `*temp` holds, to be committed over
 // `path` or dropped. sed's result, or -1 with `*temp` left empty (no
@@ -186,7 +189,7 @@ int sed_into_temp(const std::string& path, const std::string& expression,
     tavix_log(3, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
     return -1;
   }
-  if (!temp->create(path, tavix::name_beside(path, ".mail.XXXXXX"),
+  if (!temp->create(path, tavix::name_beside(path, std::string(kSedTempInfix) + "XXXXXX"),
                     tavix::AtomicFile::Temp::kUnique, 0600) ||
       !temp->set_mode(0644)) {
     tavix_log(3, "Unable to create temporary file: %s", strerror(errno));
@@ -210,6 +213,12 @@ int repoint_aliases(const std::string& from, const std::string& to, int* sed_res
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
     return -1;
   }
+  // A run killed while its sed was writing left its temporary file behind,
+  // a copy of the whole file; under the lock none of them is in use.
+  int stale = tavix::remove_stale_temps(path.c_str(), kSedTempInfix);
+  if (stale > 0)
+    tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale,
+              path.c_str());
   tavix::AtomicFile temp;
   int result = sed_into_temp(
       path, "s|" + sed_regex_literal(from) + "$|" + sed_replacement_literal(to) + "|g",

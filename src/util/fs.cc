@@ -426,6 +426,39 @@ int rm_tree(const char* path, int remove_top) {
   return 0;
 }
 
+namespace tavix {
+
+int remove_stale_temps(const char* path, const char* infix) {
+  PathParent parent;
+  if (!open_parent_nofollow(path, &parent))
+    return -1;
+  const std::string prefix = parent.name + infix;
+  const size_t length = prefix.size() + 6;  // "XXXXXX" filled in
+  // The stream takes a descriptor of its own; `parent.dir` stays ours.
+  DirStream dir(open_dir_at(parent.dir.get(), "."));
+  if (!dir.get())
+    return -1;
+  int removed = 0;
+  bool ok = for_each_entry(dir, [&](int dir_fd, const char* entry) {
+    if (strlen(entry) != length || strncmp(entry, prefix.c_str(), prefix.size()) != 0)
+      return true;
+    if (unlinkat(dir_fd, entry, 0) == 0)
+      ++removed;
+    else if (errno != ENOENT)
+      return false;
+    return true;
+  });
+  int saved = errno;
+  if (dir.close() != 0 || !ok) {
+    if (!ok)
+      errno = saved;
+    return -1;
+  }
+  return removed;
+}
+
+}  // namespace tavix
+
 long long get_dir_size(const char* path, int in_blocks) {
   struct stat st;
   if (lstat(path, &st) != 0) {

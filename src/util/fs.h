@@ -134,6 +134,14 @@ int unlink_nofollow(const char* path);
 int chown_nofollow(const char* path, uid_t uid, gid_t gid);
 int chmod_nofollow(const char* path, mode_t mode);
 
+// Removes the entries beside `path` named "<name of path><infix>" and six
+// more characters, what mkstemp() makes of a "<path><infix>XXXXXX"
+// template: the temporary files of runs killed before their rename. Only
+// for a caller holding the lock under which every such file is written, so
+// that none of them belongs to a living run. Returns how many were removed,
+// or -1 with errno set.
+int remove_stale_temps(const char* path, const char* infix);
+
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
 };

@@ -150,6 +150,25 @@ TEST(RenameDir, MovesButNeverOverAnExistingTarget) {
   }
 }
 
+// Only what mkstemp() made of "<name><infix>XXXXXX" goes; a planted link
+// goes as a link, its target stays.
+TEST(RemoveStaleTemps, RemovesExactlyTheTemplatesNames) {
+  TempDir tmp;
+  const std::string keep[] = {"assign", "assign.mail.12345", "assign.mail.1234567",
+                              "assign.tmp", "other.mail.abc123", "target"};
+  for (const std::string& name : keep)
+    write_file(tmp.path(name), name);
+  write_file(tmp.path("assign.mail.abc123"), "stale");
+  MakeLink(tmp.path("target"), tmp.path("assign.mail.XyZ789"));
+
+  EXPECT_EQ(2, tavix::remove_stale_temps(tmp.path("assign").c_str(), ".mail."));
+  EXPECT_FALSE(Exists(tmp.path("assign.mail.abc123")));
+  EXPECT_FALSE(Exists(tmp.path("assign.mail.XyZ789")));
+  for (const std::string& name : keep)
+    EXPECT_EQ(name, read_file(tmp.path(name)));
+  EXPECT_EQ(-1, tavix::remove_stale_temps(tmp.path("missing/assign").c_str(), ".mail."));
+}
+
 TEST(GetStreamContents, ReadsWholeStreamsOfEverySize) {
   for (size_t size : {0, 1023, 1024, 2047, 5000, 70000}) {
     SCOPED_TRACE(size);
