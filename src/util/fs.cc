@@ -448,13 +448,13 @@ int remove_stale_temps(const char* path, const char* infix) {
       return false;
     return true;
   });
-  int saved = errno;
-  if (dir.close() != 0 || !ok) {
-    if (!ok)
-      errno = saved;
+  if (!ok) {
+    int saved = errno;  // closing must not hide why the walk stopped
+    dir.close();
+    errno = saved;
     return -1;
   }
-  return removed;
+  return dir.close() == 0 ? removed : -1;
 }
 
 }  // namespace tavix
