@@ -2,7 +2,7 @@
 """How long dravnik's edits of users/assign take on a large mail server,
 next to the least any rewrite of that file costs.
 
-For each size N the script builds a private mail server (tests/sandbox.py)
+For each size N the script builds a private mail server (scripts/sandbox.py)
 with N mail names over N/10 domains, each with a mailbox, an authentication
 record and the full mailbox tree, and then times, inside the sandbox, each
 command that edits users/assign side by side with:
@@ -58,7 +58,7 @@ from pathlib import Path
 BENCH_DIR = Path(__file__).resolve().parent
 REPO = BENCH_DIR.parent
 sys.dont_write_bytecode = True   # nothing may be written into the work tree
-sys.path.insert(0, str(REPO / "tests"))
+sys.path.insert(0, str(REPO / "scripts"))
 import sandbox as sandbox_module  # noqa: E402
 from sandbox import (AUTH_DB, POPUSER_GID, POPUSER_UID, RECORD_DIR,  # noqa: E402
                      STANDINS, Sandbox, SandboxError)

@@ -6,10 +6,16 @@ host's own /var/qmail, /etc/zon, ... are exactly as they were before the
 session, so that a leak out of the sandbox fails loudly."""
 
 import os
+import sys
+from pathlib import Path
 
 import pytest
 
-import sandbox as sandbox_module
+# The sandbox is a tool of the package (scripts/), shared with the demo and
+# the benchmarks.
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "scripts"))
+
+import sandbox as sandbox_module  # noqa: E402
 
 
 def pytest_configure(config):

@@ -10,7 +10,7 @@ created on the host outside the sandbox's own directory: where a private
 path has no mount point on the host, the directory that would hold it is
 replaced by a tmpfs in which the host's other entries are bound again.
 
-qmail itself is played by small stand-ins (tests/standins): qmail-newu checks
+qmail itself is played by small stand-ins (scripts/standins): qmail-newu checks
 users/assign and records its calls, the init script records its arguments,
 and a process named qmail-send counts the SIGHUPs it receives.
 
@@ -23,8 +23,8 @@ Library use (stdlib only):
 
 Command-line use:
 
-    python3 tests/sandbox.py [--dir DIR] [--keep] -- <dravnik args>
-    python3 tests/sandbox.py --dir DIR --shell
+    python3 scripts/sandbox.py [--dir DIR] [--keep] -- <dravnik args>
+    python3 scripts/sandbox.py --dir DIR --shell
 """
 
 import argparse
@@ -45,9 +45,9 @@ import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
-TESTS_DIR = Path(__file__).resolve().parent
-REPO = TESTS_DIR.parent
-STANDINS = TESTS_DIR / "standins"
+SCRIPTS_DIR = Path(__file__).resolve().parent
+REPO = SCRIPTS_DIR.parent
+STANDINS = SCRIPTS_DIR / "standins"
 DEFAULT_DRAVNIK = REPO / "build" / "src" / "main" / "dravnik"
 
 BWRAP = "/usr/bin/bwrap"
