@@ -11,7 +11,7 @@ path has no mount point on the host, the directory that would hold it is
 replaced by a tmpfs in which the host's other entries are bound again.
 
 qmail itself is played by small stand-ins (scripts/standins): qmail-newu checks
-users/assign and records its calls, the init script records its arguments,
+users/assign, compiles it into users/cdb and records its calls, the init script records its arguments,
 and a process named qmail-send counts the SIGHUPs it receives.
 
 Library use (stdlib only):
@@ -62,6 +62,7 @@ LOG_DIR = RECORD_DIR + "/log"
 HUP_LOG = LOG_DIR + "/hups"
 NEWU_LOG = LOG_DIR + "/qmail-newu.calls"
 INIT_LOG = LOG_DIR + "/init.calls"
+NEWU_PAUSE = RECORD_DIR + "/newu-pause"   # read by the qmail-newu stand-in
 AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
 
 # Every path the program may change or whose content a test sets up.  Each
@@ -501,6 +502,15 @@ class Sandbox:
 
     def hostname(self):
         return self.read("/etc/hostname").strip()
+
+    def set_newu_pause(self, seconds):
+        """Makes every later qmail-newu wait `seconds` between writing
+        users/cdb.tmp and renaming it (0 for no wait), so that a test can
+        make compiles overlap on purpose."""
+        if seconds:
+            self.write(NEWU_PAUSE, "%g\n" % seconds)
+        elif self.exists(NEWU_PAUSE):
+            self.path(NEWU_PAUSE).unlink()
 
     def hide(self, path):
         """Leave a host path out of the sandbox (for example a delivery agent,

@@ -3,9 +3,13 @@ tests count (a broken one would let "nothing happened" pass), and qmail-newu
 must reject a malformed users/assign.  (Every test's fixture checks that the
 host stayed as it was.)"""
 
+import runpy
+
 import pytest
 
-from sandbox import Sandbox, changed_files
+from sandbox import STANDINS, Sandbox, changed_files
+
+compiled = runpy.run_path(str(STANDINS / "qmail-newu"))["compiled"]
 
 
 def test_hangups_and_init_script_runs_are_counted_per_run(sandbox):
@@ -41,9 +45,37 @@ def test_qmail_newu_checks_assign_format(sandbox, assign, problem):
     assert r.newu_calls == [[]], r
     if problem is None:
         assert (r.rc, r.err) == (0, ""), r
+        assert sandbox.path("/var/qmail/users/cdb").read_bytes() == compiled(assign)
+        assert not sandbox.exists("/var/qmail/users/cdb.tmp")
     else:
         assert r.rc == 111, r
         assert r.err.startswith("qmail-newu: fatal: ") and problem in r.err, r
+        assert not sandbox.exists("/var/qmail/users/cdb")
+
+
+def test_qmail_newu_compiles_what_it_read():
+    # A stale database must differ from a current one, line order included.
+    assert len({compiled(".\n"), compiled(GOOD_ASSIGN),
+                compiled("".join(reversed(GOOD_ASSIGN.splitlines(True)[:2])) + ".\n")}) == 3
+
+
+NEWU = "/var/qmail/bin/qmail-newu"
+
+
+@pytest.mark.parametrize("script, message", [
+    # A directory in the way of the temporary file, or of the database.
+    ("mkdir users/cdb.tmp; %s" % NEWU, "unable to write users/cdb.tmp"),
+    ("mkdir -p users/cdb/x; %s" % NEWU, "unable to move users/cdb.tmp to users/cdb"),
+    # Two compiles at once: the later one truncates and rewrites the
+    # users/cdb.tmp that the earlier one renames; its own rename finds none.
+    ("%s & sleep 0.3; %s; s=$?; wait $!; exit $s" % (NEWU, NEWU),
+     "unable to move users/cdb.tmp to users/cdb"),
+], ids=["tmp-unwritable", "cdb-in-the-way", "overlap"])
+def test_qmail_newu_fails_as_the_real_one(sandbox, script, message):
+    sandbox.write("/var/qmail/users/assign", GOOD_ASSIGN)
+    sandbox.set_newu_pause(0.8)
+    r = sandbox.run_raw(["/bin/sh", "-c", "cd /var/qmail && " + script])
+    assert r.rc == 111 and r.err.startswith("qmail-newu: fatal: " + message), r
 
 
 def test_exit_status_and_signal(sandbox):
