@@ -144,6 +144,37 @@ def test_add_domain(mail_sandbox, quota):
     assert lines(sb, "control/rejectnonexist") == []
 
 
+# A fatal failure of an add names its own cause, not a step of the clean-up
+# that follows it (which fails too, for the same reason), and leaves no
+# half-added domain behind.
+CLEANUP_MESSAGES = ("error while deleting from file assign",
+                    "Unable to remove domain from virtualdomains file",
+                    "Unable to remove domain mailbox record from assign file")
+
+
+@pytest.mark.parametrize("broken, message", [
+    ("users/assign", "Unable to add default string to assign file for mail domain"),
+    ("control/rcpthosts", "Unable to add domain record to rcpthosts."),
+    ("control/virtualdomains", "Unable to add record to virtualdomains."),
+])
+def test_failed_add_domain_names_the_first_cause(mail_sandbox, broken, message):
+    sb = mail_sandbox
+    path = sb.path("/var/qmail/" + broken)
+    if broken == "users/assign":
+        path.unlink()
+    else:  # a directory in its place: neither readable as lines nor replaceable
+        path.unlink(missing_ok=True)
+        path.mkdir()
+    r = sb.run("--add-domain", "--domain-name=example.com", "--wait-stdin", stdin=session())
+    assert r.rc == 1, r
+    last = [l for l in r.out.splitlines() if l and not l.startswith("System error")][-1]
+    assert last == message, r.out
+    assert not [m for m in CLEANUP_MESSAGES if m in r.out], r.out
+    assert not sb.exists("/var/qmail/mailnames/example.com")
+    for name, line in (("users/assign", WILDCARD), ("control/rcpthosts", "example.com")):
+        assert name == broken or line not in lines(sb, name)
+
+
 def test_remove_domain_with_its_alias_records_and_handlers(mail_sandbox):
     sb = mail_sandbox
     add_domain(sb)

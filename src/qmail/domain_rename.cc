@@ -18,6 +18,7 @@
 #include "handlers/handler_ops.h"
 #include "mailauth/auth_db.h"
 #include "mailauth/auth_records.h"
+#include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "qmail/qmail_control.h"
 #include "qmail/sed_edit.h"
@@ -82,6 +83,17 @@ void sed(const std::string& expression, const std::string& path) {
   run_sed_cmd(expression.c_str(), path.c_str());
 }
 
+// The lock of a file for the sed edits of a rename: the line editor of a
+// concurrent run takes the same lock and writes the same "<path>.tmp". When
+// it cannot be had the edits still run, as every other edit of the file
+// fails meanwhile and the moved directory must not be left unnamed.
+lock_handle* lock_for_sed(const std::string& path) {
+  lock_handle* handle = mk_lock(path.c_str(), 1);
+  if (!is_locked(handle))
+    tavix_log(LOG_ERR, "Error occurred while locking %s file", path.c_str());
+  return handle;
+}
+
 void set_root_file(const std::string& path) { file_set_perms(path.c_str(), 0, 0, 0644); }
 
 int move_mail_dir(const std::string& old_domain, const std::string& new_domain) {
@@ -118,6 +130,8 @@ void rename_in_rcpthosts_and_locals(const std::string& old_domain,
                                     const std::string& new_domain) {
   std::string rcpthosts = qmail_file("/control/rcpthosts");
   std::string locals = qmail_file("/control/locals");
+  tavix::ScopedLock rcpthosts_lock(lock_for_sed(rcpthosts));
+  tavix::ScopedLock locals_lock(lock_for_sed(locals));
   char host[65];
   if (get_hostname_fqdn(host, sizeof(host)) != 0) {
     sed(whole_line(old_domain, new_domain), rcpthosts);
@@ -137,6 +151,7 @@ void rename_in_rcpthosts_and_locals(const std::string& old_domain,
 
 void rename_in_virtualdomains(const std::string& old_domain, const std::string& new_domain) {
   std::string path = qmail_file("/control/virtualdomains");
+  tavix::ScopedLock lock(lock_for_sed(path));
   std::string from = sed_regex_literal(old_domain);
   std::string to = sed_replacement_literal(new_domain);
   sed(substitute("^" + from + ":", to + ":"), path);  // the domain and its prefix
@@ -149,6 +164,7 @@ void rename_in_virtualdomains(const std::string& old_domain, const std::string& 
 // prefix on purpose: only its home moves.
 void rename_in_assign(const std::string& old_domain, const std::string& new_domain) {
   std::string path = qmail_file("/users/assign");
+  tavix::ScopedLock lock(lock_for_sed(path));
   std::string old_dir = mailnames_root() + "/" + old_domain;
   std::string new_dir = mailnames_root() + "/" + new_domain;
   sed(substitute(sed_regex_literal(old_dir + "/"), sed_replacement_literal(new_dir + "/")),
@@ -165,6 +181,7 @@ void rename_in_rejectnonexist(const std::string& old_domain, const std::string& 
   std::string path = qmail_file("/control/rejectnonexist");
   if (!path_exists(path))
     return;
+  tavix::ScopedLock lock(lock_for_sed(path));
   sed(whole_line(old_domain, new_domain), path);
   set_root_file(path);
 }

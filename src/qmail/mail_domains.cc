@@ -86,9 +86,57 @@ int get_mail_user(uid_t* uid, gid_t* gid) {
   return 0;
 }
 
-// Undo of a partly added domain, then the end of the run.
+// How the removal of a domain treats a failed step: a removal asked for
+// ends the run where the files would be left inconsistent; the undo of a
+// partly added domain does all it can and only logs, because the operator
+// must be told why the add failed, not which piece of its clean-up did.
+enum class Removal { kRequested, kUndo };
+
+// A failed step of a removal: reported (and, when `fatal`, ending the run)
+// for a requested removal, only logged for an undo.
+void removal_failed(Removal mode, bool fatal, const char* message) {
+  if (mode == Removal::kUndo)
+    tavix_log(4, "Undoing a partly added domain: %s", message);
+  else
+    messlog2(fatal ? 1 : 0, 0, "%s", message);
+}
+
+int remove_mail_dom(const char* domain, Removal mode) {
+  if (is_empty(domain))
+    messlog2(1, 0, "empty maildomain");
+  std::string name = qmail_form_or_die(domain, true);
+  uid_t uid = tavix_ugid(kMailUser, 0);
+  gid_t gid = tavix_ugid(kMailUser, 1);
+
+  if (remove_line(rcpthosts(), name) != 0)
+    removal_failed(mode, false, "Unable to remove domain from rcpthosts file");
+  if (remove_line(virtualdomains(), virtualdomains_line(name, name)) != 0)
+    removal_failed(mode, true, "Unable to remove domain from virtualdomains file");
+  if (mailAuthRemoveDomain(domain) != 0 && mode == Removal::kRequested)
+    return -1;
+
+  // The mail names' lines all point into the domain's directory.
+  std::string dir = domain_dir(name);
+  std::string inside = dir + "/";
+  if (file_str(assign().c_str(), inside.c_str(), kLinesRemoveBy, kMatchSubstring) != 0)
+    removal_failed(mode, true, "error while deleting from file assign");
+  rm_tree(dir.c_str(), 1);
+  if (remove_line(assign(), assign_line(name, uid, gid)) != 0)
+    removal_failed(mode, true, "Unable to remove domain mailbox record from assign file");
+  return 0;
+}
+
+// Takes away what a failed add made, keeping errno for the report of the
+// failure that made the add fail.
+void undo_add(const char* domain) {
+  int const saved_errno = errno;
+  remove_mail_dom(domain, Removal::kUndo);
+  errno = saved_errno;
+}
+
+// Undo of a partly added domain, then the end of the run with `message`.
 [[noreturn]] void undo_and_die(const char* domain, const char* message) {
-  rm_mail_dom(domain);
+  undo_add(domain);
   messlog2(1, 0, "%s", message);
   _exit(1);  // not reached: messlog2 with a status ends the process
 }
@@ -144,20 +192,18 @@ int add_mail_dom(const char* domain) {
   if (get_mail_user(&uid, &gid) != 0)
     return -1;
   if (mail_create_domain_root_internal(name.c_str(), uid, gid) != 0) {
-    rm_mail_dom(domain);
+    undo_add(domain);
     return -1;
   }
 
   // Prepended: qmail-newu needs the file's final "." line to stay last.
   // Taken out and put back in one rewrite of the file, which holds every
   // mail name of the server; a failed pass has neither taken it out nor
-  // added it, and both are reported.
+  // added it, and what stopped it is the add that failed.
   std::string line = assign_line(name, uid, gid);
   const char* const lines[] = {line.c_str(), nullptr};
-  if (file_remove_prepend(assign().c_str(), lines, lines) != 0) {
-    messlog2(0, 0, "Unable to remove domain record from assign file");
+  if (file_remove_prepend(assign().c_str(), lines, lines) != 0)
     undo_and_die(domain, "Unable to add default string to assign file for mail domain");
-  }
   tavix::chmod_nofollow(assign().c_str(), 0644);  // qmail reads it as another user
 
   if (put_line_once(rcpthosts(), name, "Unable to remove domain record from rcpthosts file") != 0)
@@ -204,28 +250,7 @@ int on_mail_dom(const char* domain) {
 }
 
 int rm_mail_dom(const char* domain) {
-  if (is_empty(domain))
-    messlog2(1, 0, "empty maildomain");
-  std::string name = qmail_form_or_die(domain, true);
-  uid_t uid = tavix_ugid(kMailUser, 0);
-  gid_t gid = tavix_ugid(kMailUser, 1);
-
-  if (remove_line(rcpthosts(), name) != 0)
-    messlog2(0, 0, "Unable to remove domain from rcpthosts file");
-  if (remove_line(virtualdomains(), virtualdomains_line(name, name)) != 0)
-    messlog2(1, 0, "Unable to remove domain from virtualdomains file");
-  if (mailAuthRemoveDomain(domain) != 0)
-    return -1;
-
-  // The mail names' lines all point into the domain's directory.
-  std::string dir = domain_dir(name);
-  std::string inside = dir + "/";
-  if (file_str(assign().c_str(), inside.c_str(), kLinesRemoveBy, kMatchSubstring) != 0)
-    messlog2(1, 0, "error while deleting from file assign");
-  rm_tree(dir.c_str(), 1);
-  if (remove_line(assign(), assign_line(name, uid, gid)) != 0)
-    messlog2(1, 0, "Unable to remove domain mailbox record from assign file");
-  return 0;
+  return remove_mail_dom(domain, Removal::kRequested);
 }
 
 int add_domain_alias(const char* domain, const char* alias) {

@@ -3,9 +3,11 @@
 #include <csignal>
 #include <string>
 
+#include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "util/account.h"
 #include "util/exec.h"
+#include "util/log.h"
 
 namespace {
 
@@ -13,7 +15,20 @@ const char kInitScript[] = "/etc/rc.d/init.d/qmail";
 
 }  // namespace
 
+// qmail-newu always writes the same users/cdb.tmp and renames it over
+// users/cdb: two compiles at once trample each other, and a compile that
+// read users/assign before another run's edit could finish after that run's
+// own compile and leave a users/cdb older than the file. Under the lock of
+// users/assign, the one every edit of the file holds, compiles take turns
+// and each reads a whole, current file; as every run compiles after its
+// edits, the last compile comes after the last edit.
 int run_qmail_newu() {
+  std::string assign = tavix::qmail::qmail_file("/users/assign");
+  tavix::ScopedLock lock(mk_lock(assign.c_str(), 1));
+  if (!lock.locked()) {
+    tavix_log(3, "Error occurred while locking %s file", assign.c_str());
+    return -1;
+  }
   std::string newu = tavix::qmail::qmail_file("/bin/qmail-newu");
   return path_exec(newu.c_str(), static_cast<char*>(nullptr));
 }
