@@ -71,32 +71,5 @@ TEST(HandlerListTest, HoldsCopiesNewestFirst) {
   }
 }
 
-// Fixing the permissions needs root and the group popuser: with both the
-// database ends up root:popuser 0640; without the group none is left.
-TEST(HandlersDBTest, CreateGivesTheDatabaseToPopuserOrRemovesIt) {
-  LogRecorder log;
-  const struct group* popuser = getgrnam("popuser");
-  if (popuser && geteuid() != 0)
-    GTEST_SKIP() << "changing the group needs root";
-  TempDir dir;
-  std::string path = dir.path("handlers/handlers.db");
-  const char* saved = mh_db_path;
-  mh_db_path_set(path.c_str());
-  int result = mh_db_create();
-  mh_db_path_set(saved);
-
-  struct stat st = {};
-  if (!popuser) {
-    EXPECT_EQ(-1, result);
-    EXPECT_TRUE(LogRecorder::Has(LOG_CRIT, "Unable to get mail handlers group uid"));
-    EXPECT_NE(0, stat(path.c_str(), &st)) << "a database without its permissions was left";
-    return;
-  }
-  ASSERT_EQ(0, result);
-  ASSERT_EQ(0, stat(path.c_str(), &st));
-  EXPECT_EQ(0u, st.st_uid);
-  EXPECT_EQ(popuser->gr_gid, st.st_gid);
-  EXPECT_EQ(0640u, st.st_mode & 07777);
-}
 
 }  // namespace

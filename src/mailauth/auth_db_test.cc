@@ -51,43 +51,6 @@ class AuthDBTest : public testing::Test {
   LogRecorder log_;
 };
 
-// Each style gives database, directory and key their own owners and modes;
-// initialising again starts with empty tables and a new key.
-TEST_F(AuthDBTest, InitStyleCreatesDatabaseAndKeyWithTheirAccess) {
-  const gid_t nofiles = NofilesGroup();
-  const struct {
-    int style;
-    const char* db;
-    const char* key;
-    Attributes db_attr, dir_attr, key_attr;
-  } cases[] = {
-      {0, kQmailDB, kQmailKey, {0, nofiles, 0640}, {0, nofiles, 0750}, {0, nofiles, 0440}},
-      // Any other style keeps the paths it finds.
-      {7, "/var/lib/tavix/other/passwd.db", "/var/lib/tavix/other/passwd_db_key",
-       {0, 0, 0600}, {0, 0, 0750}, {0, 0, 0400}},
-  };
-  for (const auto& c : cases) {
-    mailAuthDBSetPath(c.db);
-    mailAuthKeySetPath(c.key);
-    ASSERT_EQ(0, mailAuthDBInitStyle(c.style)) << c.style;
-    ASSERT_EQ(0, mailAuthSet("john", "example.com", "secret", 0));
-    const std::string old_key = read_file(c.key);
-    ASSERT_EQ(0, mailAuthDBInitStyle(c.style)) << c.style;
-    EXPECT_STREQ(c.db, mailAuthDB);
-    EXPECT_STREQ(c.key, mailAuthKey);
-
-    std::string dir(c.db);
-    dir.erase(dir.rfind('/'));
-    EXPECT_EQ(c.db_attr, AttributesOf(c.db)) << c.style;
-    EXPECT_EQ(c.dir_attr, AttributesOf(dir)) << c.style;
-    EXPECT_EQ(c.key_attr, AttributesOf(c.key)) << c.style;
-    EXPECT_EQ(32u, read_file(c.key).size());
-    EXPECT_NE(old_key, read_file(c.key));
-    EXPECT_EQ((Rows{{"domains", "0"}, {"users", "0"}}),
-              QueryRows(c.db, "SELECT 'domains', count(*) FROM domains "
-                              "UNION ALL SELECT 'users', count(*) FROM users"));
-  }
-}
 
 // Style 0 and 1 have paths of their own; any other keeps the paths set.
 TEST_F(AuthDBTest, StylesSelectPaths) {

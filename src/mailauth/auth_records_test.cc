@@ -77,103 +77,10 @@ class AuthRecordsTest : public testing::Test {
   const char* const saved_key_ = mailAuthKey;
 };
 
-// A password for a user of an unknown domain registers the domain first,
-// disabled only when asked; an existing domain keeps its state. Names are
-// stored in lower case.
-TEST_F(AuthRecordsTest, SettingAUserRegistersItsDomain) {
-  const int kNone = -1;
-  const struct {
-    int earlier;  // flags of another user set before, or kNone
-    uint8_t flags;
-    const char* domain_status;
-    const char* user_status;
-  } cases[] = {{kNone, kRaw | kUserOff | kDomainOff, "1", "1"},
-               {kRaw | kDomainOff, kRaw, "1", "0"},
-               {kRaw, kRaw | kDomainOff, "0", "0"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.earlier << " " << int(c.flags));
-    Reset();
-    if (c.earlier != kNone) {
-      ASSERT_EQ(0, mailAuthSetRaw("a", "example.com", "x", c.earlier));
-    }
-    ASSERT_EQ(0, mailAuthSetRaw("John", "Example.COM", "secret", c.flags));
-    EXPECT_EQ((Rows{{"example.com", c.domain_status}}), Domains());
-    EXPECT_EQ((Row{"example.com", "john", kNull, "secret", c.user_status}), Users().back());
-  }
-}
 
-// The two password columns replace each other: a row never carries both.
-TEST_F(AuthRecordsTest, RawAndEncryptedPasswordsReplaceEachOther) {
-  for (const char* password : {"secret", "again"}) {
-    ASSERT_EQ(0, mailAuthSet("john", "example.com", password, 0));
-    const Rows users = Users();
-    ASSERT_EQ(1u, users.size());
-    EXPECT_EQ(0u, users[0][2].rfind(kEncryptedPrefix, 0)) << users[0][2];
-    EXPECT_EQ(kNull, users[0][3]);
 
-    ASSERT_EQ(0, mailAuthSet("john", "example.com", "plain", kRaw));
-    EXPECT_EQ((Rows{{"example.com", "john", kNull, "plain", "0"}}), Users());
-  }
-}
 
-// A clone copies the stored text unchanged (an encrypted password stays
-// encrypted) and gives a target domain it registers the source's state.
-TEST_F(AuthRecordsTest, CloneCopiesTheStoredRecord) {
-  const struct {
-    uint8_t flags;
-    bool disable_domain;
-  } cases[] = {{0, false}, {kRaw | kUserOff, true}};
-  for (const auto& c : cases) {
-    Reset();
-    ASSERT_EQ(0, mailAuthSet("john", "old.test", "secret", c.flags));
-    if (c.disable_domain) {
-      ASSERT_EQ(0, mailAuthDisableDomain("old.test"));
-    }
-    const Row source = Users().at(0);
 
-    ASSERT_EQ(0, mailAuthClone("john", "old.test", "jack", "new.test"));
-
-    const char* status = c.disable_domain ? "1" : "0";
-    EXPECT_EQ((Rows{{"new.test", status}, {"old.test", status}}), Domains());
-    EXPECT_EQ((Rows{{"new.test", "jack", source[2], source[3], source[4]}, source}), Users())
-        << int(c.flags);
-  }
-  // An unknown source does nothing.
-  EXPECT_EQ(0, mailAuthClone("nobody", "old.test", "jill", "new.test"));
-  EXPECT_EQ(0, mailAuthClone("john", "unknown.test", "jill", "other.test"));
-  EXPECT_EQ(2u, Domains().size());
-  EXPECT_EQ(2u, Users().size());
-}
-
-// Removal never registers a domain; removing a domain takes its users along.
-TEST_F(AuthRecordsTest, RemovingUsersAndDomains) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
-  ASSERT_EQ(0, mailAuthSetRaw("a", "gone.test", "x", kRaw));
-  EXPECT_EQ(0, mailAuthRemove("john", "nowhere.test"));
-  EXPECT_EQ(0, mailAuthRemove("nobody", "example.com"));
-  EXPECT_EQ(0, mailAuthRemoveDomain("GONE.test"));
-  EXPECT_EQ((Rows{{"example.com", "john", kNull, "x", "0"}}), Users());
-  EXPECT_EQ((Rows{{"example.com", "0"}}), Domains());
-  EXPECT_TRUE(QueryRows(db_, "SELECT * FROM users WHERE dom_id NOT IN "
-                             "(SELECT id FROM domains)").empty());
-}
-
-// Names are matched in any case; an unknown domain's status is no error.
-TEST_F(AuthRecordsTest, RenamingAndDomainStatus) {
-  ASSERT_EQ(0, mailAuthSetRaw("john", "example.com", "x", kRaw));
-  EXPECT_EQ(0, mailAuthRename("JOHN", "Jack", "example.com"));
-  EXPECT_EQ(0, mailAuthRename("nobody", "someone", "example.com"));  // nothing to rename
-  EXPECT_EQ(-1, mailAuthRename("jack", "john", "nowhere.test"));
-  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "No such domain 'nowhere.test' in the mail "
-                                        "authentication DB"));
-  EXPECT_EQ(0, mailAuthDisableDomain("EXAMPLE.com"));
-  EXPECT_EQ(0, mailAuthDisableDomain("unknown.test"));
-  EXPECT_EQ(0, mailAuthRenameDomain("example.com", "New.Example"));
-  EXPECT_EQ((Rows{{"new.example", "1"}}), Domains());
-  EXPECT_EQ((Rows{{"new.example", "jack", kNull, "x", "0"}}), Users());
-  EXPECT_EQ(0, mailAuthEnableDomain("new.example"));
-  EXPECT_EQ((Rows{{"new.example", "0"}}), Domains());
-}
 
 // Users stored out of order, one without a password; b.test is disabled.
 // The callback sees the usable password (an encrypted one decrypted) and

@@ -191,21 +191,6 @@ class PasswdCipherOpTest : public CipherTest {
   const std::string key_ = WriteKey("passwd_db_key", TestKey());
 };
 
-TEST_F(PasswdCipherOpTest, EachCallHoldsItsOwnReference) {
-  const std::string text = Take(mailPasswdCipherOp("password", 1, "john", "example.com"));
-  ASSERT_TRUE(is_encrypted_with_mail_aes(text.c_str())) << text;
-  // The call let its reference go: no context is left behind.
-  EXPECT_EQ(Take(mail_aes_encrypt("password")), "<null>");
-
-  // A caller's own reference outlives the calls.
-  ASSERT_EQ(mailPasswdCipherInit(), 0);
-  EXPECT_EQ(Take(mailPasswdCipherOp(text.c_str(), 0, "john", "example.com")), "password");
-  EXPECT_EQ(Take(mail_aes_decrypt(text.c_str())), "password");
-  mailPasswdCipherCleanup();
-  EXPECT_EQ(Take(mail_aes_encrypt("password")), "<null>");
-  EXPECT_EQ(Take(mailPasswdCipherOp("password", 2, "john", "example.com")), "<null>");
-}
-
 TEST_F(PasswdCipherOpTest, FailuresNameTheMailAddress) {
   EXPECT_EQ(Take(mailPasswdCipherOp("no prefix", 0, "john", "example.com")), "<null>");
   EXPECT_TRUE(LogRecorder::Has(LOG_ERR,

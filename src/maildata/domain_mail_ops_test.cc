@@ -122,48 +122,6 @@ TEST_F(DomainMailOpsTest, LookupsAnswerFromTheSessionOnly) {
   }
 }
 
-// Without session data only the domain's own record is written or removed.
-TEST_F(DomainMailOpsTest, WalksWithoutAliasesOrData) {
-  const struct {
-    const char* document;
-    std::function<int()> op;
-    int result;
-    Names records;
-    const char* logged;
-    bool op_removes = false;
-  } cases[] = {
-      {kNoDomainAliases,
-       [] { return set_passwd_for_domains("info", "example.com", "pw", kRawUserOff); }, 0,
-       {"info@example.com"}, nullptr},
-      {kNoDomainAliases,
-       [] { return set_mass_postbox_passwd("info", "example.com", "pw", kRawUserOff); }, 1,
-       {"info@example.com", "office@example.com"}, nullptr},
-      {nullptr, [] { return set_mass_postbox_passwd("info", "example.com", "pw", kRawUserOff); },
-       -1, {"info@example.com"}, "Unable to get domain aliases for domain example.com"},
-      {nullptr, [] { return rm_mails_from_domains("info", "example.com"); }, -1,
-       {"info@alias.net", "office@alias.net", "sales@alias.net", "info@alias.org",
-        "office@alias.org", "sales@alias.org", "office@example.com", "sales@example.com"},
-       "Unable to remove mailname from domain aliases", true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.records.back());
-    ASSERT_EQ(0, mailAuthDBInit());
-    if (c.op_removes) {  // info's records everywhere to remove
-      UseSession(kDomain);
-      ASSERT_EQ(1, set_mass_postbox_passwd("info", "example.com", "pw", kRawUserOff));
-    }
-    UseSession(c.document);
-    EXPECT_EQ(c.result, c.op());
-    EXPECT_EQ(c.records, Records());
-    if (c.logged) {
-      EXPECT_TRUE(LogRecorder::Has(LOG_ERR, c.logged));
-    }
-    // Every copy carries the password and flags as given.
-    EXPECT_EQ((Rows{{"pw", "<NULL>", "1"}}),
-              QueryRows(db_, "SELECT DISTINCT cmusaslsecretPLAIN, "
-                             "coalesce(userPassword, '<NULL>'), status FROM users"));
-  }
-}
 
 TEST_F(DomainMailOpsTest, AuthFailuresAreReported) {
   UseSession(kDomain);
@@ -186,41 +144,7 @@ TEST_F(DomainMailOpsTest, AuthFailuresAreReported) {
   }
 }
 
-// Existing records are copied as stored, flags and encrypted text alike, and
-// the new domain takes the source domain's state.
-TEST_F(DomainMailOpsTest, AddingADomainAliasClonesExistingRecords) {
-  UseSession(kDomain);
-  // sales has no record and bob's is the only one with other flags.
-  ASSERT_EQ(0, set_postbox_passwd("info", "example.com", "pw", kRawUserOff));
-  ASSERT_EQ(0, set_postbox_passwd("bob", "example.com", "secret", 0));
-  ASSERT_EQ(0, mailAuthDisableDomain("example.com"));
 
-  EXPECT_EQ(1, add_domain_auth_alias("example.com", "new.net"));
-  EXPECT_EQ((Rows{{"bob", "<NULL>", "0"}, {"info", "pw", "1"}}),
-            QueryRows(db_, "SELECT u.name, coalesce(u.cmusaslsecretPLAIN, '<NULL>'), u.status "
-                           "FROM users AS u JOIN domains AS d ON u.dom_id = d.id "
-                           "WHERE d.name = 'new.net' ORDER BY u.name"));
-  EXPECT_EQ(1u,
-            QueryRows(db_, "SELECT DISTINCT userPassword FROM users WHERE name = 'bob'").size());
-  EXPECT_EQ((Names{"example.com:1", "new.net:1"}), Domains());
-
-  // Nothing to copy for a domain the session does not describe.
-  EXPECT_EQ(0, add_domain_auth_alias("other.com", "other.net"));
-  EXPECT_EQ((Names{"example.com:1", "new.net:1"}), Domains());
-}
-
-// An alias the session does not know still loses its records.
-TEST_F(DomainMailOpsTest, RemovingADomainAlias) {
-  for (const char* document : {kNoDomainAliases, static_cast<const char*>(nullptr)}) {
-    ASSERT_EQ(0, mailAuthDBInit());
-    ASSERT_EQ(0, mailAuthSetRaw("stray", "alias.net", "pw", 0));
-    ASSERT_EQ(0, mailAuthSetRaw("info", "example.com", "pw", 0));
-    UseSession(document);
-    EXPECT_EQ(document ? 0 : -1, rm_domain_auth_alias("alias.net"));
-    EXPECT_EQ((Names{"info@example.com"}), Records());
-  }
-  EXPECT_TRUE(LogRecorder::Has(LOG_ERR, "Unable to get domain by domain alias alias.net"));
-}
 
 // The action's calls, and the domain it fails on.
 Names action_calls;

@@ -141,22 +141,6 @@ TEST_F(SessionMailDataTest, RefusedDocumentsLogTheReason) {
   EXPECT_EQ(0, ReadDocument(kMinimal));
 }
 
-TEST_F(SessionMailDataTest, IsReadOnlyOnce) {
-  ASSERT_EQ(0, ReadDocument(kFull));
-  mail_db_data_t* first = session_mail_db_info;
-  EXPECT_EQ(-2, ReadDocument(kMinimal));
-  EXPECT_TRUE(LogRecorder::Has(3, "Session mail DB info have already been "
-                                  "initialized. Probably a programming error."));
-  EXPECT_EQ(first, get_session_mail_db_info());
-  free_session_mail_db_info();
-
-  // Without a read, an empty object is made once, and it too blocks a read.
-  mail_db_data_t* empty = get_session_mail_db_info();
-  ASSERT_NE(nullptr, empty);
-  EXPECT_EQ(empty, get_session_mail_db_info());
-  EXPECT_EQ(-2, ReadDocument(kMinimal));
-}
-
 TEST_F(SessionMailDataTest, OverflowingQuotaIsKeptWithAWarning) {
   ASSERT_EQ(0, ReadDocument(Domain(R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));
   EXPECT_EQ(-1048576, session_mail_db_info->mbox_quota);

@@ -98,13 +98,6 @@ TEST(DomainRenamePluginTest, UnusableFilesAndDirectoriesCountAsSuccess) {
       6, "plugin '" + noentry + "' doesn't provide required 'rename_domain': "));
 }
 
-// The child's exit status carries the result, and 256 must not pass for 0.
-TEST(DomainRenamePluginTest, CallerFailsOnAnyNonZeroResult) {
-  ReturningPlugin("three.so", 3);
-  ReturningPlugin("big.so", 256);
-  EXPECT_EQ(3, RenameDomainPluginCaller((kPluginDir + "/three.so").c_str(), "a", "b"));
-  EXPECT_NE(0, RenameDomainPluginCaller((kPluginDir + "/big.so").c_str(), "a", "b"));
-}
 
 void AddHandler(const char* name, const char* address) {
   tavix::handlers::Record rec(mh_data_init());
@@ -152,39 +145,6 @@ class DomainRenameTest : public testing::Test {
   }
 };
 
-TEST_F(DomainRenameTest, RewritesTheQmailFilesAsRootsAndCopiesDomainWideHandlers) {
-  Populate("old.example");
-  EXPECT_EQ(0, renameDomain("old.example", "new.example"));
-
-  EXPECT_EQ("new.example:new.example\nalias.example:new.example\n", read_file(kVirtualdomains));
-  // The wildcard line keeps its old prefix; only its home moves.
-  EXPECT_EQ(
-      "=new.example-info:popuser:110:110:/var/qmail/mailnames/new.example/john:::\n"
-      "=new.example-john:popuser:110:110:/var/qmail/mailnames/new.example/john:::\n"
-      "+old.example:popuser:110:110:/var/qmail/mailnames/new.example:::\n"
-      ".\n",
-      read_file(kAssign));
-  EXPECT_EQ("new.example\nalias.example\n", read_file(kReject));
-  for (const std::string& file : {kRcpthosts, kVirtualdomains, kAssign, kReject}) {
-    SCOPED_TRACE(file);
-    EXPECT_EQ((Attributes{0, 0, 0644}), attributes_of(file));
-  }
-  EXPECT_EQ((std::vector<std::string>{"john@new.example", "new.example", "old.example"}),
-            HandlerAddresses());
-}
-
-TEST_F(DomainRenameTest, MissingSourceChangesNothing) {
-  Populate("old.example");
-  const std::string assign = read_file(kAssign), rcpthosts = read_file(kRcpthosts);
-  LogRecorder log;
-  EXPECT_EQ(1, renameDomain("gone.example", "new.example"));
-  EXPECT_TRUE(
-      LogRecorder::Has(3, "Mail directory /var/qmail/mailnames/gone.example not exists.\n"));
-  EXPECT_EQ(assign, read_file(kAssign));
-  EXPECT_EQ(rcpthosts, read_file(kRcpthosts));
-  EXPECT_FALSE(exists(Marker("ok.so")));
-}
-
 // A database that cannot be used ends the rename with the earlier steps
 // done and qmail not restarted; no plug-in runs after the authentication
 // database failed.
@@ -220,28 +180,5 @@ INSTANTIATE_TEST_SUITE_P(Databases, DomainRenameFailureTest, testing::Bool(),
                            return info.param ? "Auth" : "Handlers";
                          });
 
-// A hosted domain that takes the machine's own name (mail.sandbox.test in
-// the sandbox), whatever its case, must not stay local, or qmail would hand
-// its mail to system accounts. Without a usable host name only the
-// domain's own line is renamed.
-TEST_F(DomainRenameTest, HostNameRules) {
-  auto host_line = [](const std::string& names) {
-    write_file("/etc/hosts", "127.0.0.1\tlocalhost\n127.0.1.1\t" + names + "\n");
-  };
-  Populate("old.example");
-  ASSERT_EQ(0, file_str(kRcpthosts.c_str(), "mail.sandbox.test", kLinesAdd, kAddAppend));
-  write_file(kLocals, "localhost\nmail.sandbox.test\n");
-  host_line("MAIL.Sandbox.TEST mail");
-  EXPECT_EQ(0, renameDomain("old.example", "mail.sandbox.test"));
-  EXPECT_EQ("mail.sandbox.test\nalias.example\n", read_file(kRcpthosts));
-  EXPECT_EQ("localhost\n", read_file(kLocals));
-  EXPECT_EQ((Attributes{0, 0, 0644}), attributes_of(kRcpthosts));
-
-  write_file(kLocals, "localhost\nmail.sandbox.test\n");
-  host_line("mail mail.sandbox.test");
-  EXPECT_EQ(0, renameDomain("mail.sandbox.test", "new.example"));
-  EXPECT_EQ("new.example\nalias.example\n", read_file(kRcpthosts));
-  EXPECT_EQ("localhost\nmail.sandbox.test\n", read_file(kLocals));
-}
 
 }  // namespace

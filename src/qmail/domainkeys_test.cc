@@ -48,25 +48,6 @@ class DomainKeysTest : public testing::Test {
   }
 };
 
-TEST_F(DomainKeysTest, CloneCopiesTheKeyToEveryListedDomain) {
-  InstallKey("source.example");
-  // The key must not depend on the caller's umask.
-  mode_t saved = umask(077);
-  EXPECT_EQ(0, clone_domain_key("Source.Example", "a.example,B.example"));
-  umask(saved);
-  for (const char* domain : {"a.example", "b.example"}) {
-    SCOPED_TRACE(domain);
-    EXPECT_EQ(kKey, read_file(KeyFile(domain)));
-    EXPECT_EQ((Attributes{0, kPopuserGroup, 0440}), attributes_of(KeyFile(domain)));
-    EXPECT_EQ((Attributes{0, 0, 0755}), attributes_of(kStore + "/" + domain));
-  }
-
-  // A second clone replaces an existing key.
-  InstallKey("other.example", "new key\n");
-  EXPECT_EQ(0, clone_domain_key("other.example", "a.example"));
-  EXPECT_EQ("new key\n", read_file(KeyFile("a.example")));
-}
-
 // Only a regular file counts as a key; without one a clone does nothing.
 TEST_F(DomainKeysTest, OnlyARegularFileIsAKey) {
   InstallKey("key.example");
@@ -83,22 +64,6 @@ TEST_F(DomainKeysTest, OnlyARegularFileIsAKey) {
   EXPECT_EQ(0, clone_domain_key("dir.example", "a.example"));
   EXPECT_EQ(0, clone_domain_key("none.example", "a.example"));
   EXPECT_EQ((std::vector<std::string>{"dir.example", "key.example"}), StoreEntries());
-}
-
-TEST_F(DomainKeysTest, KeyFilePath) {
-  LogRecorder log;
-  tavix::unique_free<char> file(get_domainkeys_file("Mail.EXAMPLE.com"));
-  ASSERT_NE(nullptr, file);
-  EXPECT_STREQ("/etc/domainkeys/mail.example.com/default", file.get());
-  EXPECT_EQ(nullptr, get_domainkeys_file(nullptr));
-
-  const std::string longest(4095 - kStore.size() - 2 - 7, 'a');  // "/" + "/default"
-  file.reset(get_domainkeys_file(longest.c_str()));
-  EXPECT_NE(nullptr, file);
-  file.reset(get_domainkeys_file((longest + "a").c_str()));
-  EXPECT_EQ(nullptr, file);
-  EXPECT_TRUE(
-      LogRecorder::Has(3, "File name 'default' is too long to be stored in /etc/domainkeys/"));
 }
 
 // Every name is tried; one that fails makes the whole call fail.

@@ -169,21 +169,6 @@ TEST(MaildirScanTest, CountsMessagesOfTheMaildirAndItsFoldersButNotTrash) {
   }
 }
 
-// The count covers mail already there; the file is popuser's whatever the
-// umask, and no temporary file is left.
-TEST(WriteMaildirsizeTest, WritesLimitsAndCountForPopuser) {
-  const ScratchMaildir maildir;
-  write_file(maildir.size_file(), "old contents\n");
-  maildir.add("new/1.host,S=2048", 1);
-  maildir.add(".Spam/cur/2.host:2,S", 30);
-  mode_t saved_umask = umask(077);
-  EXPECT_EQ(1, store_maildirpp_quota_raw(maildir.path.c_str(), 0));
-  umask(saved_umask);
-  // A quota of 0 blocks delivery; the limit 0 would mean none.
-  EXPECT_EQ("1S,0C\n" + usage_text(2078, 2), read_file(maildir.size_file()));
-  EXPECT_EQ((Attributes{110, 110, 0644}), attributes_of(maildir.size_file()));
-  EXPECT_TRUE(fs::is_empty(maildir.path + "/tmp"));
-}
 
 TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   const ScratchMaildir maildir;

@@ -51,59 +51,6 @@ class MailnamesTest : public testing::Test {
   }
 };
 
-// A repeated add keeps one line. add_mailname lower-cases the line and the
-// path; rm_mailname does not, so a name given in capitals is only removed
-// in lower case.
-TEST_F(MailnamesTest, AddOnceRemoveOnlyAsWritten) {
-  ASSERT_EQ(0, add_mailname("John", "Example.COM"));
-  ASSERT_EQ(0, add_mailname("john", kDomain));
-  EXPECT_EQ(1, Count(Line("john", "john")));
-  EXPECT_EQ(0, read_file(kAssign).find(Line("john", "john")));
-  EXPECT_EQ((Attributes{0, 0, 0644}), attributes_of(kAssign));
-  EXPECT_EQ(0, run_qmail_newu());  // the stand-in checks the file's syntax
-
-  EXPECT_EQ(0, rm_mailname("John", kDomain));
-  EXPECT_EQ(1, Count(Line("john", "john")));
-  EXPECT_TRUE(exists(kDomainDir + "/john"));
-  EXPECT_EQ(0, rm_mailname("john", kDomain));
-  EXPECT_EQ(0, Count(Line("john", "john")));
-  EXPECT_FALSE(exists(kDomainDir + "/john"));
-}
-
-TEST_F(MailnamesTest, AliasLineIsWrittenOnceAndRemovedInAnyCase) {
-  ASSERT_EQ(0, add_mailname("john", kDomain));
-  EXPECT_EQ(0, add_mn_alias("john", "EXAMPLE.com", "Info"));
-  EXPECT_EQ(0, add_mn_alias("john", kDomain, "info"));
-  EXPECT_EQ(1, Count(Line("info", "john")));
-  EXPECT_EQ(0, run_qmail_newu());
-  EXPECT_EQ(0, rm_mn_alias("john", "Example.com", "INFO"));
-  EXPECT_EQ(0, Count(Line("info", "john")));
-  EXPECT_EQ(1, Count(Line("john", "john")));
-}
-
-TEST_F(MailnamesTest, InvalidNamesEndTheRun) {
-  const struct {
-    const char* title;
-    int (*call)();
-    const char* message;
-  } cases[] = {
-      {"add", [] { return add_mailname("a..b", kDomain); }, "invalid mailname or domain name."},
-      {"add domain", [] { return add_mailname("john", ""); }, "invalid mailname or domain name."},
-      {"remove", [] { return rm_mailname("", kDomain); }, "empty mailname or maildomain"},
-      {"alias", [] { return add_mn_alias("john", kDomain, "a b"); },
-       "empty mailname, maildomain or mailalias"},
-      {"remove alias", [] { return rm_mn_alias("john", "", "info"); },
-       "empty mailname, maildomain or mailalias"},
-      {"rename", [] { return ch_mailname("john", kDomain, "a..b", nullptr); },
-       "empty mailname or maildomain"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.title);
-    auto child = RunInChild([&c] { c.call(); });
-    EXPECT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 1) << child.status;
-    EXPECT_NE(std::string::npos, child.output.find(c.message)) << child.output;
-  }
-}
 
 // A removal whose authentication record cannot be removed keeps the
 // directory but not the assign line.

@@ -43,30 +43,6 @@ class NonexistingMailTest : public testing::Test {
   void TearDown() override { free_session_mail_db_info(); }
 };
 
-// Null and empty texts give the default; mail that is bounced or forwarded
-// must first be accepted, so setting either takes the domain and its
-// aliases off the reject list.
-TEST_F(NonexistingMailTest, BounceAndCatchAllWriteOneLineAndUnlist) {
-  const std::string bounce = "|bouncesaying This\\ address\\ no\\ longer\\ accepts\\ mail.\n";
-  const struct {
-    int (*set)();
-    std::string line;
-  } cases[] = {
-      {[] { return add_bounce("example.com", nullptr); }, bounce},
-      {[] { return add_bounce("example.com", ""); }, bounce},
-      {[] { return add_catch("example.com", "info@bücher.example"); },
-       "&info@xn--bcher-kva.example\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
-    ASSERT_EQ(0, add_reject_for("other.org"));
-    ASSERT_EQ(0, add_reject("example.com"));
-    ASSERT_EQ(0, c.set());
-    EXPECT_EQ(c.line, read_file(kDefault));
-    EXPECT_EQ((Attributes{110, 110, 0600}), attributes_of(kDefault));
-    EXPECT_EQ("other.org\n", read_file(kReject));
-  }
-}
 
 TEST_F(NonexistingMailTest, RejectListsEachNameOnce) {
   ASSERT_FALSE(exists(kReject));
@@ -120,27 +96,5 @@ TEST_F(NonexistingMailTest, BounceTextReachesTheShellAsOneWord) {
   }
 }
 
-// A control character could end the delivery line early and leave the
-// rest as a line of its own; the file and the reject list stay as they
-// were.
-TEST_F(NonexistingMailTest, ControlCharactersAreRefused) {
-  ASSERT_EQ(0, add_bounce("example.com", "old"));
-  ASSERT_EQ(0, add_reject_for("example.com"));
-  const std::string before = read_file(kDefault);
-  const char* const addresses[] = {"a@b.example\n|/bin/evil", "a\x7f@b.example", "a@b\t"};
-  for (const char* address : addresses) {
-    SCOPED_TRACE(address);
-    EXPECT_EQ(0, is_catchall_address_safe(address));
-    EXPECT_EQ(-1, CaptureStreams([&] { return add_catch("example.com", address); }).result);
-  }
-  const char* const texts[] = {"gone\r\n|/bin/evil", "del\x7f", "\x1b[31m"};
-  for (const char* text : texts) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(0, is_bounce_text_safe(text));
-    EXPECT_EQ(-1, CaptureStreams([&] { return add_bounce("example.com", text); }).result);
-  }
-  EXPECT_EQ(before, read_file(kDefault));
-  EXPECT_EQ("example.com\n", read_file(kReject));
-}
 
 }  // namespace

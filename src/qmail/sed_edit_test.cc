@@ -44,64 +44,6 @@ TEST(SedEditTest, EditsInPlaceKeepingOwnerAndMode) {
   }
 }
 
-std::string lines_of(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
-// A name with sed's special characters among lines that the name would
-// match if sed read it as a pattern, or that a careless quoting would
-// mangle: substitution (anchored, and inside longer lines as home
-// directories are edited), deletion and appending touch only the name.
-TEST(SedLiteralTest, NamesAreTakenLiterally) {
-  const struct {
-    const char* name;
-    std::vector<std::string> decoys;
-  } cases[] = {
-      {"j.n", {"jxn", "j.nn", "jj.n"}},
-      {"a&b", {"a&&b", "ab"}},
-      {"a*", {"", "aaa", "a"}},
-      {"[ab]", {"a", "b", "[ab"}},
-      {"^x$", {"x", "^x"}},
-      {"x\\1y", {"x1y", "x\\\\1y"}},
-      {"a|b", {"a", "b"}},
-      {"a/b", {"a", "b"}},
-      {"a\\nb", {"a", "b"}},
-      {"x\\{2\\}", {"xx", "x{2}"}},
-      {"p+q?", {"pq", "ppq", "q"}},
-      {"/var/qmail/mailnames/e.com:", {"/var/qmail/mailnames/excom:"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string name = c.name;
-    // The decoys with `line` in the middle, or without it for null.
-    auto with = [&c](const char* line) {
-      std::vector<std::string> lines = c.decoys;
-      if (line != nullptr) lines.insert(lines.begin() + lines.size() / 2, line);
-      return lines_of(lines);
-    };
-    ScratchDir dir;
-    const std::string path = dir.path("file");
-    auto edit = [&](const std::string& expression) {
-      write_file(path, with(c.name));
-      EXPECT_EQ(0, run_sed_cmd(expression.c_str(), path.c_str())) << expression;
-      return read_file(path);
-    };
-    // The new text holds every replacement metacharacter, the name's too.
-    const std::string to = "<" + name + "&\\1|/>";
-    const std::string literal = sed_regex_literal(name), replacement = sed_replacement_literal(to);
-    EXPECT_EQ(with(to.c_str()), edit("s|^" + literal + "$|" + replacement + "|g"));
-    std::string everywhere = with(c.name);
-    for (size_t at = everywhere.find(name); at != std::string::npos;
-         at = everywhere.find(name, at + to.size()))
-      everywhere.replace(at, name.size(), to);
-    EXPECT_EQ(everywhere, edit("s|" + literal + "|" + replacement + "|g"));
-    EXPECT_EQ(with(nullptr), edit("\\|^" + literal + "$|d"));
-    EXPECT_EQ(with(c.name) + name + "\n", edit("$ a\\" + sed_replacement_literal(name)));
-  }
-}
-
 // A newline must not end the expression: what follows it would be a sed
 // command of its own, and "w FILE" writes any file sed can open.
 TEST(SedLiteralTest, NewlineCannotStartAnotherCommand) {
