@@ -33,68 +33,6 @@ int edit(const std::string& path, Lines lines, int op, int how) {
   return file_strings(path.c_str(), lines.data(), op, how);
 }
 
-Text contents_of(const std::string& path) {
-  return exists(path) ? Text(read_file(path)) : std::nullopt;
-}
-
-// Every rewrite also gives the file back its owner, group and mode.
-TEST(FileStringsTest, Edits) {
-  const Attributes popuser{110, 110, 0640};
-  const std::string longest(5000, 'x');
-  const struct {
-    const char* name;
-    Text before;
-    Lines lines;
-    int op, how, result;
-    Text after;
-    Text temp_after = {};           // "<path>.tmp" afterwards
-    const char* message = nullptr;  // expected in the report; null: nothing reported
-  } cases[] = {
-      {"prepend_lines_with_and_without_newline", "old\n", {"x\n", "y"}, 0, 0, 0, "x\ny\nold\n"},
-      {"append", "old\n", {"new"}, 0, 1, 0, "old\nnew\n"},
-      {"remove_every_exactly_equal_line", "a.com\na.com.au\nb\na.com\n", {"a.com\n", "b"}, 1, 1,
-       0, "a.com.au\n"},
-      {"remove_empty_line", "a\n\nb\n", {""}, 1, 1, 0, "a\nb\n"},
-      {"remove_keeps_last_line_without_newline", "a\nb", {"a"}, 1, 1, 0, "b"},
-      {"remove_last_line_without_newline", "a\nb", {"b"}, 1, 1, 0, "a\n"},
-      // Read in pieces, a long line matches neither itself nor a short line.
-      {"long_line_never_equal", "short\n" + longest + "\ntail\n", {"x", longest.c_str(), "short"},
-       1, 1, 0, longest + "\ntail\n"},
-      {"remove_prefix", "a.com\na.com.au\nother\na\n", {"a.com"}, 2, 0, 0, "other\na\n"},
-      {"remove_suffix", "a.com\na.com.au\n", {".au"}, 2, 1, 0, "a.com\n"},
-      {"remove_suffix_of_last_line_without_newline", "a.x\nb.x", {".x"}, 2, 1, 0, ""},
-      {"remove_substring", "=ab-c:x\n=cd-e:x\n+ab-:y\n", {"ab-"}, 2, 2, 0, "=cd-e:x\n"},
-      {"match_with_unknown_how_copies", "a\nb", {"a"}, 2, 3, 0, "a\nb"},
-      // Each string tried before the first match writes the line once more.
-      {"match_list_repeats_lines", "a\nb\n", {"zzz", "yyy", "b"}, 2, 0, 0, "a\na\na\nb\nb\n"},
-      {"unknown_op", "old\n", {"new"}, 3, 0, 0, "old\n"},
-      {"missing_prepend", {}, {"new"}, 0, 0, 1, {}, "new\n", "Unable to open file "},
-      {"missing_append_creates", {}, {"new"}, 0, 1, 0, "new\n"},
-      {"missing_remove", {}, {"new"}, 1, 1, 1, {}},
-      {"missing_remove_by_match", {}, {"new"}, 2, 2, 1, {}, {}, "Unable to open file "},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    ScratchDir dir;
-    const std::string path = dir.path("file");
-    if (c.before) {
-      write_file(path, *c.before);
-      set_attributes(path, popuser);
-    }
-    auto run = CaptureStreams([&] { return edit(path, c.lines, c.op, c.how); });
-    EXPECT_EQ(c.result, run.result);
-    EXPECT_EQ(c.after, contents_of(path));
-    if (c.before) {
-      EXPECT_EQ(popuser, attributes_of(path));
-    }
-    EXPECT_EQ(c.temp_after, contents_of(path + ".tmp"));
-    if (c.message) {
-      EXPECT_NE(std::string::npos, run.err.find(c.message + path)) << run.err;
-    } else {
-      EXPECT_EQ("", run.err);
-    }
-  }
-}
 
 // The single pass leaves exactly what removing `drop` and then prepending
 // `lines` leaves, the piece rule for long lines included.
@@ -132,18 +70,6 @@ TEST(FileRemovePrependTest, SameAsRemoveThenPrepend) {
   }
 }
 
-// As after a removal, which fails silently on a missing file, the prepend
-// fails and leaves the new lines in the temporary file.
-TEST(FileRemovePrependTest, MissingFileFailsLikeAPrepend) {
-  ScratchDir dir;
-  const std::string path = dir.path("assign");
-  const char* const lines[] = {"new", nullptr};
-  auto run = CaptureStreams([&] { return file_remove_prepend(path.c_str(), lines, lines); });
-  EXPECT_EQ(1, run.result);
-  EXPECT_FALSE(exists(path));
-  EXPECT_EQ("new\n", read_file(path + ".tmp"));
-  EXPECT_NE(std::string::npos, run.err.find("Unable to open file " + path)) << run.err;
-}
 
 TEST(FileStringsLockTest, MissingLockDirectoryFailsEveryEdit) {
   ScratchDir dir;

@@ -68,13 +68,6 @@ struct stat stat_of(const std::string& path) {
   return info;
 }
 
-std::string usage_text(int64_t bytes, int64_t count) {
-  char line[64];
-  snprintf(line, sizeof(line), "%12lld%12lld\n", static_cast<long long>(bytes),
-           static_cast<long long>(count));
-  return line;
-}
-
 TEST(ParseHeaderTest, AcceptsTheQuotaHeaderFormsAndRefusesTheRest) {
   const struct {
     const char* header;
@@ -210,32 +203,6 @@ TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   EXPECT_LE(stat_of(file).st_atime, stat_of(maildir.dir.path("now")).st_mtime);
 }
 
-// Someone else's files, or links planted at the names the writer would
-// use, are never written through: after five tries (8 seconds) it gives up.
-TEST(WriteMaildirsizeTest, NeverWritesThroughAPlantedTemporaryName) {
-  const ScratchMaildir maildir;
-  write_file(maildir.size_file(), "1000S,0C\n");
-  char host[HOST_NAME_MAX + 1] = {};
-  ASSERT_EQ(0, gethostname(host, sizeof(host) - 1));
-  const std::string target = maildir.dir.path("target");
-  const time_t now = time(nullptr);
-  for (time_t t = now; t < now + 20; ++t) {
-    std::string name = maildir.path + "/tmp/" + std::to_string(t) + "." +
-                       std::to_string(getpid()) + "." + host + "-maildirsize";
-    ASSERT_EQ(0, symlink(target.c_str(), name.c_str()));
-  }
-
-  auto run = CaptureStreams([&] {
-    errno = 0;
-    int result = write_maildirpp_maildirsize(maildir.path.c_str(), 0, 0, 0, 0);
-    return std::make_pair(result, errno);
-  });
-  EXPECT_EQ(std::make_pair(0, EAGAIN), run.result);
-  EXPECT_NE(std::string::npos, run.err.find("Maximal allowed number of attempts to create a "
-                                            "maildirsize file exceeded"));
-  EXPECT_FALSE(exists(target));
-  EXPECT_EQ("1000S,0C\n", read_file(maildir.size_file()));
-}
 
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   const struct {
@@ -261,69 +228,5 @@ TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   }
 }
 
-// Runs the delivery agent as qmail does, the message on standard input as
-// a file; its exit status.
-int deliver(const std::string& maildir, const std::string& message) {
-  fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int in = open(message.c_str(), O_RDONLY);
-    int out = open("/dev/null", O_WRONLY);
-    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0) _exit(126);
-    execl("/usr/bin/deliverquota", "deliverquota", maildir.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = -1;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-// @attachments take their share of the quota; what is left is a limit the
-// delivery agent enforces, and we read the usage lines it appends.
-TEST(StoreMboxQuotaTest, AttachmentsTakeTheirShareAndTheAgentKeepsTheRest) {
-  const std::string domain_dir = "/var/qmail/mailnames/example.org", dir = domain_dir + "/alice";
-  struct Remove {
-    std::string dir;
-    ~Remove() { std::error_code ignored; fs::remove_all(dir, ignored); }
-  } cleanup{domain_dir};
-  const std::string maildir = dir + "/Maildir", size_file = maildir + "/maildirsize";
-  make_maildir(maildir);
-  fs::create_directory(dir + "/@attachments");
-  write_file(dir + "/@attachments/a", std::string(700, 'a'));
-  const int64_t attachments = stat_of(dir + "/@attachments").st_size + 700;
-  const std::string cwd = fs::current_path();
-
-  const struct {
-    int64_t quota;
-    int64_t limit;
-    bool warned;
-  } cases[] = {{-1, 0, false}, {500, 1, true}, {1000 + attachments, 1000, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.quota);
-    auto run = CaptureStreams([&] { return store_mbox_quota("Example.ORG", "ALICE", c.quota); });
-    EXPECT_NE(0, run.result);
-    EXPECT_EQ(std::to_string(c.limit) + "S,0C\n" + usage_text(0, 0), read_file(size_file));
-    EXPECT_EQ(c.warned, run.err.find("WARNING: @attachments directory is big enough to "
-                                     "disable delivery!") != std::string::npos);
-    EXPECT_EQ(cwd, fs::current_path());
-  }
-
-  const std::string message = domain_dir + "/message";
-  write_file(message, "Subject: test\n\n" + std::string(285, 'x'));  // 300 bytes
-  for (int delivered = 1; delivered <= 3; ++delivered) {
-    SCOPED_TRACE(delivered);
-    ASSERT_EQ(0, deliver(maildir, message));
-    const std::string text = read_file(size_file);
-    // Our two lines, and one appended per delivery.
-    EXPECT_EQ(2 + delivered, std::count(text.begin(), text.end(), '\n')) << text;
-    const Usage u = read_usage(maildir, 1);
-    ASSERT_EQ(1, u.result) << text;
-    EXPECT_EQ(300 * delivered, u.bytes);
-    EXPECT_EQ(delivered, u.count);
-    EXPECT_EQ(1000, u.size_limit);
-  }
-  EXPECT_EQ(1, check_maildirpp_overquota(maildir.c_str(), 300, 1));
-  EXPECT_EQ(77, deliver(maildir, message));
-}
 
 }  // namespace

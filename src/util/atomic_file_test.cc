@@ -31,12 +31,6 @@ std::set<std::string> Entries(const std::string& dir) {
   return names;
 }
 
-// A directory the mail user could change: links in it are not followed.
-void MakeForeignDir(const std::string& path) {
-  ASSERT_EQ(0, mkdir(path.c_str(), 0700));
-  ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
-}
-
 TEST(AtomicFileTest, CommitReplacesTheTargetWithOwnerModeAndContents) {
   TempDir tmp;
   const std::string target = tmp.path("assign");
@@ -78,45 +72,6 @@ TEST(AtomicFileTest, UncommittedTemporaryFileGoesUnlessAbandoned) {
   }
 }
 
-// A link where the target or the temporary file goes is replaced or removed,
-// never written through.
-TEST(AtomicFileTest, LinksAtTheNamesAreNeverWrittenThrough) {
-  const struct {
-    const char* target;
-    const char* temp;
-    Temp kind;
-    bool created;
-    int error;
-  } cases[] = {
-      {"link", "t.tmp", Temp::kReplace, true, 0},
-      {"target", "link", Temp::kReplace, true, 0},  // a stale fixed name
-      {"target", "link", Temp::kExclusive, false, EEXIST},
-      {"target", "file", Temp::kExclusive, false, EEXIST},
-      {"target", "t.tmp", Temp::kUnique, false, EINVAL},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.target << " " << c.temp);
-    TempDir tmp;
-    const std::string outside = tmp.path("outside");
-    write_file(outside, "keep");
-    write_file(tmp.path("file"), "mine");
-    ASSERT_EQ(0, symlink(outside.c_str(), tmp.path("link").c_str()));
-    const std::string target = tmp.path(c.target);
-
-    AtomicFile file;
-    errno = 0;
-    EXPECT_EQ(c.created, file.create(target, c.temp, c.kind, 0644));
-    EXPECT_EQ(c.error, c.created ? 0 : errno);
-    if (c.created) {
-      ASSERT_TRUE(file.write("new"));
-      ASSERT_TRUE(file.commit());
-      EXPECT_TRUE(S_ISREG(Lstat(target).st_mode));
-      EXPECT_EQ("new", read_file(target));
-    }
-    EXPECT_EQ("keep", read_file(outside));
-    EXPECT_EQ(0644u, Lstat(outside).st_mode & 07777);
-  }
-}
 
 // The Maildir++ way: the temporary file lives in tmp/ below the target's
 // directory. What goes through the stream is flushed by the commit.
@@ -134,41 +89,5 @@ TEST(AtomicFileTest, TemporaryFileInASubdirectory) {
   EXPECT_TRUE(Entries(tmp.path("tmp")).empty());
 }
 
-// A directory on the way that another user could have swapped for a link
-// refuses the whole replacement; one in a directory only root can change
-// is root's own and followed.
-TEST(AtomicFileTest, DirectoriesOnTheWayAreNotFollowedWhenForeign) {
-  TempDir tmp;
-  const std::string decoy = tmp.path("decoy");
-  ASSERT_EQ(0, mkdir(decoy.c_str(), 0755));
-  ASSERT_EQ(0, mkdir((decoy + "/tmp").c_str(), 0755));
-  MakeForeignDir(tmp.path("mailbox"));
-  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("mailbox/Maildir").c_str()));
-  MakeForeignDir(tmp.path("mailbox/real"));
-  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("mailbox/real/tmp").c_str()));
-  ASSERT_EQ(0, symlink(decoy.c_str(), tmp.path("root-link").c_str()));
-
-  const struct {
-    std::string target;
-    std::string temp;
-    bool created;
-  } cases[] = {
-      {tmp.path("mailbox/Maildir/maildirsize"), "tmp/x-maildirsize", false},
-      {tmp.path("mailbox/real/maildirsize"), "tmp/x-maildirsize", false},
-      {tmp.path("root-link/file"), "file.tmp", true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.target);
-    AtomicFile file;
-    errno = 0;
-    EXPECT_EQ(c.created, file.create(c.target, c.temp, Temp::kExclusive, 0644));
-    if (!c.created)
-      EXPECT_EQ(ELOOP, errno);
-    else
-      EXPECT_TRUE(file.commit());
-  }
-  EXPECT_EQ((std::set<std::string>{"tmp", "file"}), Entries(decoy));
-  EXPECT_TRUE(Entries(decoy + "/tmp").empty());
-}
 
 }  // namespace

@@ -146,23 +146,4 @@ TEST(TracebackTest, PrintsOneTabbedLinePerFrame) {
   EXPECT_LE(frames, 11);
 }
 
-TEST(SymbolLineDemanglerTest, RewritesMangledNamesOnly) {
-  const struct {
-    const char* line;
-    const char* expected;
-  } cases[] = {
-      {"./dravnik(_Z1fv+0x1) [0x1]", "./dravnik(f()+0x1) [0x1]"},
-      // longer than the buffer the previous line left behind
-      {"./dravnik(_ZN5tavix9TracebackC1Em+0x1f) [0x401234]",
-       "./dravnik(tavix::Traceback::Traceback(unsigned long)+0x1f) [0x401234]"},
-      {"./dravnik(+0x1234) [0x55]", "./dravnik(+0x1234) [0x55]"},
-      {"/lib/libc.so.6(__libc_start_main+0x85) [0x7f]",
-       "/lib/libc.so.6(__libc_start_main+0x85) [0x7f]"},
-      {"./dravnik(_Z1fv) [0x1]", "./dravnik(_Z1fv) [0x1]"},
-      {"./a+b(_Z1fv) [0x1]", "./a+b(_Z1fv) [0x1]"},
-  };
-  tavix::SymbolLineDemangler demangle;
-  for (const auto& c : cases) EXPECT_EQ(c.expected, demangle(c.line));
-}
-
 }  // namespace
