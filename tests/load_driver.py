@@ -2,7 +2,7 @@
 """Runs dravnik hundreds of times inside one sandbox, for test_under_load.py.
 
     load_driver.py kill DRAVNIK REPORT SEED RUNS
-    load_driver.py concurrent DRAVNIK REPORT
+    load_driver.py concurrent DRAVNIK REPORT WIDTH PAUSE
 
 Starting a container per run would cost more than the runs themselves, so
 test_under_load.py starts this script once in a sandbox (where /var/qmail and
@@ -15,8 +15,10 @@ is run again to its end, and the files, the mailbox tree and the
 authentication database must then agree with a model of what the commands
 made.  A divergence stops the loop: what follows it would only repeat it.
 
-concurrent: sets up a few domains, then starts a batch of runs at one
-instant and waits for them; the test judges the outcome.
+concurrent: sets up a few domains, then runs a batch of mixed commands,
+WIDTH at a time, with the qmail-newu stand-in pausing PAUSE seconds in each
+compile so that compiles would overlap if nothing kept them apart; the test
+judges the outcome.
 
 Only the standard library: the sandbox runs this with python3 -I.
 """
@@ -45,7 +47,7 @@ MAILBOX = [".qmail", "Maildir/maildirsize", "Maildir/tmp", "Maildir/new", "Maild
 # Every file of the qmail tree that a command means to leave; anything else
 # is a temporary file that a killed run left behind.
 KEPT = re.compile(r"(users/assign|control/(rcpthosts|virtualdomains|locals|rejectnonexist)"
-                  r"|bin/qmail-newu|mailnames/[^/]+/\.qmail-default"
+                  r"|bin/qmail-newu|users/cdb|mailnames/[^/]+/\.qmail-default"
                   r"|mailnames/[^/]+/[^/]+/(\.qmail|Maildir/maildirsize))$")
 DOMAIN = r"[a-z0-9][a-z0-9.-]*"
 LINE_FORMS = {"rcpthosts": re.compile(DOMAIN + "$"), "locals": re.compile(DOMAIN + "$"),
@@ -432,59 +434,115 @@ def kill_test(prog, seed, runs):
 
 DOMAINS = ["c%d.test" % i for i in range(5)]          # set up beforehand
 NEW_DOMAINS = ["c%d.test" % i for i in range(5, 10)]  # added by the batch
-NEW_NAMES = tuple("n%02d" % i for i in range(20))   # added to each domain by the batch
-# Mailboxes set up beforehand, whose password the batch changes, to which it
-# adds an alias, or from which it removes the alias "a" + name.
+NEW_NAMES = tuple("n%02d" % i for i in range(8))    # added to each domain by the batch
+# Mailboxes set up beforehand in each domain, two for each command of the
+# batch that changes one (DROP_ALIAS's get the alias "a" + name first), and
+# mail names without a mailbox, to which the batch gives one.
 NEW_PASSWORD, ADD_ALIAS, DROP_ALIAS = ("e0", "e1"), ("f0", "f1"), ("g0", "g1")
-BOXES = NEW_PASSWORD + ADD_ALIAS + DROP_ALIAS
+QUOTA, RENAME, REMOVE = ("q0", "q1"), ("r0", "r1"), ("x0", "x1")
+BOXES = NEW_PASSWORD + ADD_ALIAS + DROP_ALIAS + QUOTA + RENAME + REMOVE
+BARE = ("b0", "b1")
+NEWU_PAUSE = "/run/sandbox/newu-pause"     # read by the qmail-newu stand-in
+NEWU_CALLS = "/run/sandbox/log/qmail-newu.calls"
 
 
 def password(address, new=False):
     return ("new-" if new else "old-") + address
 
 
+def renamed(name):
+    return name + "x"
+
+
+def quota(d, name):
+    return 1000000 + 1000 * DOMAINS.index(d) + int(name[1:])
+
+
+def domain_alias(d):
+    return "al-" + d
+
+
 def batch():
-    """(arguments, standard input, password) of every run started at once."""
+    """(arguments, standard input, password) of every run of the batch.  No
+    two touch the same mail name, so their order cannot change the outcome."""
     runs = [(["--add-domain", "--domain-name=" + d, "--wait-stdin"], session(d), None)
             for d in NEW_DOMAINS]
     for d in DOMAINS:
-        runs += [(["--add-mailname", "--domain-name=" + d, "--mailname=" + n,
-                   "--disk-quota=%d" % (1000000 + i)], None, None)
-                 for i, n in enumerate(NEW_NAMES)]
-        runs += [(["--set-password", "--domain-name=" + d, "--mailname=" + n,
-                   "--mail-addresses", n], None, password("%s@%s" % (n, d), new=True))
-                 for n in NEW_PASSWORD]
-        runs += [([verb, "--domain-name=" + d, "--mailname=" + n, "--alias=a" + n,
-                   "--mail-addresses", n], None, None)
-                 for verb, names in (("--add-alias", ADD_ALIAS), ("--remove-alias", DROP_ALIAS))
-                 for n in names]
+        runs.append((["--add-domain-alias", "--domain-name=" + d, "--domain-alias-name="
+                      + domain_alias(d), "--mail-addresses", "", "--set-reject"], None, None))
+        pw = lambda n, new=False: password("%s@%s" % (n, d), new)
+        own = lambda n: ["--mailname=" + n, "--mail-addresses", n]
+        alias = lambda n: ["--alias=a" + n] + own(n)
+        sized = lambda n: ["--mailname=" + n, "--disk-quota=%d" % quota(d, n)]
+        # (verb, names, arguments, password) of the runs on one mail name each;
+        # a rename is given the password again, as the panel does
+        for verb, names, args, secret in (
+                ("--add-mailname", NEW_NAMES, sized, None),
+                ("--set-mailbox-disk-quota", QUOTA,
+                 lambda n: sized(n) + ["--default-domain-quota=-1"], None),
+                ("--set-password", NEW_PASSWORD, own, lambda n: pw(n, new=True)),
+                ("--add-alias", ADD_ALIAS, alias, None),
+                ("--remove-alias", DROP_ALIAS, alias, None),
+                ("--remove-mailname", REMOVE, own, None),
+                ("--add-mailbox", BARE, own, pw),
+                ("--rename-mailname", RENAME, lambda n: ["--old-mailname=" + n, "--new-mailname="
+                                                         + renamed(n), "--mail-addresses", n],
+                 pw)):
+            runs += [([verb, "--domain-name=" + d, *args(n)], None, secret and secret(n))
+                     for n in names]
     return runs
 
 
-def concurrent_test(prog):
+def compiles():
+    with open(NEWU_CALLS) as f:
+        return len(f.readlines())
+
+
+def concurrent_set_up(prog):
     for dom in DOMAINS:
         set_up(prog, domain_with_mailboxes(dom, BOXES, lambda box: password(box + "@" + dom)))
         set_up(prog, [(["--add-alias", "--domain-name=" + dom, "--mailname=" + n, "--alias=a" + n,
                      "--mail-addresses", n], None, None) for n in DROP_ALIAS])
+        set_up(prog, [(["--add-mailname", "--domain-name=" + dom, "--mailname=" + n,
+                        "--disk-quota=-1"], None, None) for n in BARE])
 
-    # Each run waits in a shell at a pipe until all have been started, and
-    # the closing of the pipe lets them all go at once.
+
+def concurrent_test(prog, width, pause):
+    """Runs the batch `width` at a time (the first `width` released at one
+    instant, then a new one as soon as one ends), with qmail-newu pausing
+    `pause` seconds between writing users/cdb.tmp and renaming it."""
+    concurrent_set_up(prog)
+    if pause:
+        with open(NEWU_PAUSE, "w") as f:
+            f.write("%g\n" % pause)
+    compiles_before = compiles()
+    # Each run waits in a shell at a pipe until the pipe is closed.
     gate, gate_write = os.pipe()
     wait = ["/bin/sh", "-c", 'read _ <&%d; exec "$@"' % gate, "sh"]
     os.makedirs("/run/sandbox/err", exist_ok=True)
-    procs = []
-    for i, (args, stdin, pw) in enumerate(batch()):
-        with open("/run/sandbox/err/%d" % i, "w+b") as err:
-            procs.append((args, err.name, prog.command(args, stdin, pw, stdout=subprocess.DEVNULL,
-                                                    stderr=err, pass_fds=(gate,), wrap=wait)))
-    start = time.monotonic()
-    os.close(gate_write)
-    runs = []
-    for args, err, proc in procs:
-        rc = proc.wait(timeout=300)
-        with open(err) as f:
-            runs.append({"args": args, "rc": rc, "err": f.read()})
-    return {"runs": runs, "seconds": round(time.monotonic() - start, 2)}
+    pending, running, runs = list(enumerate(batch()))[::-1], [], []
+    start = None
+    while pending or running:
+        while pending and len(running) < width:
+            i, (args, stdin, pw) = pending.pop()
+            with open("/run/sandbox/err/%d" % i, "w+b") as err:
+                running.append((args, err.name, prog.command(
+                    args, stdin, pw, stdout=subprocess.DEVNULL, stderr=err, pass_fds=(gate,),
+                    wrap=wait)))
+        if start is None:
+            start = time.monotonic()
+            os.close(gate_write)
+        for item in [r for r in running if r[2].poll() is not None]:
+            running.remove(item)
+            args, err, proc = item
+            with open(err) as f:
+                runs.append({"args": args, "rc": proc.returncode, "err": f.read()})
+        time.sleep(0.002)
+    seconds = time.monotonic() - start
+    if pause:
+        os.unlink(NEWU_PAUSE)
+    return {"runs": runs, "seconds": round(seconds, 2),
+            "compiles": compiles() - compiles_before}
 
 
 def main(argv):
@@ -493,7 +551,7 @@ def main(argv):
     if mode == "kill":
         report = kill_test(prog, int(argv[4]), int(argv[5]))
     else:
-        report = concurrent_test(prog)
+        report = concurrent_test(prog, int(argv[4]), float(argv[5]))
     with open(report_path, "w") as f:
         json.dump(report, f, indent=1)
 
