@@ -1,0 +1,160 @@
+// dravnik-audit: reads qmail's files, the mail tree and the databases, and
+// reports where they disagree; with --repair also sets right what can be set
+// right without losing anything.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <boost/program_options.hpp>
+
+#include "audit/checks.h"
+#include "audit/repair.h"
+#include "mailauth/auth_db.h"
+#include "qmail/paths.h"
+#include "util/account.h"
+#include "util/log.h"
+
+namespace po = boost::program_options;
+using namespace tavix::audit;
+
+namespace {
+
+const char kUsage[] =
+    "Usage: dravnik-audit [--repair] [--json] [--sizes] [--drift-bytes=N]\n"
+    "                     [--lock-wait=SECONDS] [-h|--help]\n"
+    "\n"
+    "Checks that qmail's control files, users/assign and its compiled users/cdb,\n"
+    "the mail tree and the authentication and handlers databases agree, and\n"
+    "reports each finding on one line, grouped by domain, then a summary.\n"
+    "Exit status: 0 clean, 1 findings (after --repair: findings left), 2 when\n"
+    "something could not be read.\n";
+
+struct Options {
+  bool repair = false;
+  bool json = false;
+  bool sizes = false;
+  long long drift_bytes = 1 << 20;
+  double lock_wait = 10;
+};
+
+po::options_description Descriptions(Options* options) {
+  po::options_description d("Options");
+  d.add_options()
+      ("repair", "also fix what can be fixed without losing anything, and report each fix")
+      ("json", "print one JSON object per finding (and fix) instead of the report")
+      ("sizes", "also read every message to compare each maildirsize with the real usage")
+      ("drift-bytes", po::value<long long>(&options->drift_bytes)->default_value(1 << 20),
+       "with --sizes: the difference in bytes that counts as drift")
+      ("lock-wait", po::value<double>(&options->lock_wait)->default_value(10),
+       "seconds to wait for each file's lock before reading it without and "
+       "reporting stale-lock")
+      ("help,h", "show this help");
+  return d;
+}
+
+ServerState Read(const Options& options) {
+  ServerState state;
+  state.root = tavix::qmail::mailnames_root();
+  state.popuser_uid = tavix_ugid("popuser", 0);
+  state.popuser_gid = tavix_ugid("popuser", 1);
+  state.sizes = options.sizes;
+  state.drift_bytes = options.drift_bytes;
+  state.lock_wait_ms = static_cast<int>(options.lock_wait * 1000);
+  state.files = ReadQmailFiles(state.lock_wait_ms);
+  state.tree = WalkMailTree(state.root, options.sizes);
+  state.databases = ReadDatabases();
+  return state;
+}
+
+// Tells what could not be read; true when anything.
+bool ReportUnreadable(const ServerState& state) {
+  bool any = false;
+  for (const auto* list : {&state.files.unreadable, &state.tree.unreadable,
+                           &state.databases.unreadable})
+    for (const std::string& what : *list) {
+      std::cerr << "dravnik-audit: cannot read " << what << "\n";
+      any = true;
+    }
+  return any;
+}
+
+int Run(const Options& options) {
+  if (tavix_ugid("popuser", 0) == 0) {
+    std::cerr << "dravnik-audit: the account popuser is missing; run dravnik-setup\n";
+    return 2;
+  }
+  ServerState state = Read(options);
+  bool unreadable = ReportUnreadable(state);
+  std::vector<Finding> findings = Check(state);
+  if (!options.repair) {
+    if (options.json)
+      for (const Finding& f : findings)
+        PrintJson(f, "", std::cout);
+    else
+      PrintText(findings, std::cout);
+    return unreadable ? 2 : findings.empty() ? 0 : 1;
+  }
+  std::vector<Repaired> repaired = Repair(findings, state.lock_wait_ms);
+  for (const Repaired& r : repaired) {
+    if (options.json)
+      PrintJson(*r.finding, (r.ok ? "" : "failed: ") + r.what, std::cout);
+    else
+      std::cout << (r.ok ? "repaired " : "not repaired ") << r.finding->kind << " "
+                << r.finding->path << ": " << r.what << "\n";
+  }
+  // What is left is what the operator must look at.
+  ServerState after = Read(options);
+  unreadable = ReportUnreadable(after) || unreadable;
+  std::vector<Finding> left = Check(after);
+  if (options.json)
+    for (const Finding& f : left)
+      PrintJson(f, "", std::cout);
+  else
+    PrintText(left, std::cout);
+  return unreadable ? 2 : left.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  static char name[] = "dravnik-audit";
+  PROGNAME = name;
+  // Library reports go to standard error: standard output is the report.
+  tavix_log_init("stderr", 6, 16, 0, name);
+  umask(022);
+  Options options;
+  po::options_description descriptions = Descriptions(&options);
+  po::variables_map given;
+  try {
+    po::store(po::command_line_parser(argc, argv)
+                  .options(descriptions)
+                  .positional(po::positional_options_description())
+                  .run(),
+              given);
+    po::notify(given);
+  } catch (const po::error& e) {
+    std::cerr << "dravnik-audit: " << e.what() << "; see dravnik-audit --help\n";
+    return 2;
+  }
+  if (given.count("help")) {
+    std::cout << kUsage << "\n" << descriptions;
+    return 0;
+  }
+  options.repair = given.count("repair") > 0;
+  options.json = given.count("json") > 0;
+  options.sizes = given.count("sizes") > 0;
+  if (options.drift_bytes < 0 || options.lock_wait < 0) {
+    std::cerr << "dravnik-audit: --drift-bytes and --lock-wait cannot be negative\n";
+    return 2;
+  }
+  mailAuthDBSelectStyle(0);
+  try {
+    return Run(options);
+  } catch (const std::exception& e) {
+    std::cerr << "dravnik-audit: " << e.what() << "\n";
+    return 2;
+  }
+}

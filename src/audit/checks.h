@@ -1,0 +1,49 @@
+// The audit's rules: what the commands leave on a server, compared across
+// qmail's files, the mail tree and the two databases. Every state that a
+// sequence of dravnik runs can leave is clean; anything else is a finding.
+#ifndef DRAVNIK_AUDIT_CHECKS_H_
+#define DRAVNIK_AUDIT_CHECKS_H_
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "audit/databases.h"
+#include "audit/finding.h"
+#include "audit/mail_tree.h"
+#include "audit/qmail_files.h"
+
+namespace tavix {
+namespace audit {
+
+struct ServerState {
+  std::string root;  // of the mail names
+  uid_t popuser_uid = 0;
+  gid_t popuser_gid = 0;
+  QmailFiles files;
+  MailTree tree;
+  Databases databases;
+  bool sizes = false;
+  int64_t drift_bytes = 1 << 20;
+  int lock_wait_ms = 0;
+};
+
+std::vector<Finding> Check(const ServerState& state);
+
+// The usage counted in a maildirsize text and its limits; false when it is
+// not what the delivery agent and the commands write.
+struct MaildirsizeCount {
+  bool header_ok = false;
+  int64_t size_limit = 0;
+  int64_t count_limit = 0;
+  int64_t bytes = 0;
+  int64_t messages = 0;
+};
+bool ParseMaildirsize(const std::string& text, MaildirsizeCount* count);
+
+}  // namespace audit
+}  // namespace tavix
+
+#endif  // DRAVNIK_AUDIT_CHECKS_H_
