@@ -9,6 +9,7 @@
 #include "commands/mail_db_options.h"
 #include "util/error_stream.h"
 #include "util/idn.h"
+#include "util/log.h"
 #include "util/names.h"
 
 namespace po = boost::program_options;
@@ -102,7 +103,7 @@ void ProgramOptionsHelper::usage(int status, std::ostream& os) {
      << "Usage: " << usageLine_ << "\n"
      << description_ << "\n"
      << std::flush;
-  exit(status);
+  tavix_exit(status);
 }
 
 MissingMandatoryOption::MissingMandatoryOption(std::string const& name)

@@ -6,6 +6,8 @@
 #include <iomanip>
 #include <iostream>
 
+#include "util/log.h"
+
 namespace tavix {
 namespace mail {
 namespace dravnik_commands {
@@ -173,7 +175,7 @@ char const kShortUsage[] =
 
 [[noreturn]] void finish(int status, std::ostream& os) {
   os.flush();
-  exit(status);
+  tavix_exit(status);
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 #include "commands/usage.h"
 #include "mailauth/auth_db.h"
 #include "util/error_stream.h"
+#include "util/exception.h"
+#include "util/log.h"
 #include "util/traceback.h"
 #include "util/unique_free.h"
 
@@ -82,6 +84,26 @@ int do_main(int argc, char** argv) {
   mailAuthDBSelectStyle(0);
 
   return found->second(argc - 1, argv + 1);
+}
+
+int run_command(int argc, char** argv) {
+  try {
+    return do_main(argc, argv);
+  } catch (tavix::CommandExit const& exit) {
+    return exit.status;
+  } catch (tavix::TavixUtilException const& e) {
+    // Meant for the user: the control panel reads standard output, a person
+    // at a terminal reads standard error.
+    std::cout << e.what() << std::endl;
+    std::cerr << e.what() << std::endl;
+    return 1;
+  } catch (std::exception const& e) {
+    tavix::reportException<std::exception>(e);
+    return 1;
+  } catch (...) {
+    tavix::reportUntypedException();
+    return 2;
+  }
 }
 
 namespace tavix {

@@ -8,6 +8,12 @@
 // with the short usage and status 1.
 int do_main(int argc, char** argv);
 
+// do_main() with the reports main() gives: an exception that escapes the
+// command is reported and gives 1 (2 for one that is no std::exception),
+// and a command ended through tavix_exit() under throw_command_exit()
+// (util/log.h) gives its status.
+int run_command(int argc, char** argv);
+
 // The help commands: each prints one help text on standard output and ends
 // the process with status 0. Their arguments are ignored.
 int usageShortCmd(int argc, char** argv);

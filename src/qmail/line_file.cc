@@ -6,11 +6,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "qmail/lock.h"
 #include "util/atomic_file.h"
@@ -356,6 +360,208 @@ int edit_locked(const char* path, const std::function<bool(bool existed)>& edit)
   return 0;
 }
 
+
+// --- Held editing ------------------------------------------------------------
+//
+// A held file is kept as the pieces copy_pieces() would read from it, so
+// that every filter judges exactly what it would judge on the file.
+
+struct HeldFile {
+  explicit HeldFile(lock_handle* handle) : lock(handle) {}
+  ScopedLock lock;
+  bool existed = false;
+  bool changed = false;
+  std::vector<std::string> pieces;
+};
+
+struct Holding {
+  bool active = false;
+  std::set<std::string> paths;
+  std::map<std::string, std::unique_ptr<HeldFile>> files;
+};
+
+Holding& holding() {
+  static Holding state;
+  return state;
+}
+
+// Cuts `text` into the pieces fgets() would read from it.
+void add_pieces(std::string_view text, std::vector<std::string>* pieces) {
+  while (!text.empty()) {
+    size_t length = std::min(text.find('\n'), text.size() - 1) + 1;
+    length = std::min(length, static_cast<size_t>(kPieceBuffer - 1));
+    pieces->emplace_back(text.substr(0, length));
+    text.remove_prefix(length);
+  }
+}
+
+// What write_strings() would write.
+std::string lines_text(const char* const* lines) {
+  std::string text;
+  for (; *lines; ++lines) {
+    text += *lines;
+    if (text.empty() || text.back() != '\n')
+      text += '\n';
+  }
+  return text;
+}
+
+bool read_pieces(const char* path, std::vector<std::string>* pieces) {
+  StreamBuffer buffer;
+  UniqueFile in(open_old(path, &buffer));
+  if (!in)
+    return false;
+  char piece[kPieceBuffer];
+  while (fgets(piece, sizeof(piece), in.get()))
+    pieces->emplace_back(piece);
+  if (ferror(in.get())) {
+    log_error("Unable to read file %s: %s\n", path);
+    return false;
+  }
+  return close_reported(std::move(in), path);
+}
+
+// The held copy of `path`, loaded under its lock on first use. Null with
+// `*failed` false when the path is not held now; null with `*failed` true
+// after reporting a failure.
+HeldFile* held_file(const char* path, bool* failed) {
+  *failed = false;
+  Holding& state = holding();
+  if (!state.active || state.paths.count(path) == 0)
+    return nullptr;
+  auto found = state.files.find(path);
+  if (found != state.files.end())
+    return found->second.get();
+
+  auto file = std::make_unique<HeldFile>(mk_lock(path, 1));
+  *failed = true;
+  if (!file->lock.locked()) {
+    log_error("Error occurred while locking the file %s: %s\n", path);
+    return nullptr;
+  }
+  struct stat saved;
+  file->existed = stat(path, &saved) == 0;
+  if (!file->existed && errno != ENOENT) {
+    log_error("file_str: Unable to stat file %s: %s\n", path);
+    return nullptr;
+  }
+  if (file->existed && !read_pieces(path, &file->pieces))
+    return nullptr;
+  *failed = false;
+  return (state.files[path] = std::move(file)).get();
+}
+
+// The pieces for which `copies` says how often each stays.
+void filter_held(HeldFile* file, const CopyCount& copies) {
+  std::vector<std::string> kept;
+  kept.reserve(file->pieces.size());
+  for (const std::string& piece : file->pieces) {
+    for (size_t n = copies(piece); n > 0; --n)
+      kept.push_back(piece);
+  }
+  file->pieces.swap(kept);
+  file->changed = true;
+}
+
+// What open_old() says about a file that is not there.
+bool missing_held(const char* path) {
+  errno = ENOENT;
+  log_error("Unable to open file %s: %s\n", path);
+  return false;
+}
+
+bool prepend_held(HeldFile* file, const char* path, const char* const* lines,
+                  const char* const* drop) {
+  if (!file->existed)
+    return missing_held(path);
+  std::vector<std::string> pieces;
+  add_pieces(lines_text(lines), &pieces);
+  for (std::string& piece : file->pieces) {
+    if (copies_unless_given(piece, drop) != 0)
+      pieces.push_back(std::move(piece));
+  }
+  file->pieces.swap(pieces);
+  file->changed = true;
+  return true;
+}
+
+// The appended text joins a last line that has no newline, as it does in
+// the file.
+bool append_held(HeldFile* file, const char* const* lines) {
+  std::string text = lines_text(lines);
+  if (!file->pieces.empty() && file->pieces.back().back() != '\n') {
+    text.insert(0, file->pieces.back());
+    file->pieces.pop_back();
+  }
+  add_pieces(text, &file->pieces);
+  file->existed = true;
+  file->changed = true;
+  return true;
+}
+
+bool edit_held(HeldFile* file, const char* path, const char* const* lines, int op,
+               int how) {
+  switch (op) {
+    case kLinesAdd:
+      if (how == kAddPrepend)
+        return prepend_held(file, path, lines, kNoLines);
+      if (how == kAddAppend)
+        return append_held(file, lines);
+      return true;
+    case kLinesRemove:
+      if (!file->existed)
+        return false;
+      filter_held(file, [lines](std::string_view piece) {
+        return copies_unless_given(piece, lines);
+      });
+      return true;
+    case kLinesRemoveBy:
+      if (!file->existed)
+        return missing_held(path);
+      filter_held(file, [lines, how](std::string_view piece) {
+        return copies_before_match(piece, lines, how);
+      });
+      return true;
+    default:
+      return true;
+  }
+}
+
+// The held copy of `path` written over the file, with the owner and mode
+// the file has now (a command may have changed them since the copy was
+// read). False after reporting.
+bool write_held(const std::string& path, const HeldFile& file) {
+  StreamBuffer buffer;
+  AtomicFile temp;
+  if (!create_temp(path.c_str(), &temp, &buffer))
+    return false;
+  for (const std::string& piece : file.pieces) {
+    if (fputs(piece.c_str(), temp.stream()) == EOF) {
+      log_error("Unable to fputs to file %s: %s\n", temp_name(path.c_str()).c_str());
+      return false;
+    }
+  }
+  UniqueFile current(open_stream(path.c_str(), O_RDONLY, "r"));
+  if (current && !give_attributes(&temp, current.get(), path.c_str()))
+    return false;
+  if (!temp.sync() || !temp.commit()) {
+    print_error("Unable to rename file %s: %s\n", temp_name(path.c_str()));
+    return false;
+  }
+  return true;
+}
+
+// Writes `path` when it changed and releases its lock. False after
+// reporting.
+bool release_held(const std::string& path, HeldFile* file) {
+  bool written = !file->changed || write_held(path, *file);
+  if (file->lock.release() != 0) {
+    log_error("Error occurred while unlocking the file %s: %s\n", path.c_str());
+    return false;
+  }
+  return written;
+}
+
 }  // namespace
 
 int write_strings(FILE* stream, const char* const* lines) {
@@ -373,6 +579,11 @@ int write_strings(FILE* stream, const char* const* lines) {
 int file_strings(const char* path, const char* const* lines, int op, int how) {
   if (!lines)
     lines = kNoLines;
+  bool failed = false;
+  if (HeldFile* file = held_file(path, &failed))
+    return edit_held(file, path, lines, op, how) ? 0 : 1;
+  if (failed)
+    return 1;
   return edit_locked(path, [=](bool existed) {
     return edit_contents(path, lines, op, how, existed);
   });
@@ -384,6 +595,11 @@ int file_remove_prepend(const char* path, const char* const* drop,
     drop = kNoLines;
   if (!lines)
     lines = kNoLines;
+  bool failed = false;
+  if (HeldFile* file = held_file(path, &failed))
+    return prepend_held(file, path, lines, drop) ? 0 : 1;
+  if (failed)
+    return 1;
   // A missing file fails at the prepend, as it would after the removal.
   return edit_locked(path, [=](bool) { return prepend(path, lines, drop); });
 }
@@ -391,4 +607,34 @@ int file_remove_prepend(const char* path, const char* const* drop,
 int file_str(const char* path, const char* line, int op, int how) {
   const char* const lines[] = {line, nullptr};
   return file_strings(path, lines, op, how);
+}
+
+void line_files_hold(const char* const* paths) {
+  Holding& state = holding();
+  state.active = true;
+  for (; paths && *paths; ++paths)
+    state.paths.insert(*paths);
+}
+
+int line_files_write_held() {
+  Holding& state = holding();
+  int result = 0;
+  for (auto& entry : state.files) {
+    if (!release_held(entry.first, entry.second.get()))
+      result = 1;
+  }
+  state.files.clear();
+  state.paths.clear();
+  state.active = false;
+  return result;
+}
+
+int line_file_write_held(const char* path) {
+  Holding& state = holding();
+  auto found = state.files.find(path);
+  if (found == state.files.end())
+    return 0;
+  bool written = release_held(found->first, found->second.get());
+  state.files.erase(found);
+  return written ? 0 : 1;
 }

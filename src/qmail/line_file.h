@@ -54,4 +54,23 @@ int file_str(const char* path, const char* line, int op, int how);
 // 0, or -1 when a write failed (errno tells why); nothing is reported.
 int write_strings(FILE* stream, const char* const* lines);
 
+// Held editing, for a run that applies many commands in a row. While a
+// hold is open, the first edit of one of the `paths` given takes the file's
+// lock and KEEPS it, and reads the file into memory once; that edit and
+// every later one of the path work on the lines in memory, with the same
+// results the edits on the file would have had. line_files_write_held()
+// then writes each changed file once, as an edit does (temporary file,
+// the current file's owner and mode, fsync, rename), and lets the locks go.
+// Other paths are edited on disk as always. Until the write, the file on
+// disk is the one of before the hold: a run killed meanwhile leaves it
+// whole and as it was.
+void line_files_hold(const char* const* paths);
+// Writes and releases everything held and ends the hold. 0, or 1 after
+// reporting a file that could not be written (the others are written).
+int line_files_write_held();
+// Writes one held path now and lets its lock go, for an edit that must
+// read or lock the real file (a sed child); its next edit holds it again.
+// 0 when it was not held or is written, else 1 after reporting.
+int line_file_write_held(const char* path);
+
 #endif  // DRAVNIK_QMAIL_LINE_FILE_H_

@@ -208,6 +208,10 @@ bool sed_failed(int result) { return result == 127 || result < 0; }
 // the file could not be locked or filtered at all, else 0.
 int repoint_aliases(const std::string& from, const std::string& to, int* sed_result) {
   const std::string path = assign();
+  // sed reads the file on disk, and the lock below is the one a held copy
+  // keeps: a held copy is written and let go first.
+  if (line_file_write_held(path.c_str()) != 0)
+    return -1;
   tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
   if (!lock.locked()) {
     tavix_log(3, "Error occurred while locking %s file", path.c_str());

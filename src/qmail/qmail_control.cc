@@ -13,16 +13,17 @@ namespace {
 
 const char kInitScript[] = "/etc/rc.d/init.d/qmail";
 
-}  // namespace
+bool deferring = false;
+QmailRequests noted;
 
-// qmail-newu always writes the same users/cdb.tmp and renames it over
-// users/cdb: two compiles at once trample each other, and a compile that
-// read users/assign before another run's edit could finish after that run's
-// own compile and leave a users/cdb older than the file. Under the lock of
-// users/assign, the one every edit of the file holds, compiles take turns
-// and each reads a whole, current file; as every run compiles after its
-// edits, the last compile comes after the last edit.
-int run_qmail_newu() {
+// True when the request was only counted in `*count`.
+bool note(int* count) {
+  if (deferring)
+    ++*count;
+  return deferring;
+}
+
+int newu_now() {
   std::string assign = tavix::qmail::qmail_file("/users/assign");
   tavix::ScopedLock lock(mk_lock(assign.c_str(), 1));
   if (!lock.locked()) {
@@ -33,16 +34,52 @@ int run_qmail_newu() {
   return path_exec(newu.c_str(), static_cast<char*>(nullptr));
 }
 
+}  // namespace
+
+// qmail-newu always writes the same users/cdb.tmp and renames it over
+// users/cdb: two compiles at once trample each other, and a compile that
+// read users/assign before another run's edit could finish after that run's
+// own compile and leave a users/cdb older than the file. Under the lock of
+// users/assign, the one every edit of the file holds, compiles take turns
+// and each reads a whole, current file; as every run compiles after its
+// edits, the last compile comes after the last edit.
+int run_qmail_newu() {
+  return note(&noted.newu) ? 0 : newu_now();
+}
+
 int qmail_restart() {
+  if (note(&noted.restart))
+    return 0;
   return path_exec(kInitScript, "restart", static_cast<char*>(nullptr));
 }
 
 int qmail_reload_configuration() {
+  if (note(&noted.reload))
+    return 0;
   return path_exec(kInitScript, "reload", static_cast<char*>(nullptr));
 }
 
 int qmail_soft_reload_configuration() {
+  if (note(&noted.hup))
+    return 0;
   return send_sig("qmail-send", SIGHUP);
+}
+
+void qmail_defer(bool on) { deferring = on; }
+
+QmailRequests qmail_deferred_requests() { return noted; }
+
+QmailRequests qmail_run_deferred() {
+  QmailRequests const asked = noted;
+  noted = QmailRequests();
+  QmailRequests failed;
+  failed.newu = asked.newu && newu_now() != 0;
+  failed.restart =
+      asked.restart && path_exec(kInitScript, "restart", static_cast<char*>(nullptr)) != 0;
+  failed.reload =
+      asked.reload && path_exec(kInitScript, "reload", static_cast<char*>(nullptr)) != 0;
+  failed.hup = asked.hup && send_sig("qmail-send", SIGHUP) != 0;
+  return failed;
 }
 
 int qmail_refresh() {

@@ -19,4 +19,23 @@ int qmail_soft_reload_configuration();
 // either failed.
 int qmail_refresh();
 
+// Deferred mode, for a run that applies many commands in a row: while it is
+// on, the functions above only note that they were asked for and give 0;
+// qmail_run_deferred() then runs each noted one once, in the order qmail
+// needs (the compile, the restart or reload, the SIGHUP).
+// Counts of requests; in a result of qmail_run_deferred(), 1 for a failure.
+struct QmailRequests {
+  int newu = 0;
+  int restart = 0;
+  int reload = 0;
+  int hup = 0;
+  int total() const { return newu + restart + reload + hup; }
+};
+void qmail_defer(bool on);
+// What was noted since the last qmail_run_deferred().
+QmailRequests qmail_deferred_requests();
+// Runs what was noted (deferred mode stays as it is) and forgets it. The
+// flags of the result tell which of them failed.
+QmailRequests qmail_run_deferred();
+
 #endif  // DRAVNIK_QMAIL_QMAIL_CONTROL_H_

@@ -20,6 +20,10 @@ const char* LogLocation = nullptr;
 char* PROGNAME = nullptr;
 
 namespace {
+tavix_fatal_fn fatal_handler = nullptr;
+}  // namespace
+
+namespace {
 
 // A user message is formatted into this much room first; longer ones get a
 // buffer of their own size, which leaves no room for the errno suffix.
@@ -163,8 +167,18 @@ int ex_messlog(const char* text, int exit_code, int /*flag*/) {
   print_message(stderr, prefix, text);
   print_message(stdout, prefix, text);
   if (exit_code != 0)
-    exit(exit_code);
+    tavix_exit(exit_code);
   return 0;
+}
+
+void tavix_set_fatal_handler(tavix_fatal_fn handler) { fatal_handler = handler; }
+
+void tavix::throw_command_exit(int status) { throw CommandExit{status}; }
+
+void tavix_exit(int status) {
+  if (fatal_handler != nullptr)
+    fatal_handler(status);
+  exit(status);
 }
 
 void vmesslog2(int exit_code, int flag, const char* format, va_list ap) {

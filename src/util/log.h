@@ -31,8 +31,29 @@ void _tavix_utility_log(int priority, const char* format, ...)
 void _tavix_utility_logv(int priority, const char* format, va_list ap)
     __attribute__((format(printf, 2, 0)));
 
+// What ends the process on a fatal failure. Null (the default) calls
+// exit(); a program that runs several commands in one process sets a
+// handler that throws, so that a command's fatal failure ends that command
+// alone and its owners clean up on the way out. The handler must not
+// return.
+typedef void (*tavix_fatal_fn)(int status);
+void tavix_set_fatal_handler(tavix_fatal_fn handler);
+// Ends the command with `status` through the handler, or the process.
+[[noreturn]] void tavix_exit(int status);
+
+namespace tavix {
+// What the handler of a program that runs many commands throws; the
+// command runner (main/dispatch.h) turns it into the command's status. Not
+// a std::exception, so that nothing on the way mistakes it for an error.
+struct CommandExit {
+  int status;
+};
+// A fatal handler that throws CommandExit.
+[[noreturn]] void throw_command_exit(int status);
+}  // namespace tavix
+
 // Prints `text` on standard error and then on standard output, each ended by
-// a newline; exits with `exit_code` when it is non-zero.
+// a newline; ends with tavix_exit(`exit_code`) when it is non-zero.
 int ex_messlog(const char* text, int exit_code, int flag = 0);
 
 // Formats a user message, appends "\nSystem error %d: %s" when errno is set,

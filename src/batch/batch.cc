@@ -1,0 +1,220 @@
+#include "batch/batch.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "batch/batch_input.h"
+#include "batch/checkpoint.h"
+#include "batch/command_runner.h"
+
+namespace tavix {
+namespace batch {
+
+namespace {
+
+// A command whose work cannot be held: it runs plug-ins and sed on the
+// shared files. It ends the checkpoint and runs as it does alone.
+bool runs_alone(const Command& command) { return command.argv[0] == "--rename-domain"; }
+
+bool write_all(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+double now() {
+  struct timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec + t.tv_nsec / 1e9;
+}
+
+struct Done {
+  size_t line;
+  Outcome outcome;
+  bool asked_qmail;  // the command asked for a compile, restart or SIGHUP
+};
+
+class Batch {
+ public:
+  Batch(const Options& options, size_t total)
+      : options_(options), total_(total), started_(now()),
+        progress_(isatty(runner_.error_fd()) == 1) {}
+
+  // False once the batch is to stop.
+  bool run_line(size_t number, const std::string& line);
+  // Ends the checkpoint and reports what it holds. False when the report
+  // could not be written.
+  bool flush();
+  int status() const { return failed_ ? 1 : 0; }
+  void end_progress();
+
+ private:
+  void run_command(size_t number, const Command& command);
+  void show_progress();
+
+  const Options& options_;
+  CommandRunner runner_;
+  Checkpoint checkpoint_;
+  std::vector<Done> done_;
+  size_t total_;
+  size_t finished_ = 0;
+  double started_;
+  bool progress_;
+  bool failed_ = false;
+};
+
+void Batch::run_command(size_t number, const Command& command) {
+  if (runs_alone(command)) {
+    flush();
+    done_.push_back({number, runner_.run(command), false});
+    flush();
+    return;
+  }
+  checkpoint_.open();
+  int const asked_before = checkpoint_.requests().total();
+  Outcome outcome = runner_.run(command);
+  done_.push_back({number, std::move(outcome), checkpoint_.requests().total() > asked_before});
+}
+
+bool Batch::run_line(size_t number, const std::string& line) {
+  Command command;
+  std::string error;
+  if (parse_command(line, &command, &error)) {
+    run_command(number, command);
+  } else {
+    Outcome outcome;
+    outcome.status = 1;
+    outcome.output = "dravnik-batch: line " + std::to_string(number) + ": " + error + "\n";
+    done_.push_back({number, outcome, false});
+  }
+  ++finished_;
+  bool const failed = done_.empty() || done_.back().outcome.status != 0;
+  if (done_.size() >= static_cast<size_t>(options_.checkpoint) && !flush())
+    return false;
+  show_progress();
+  return !(failed && options_.stop_on_error);
+}
+
+bool Batch::flush() {
+  Checkpoint::Result const result = checkpoint_.close();
+  std::string const message = result.message();
+  std::string report;
+  for (Done& done : done_) {
+    if (!message.empty() && done.asked_qmail) {
+      done.outcome.status = done.outcome.status ? done.outcome.status : 1;
+      done.outcome.output += message;
+    }
+    if (done.outcome.status != 0)
+      failed_ = true;
+    report += "{\"line\": " + std::to_string(done.line) +
+              ", \"status\": " + std::to_string(done.outcome.status) +
+              ", \"output\": " + json_quote(done.outcome.output) + "}\n";
+  }
+  done_.clear();
+  return write_all(runner_.output_fd(), report);
+}
+
+void Batch::show_progress() {
+  if (!progress_)
+    return;
+  double const elapsed = now() - started_;
+  double const rate = elapsed > 0 ? finished_ / elapsed : 0;
+  double const left = rate > 0 ? (total_ - finished_) / rate : 0;
+  char text[128];
+  snprintf(text, sizeof text, "\r%zu/%zu  %.0f/s  %.0f s left ", finished_, total_, rate, left);
+  (void)write_all(runner_.error_fd(), text);
+}
+
+void Batch::end_progress() {
+  if (progress_)
+    (void)write_all(runner_.error_fd(), "\n");
+}
+
+bool refuse(std::string* error, const std::string& text) {
+  *error = text;
+  return false;
+}
+
+bool read_fd(int fd, std::string* text) {
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return false;
+    if (n == 0)
+      return true;
+    text->append(buffer, static_cast<size_t>(n));
+  }
+}
+
+}  // namespace
+
+bool read_input(const std::string& input, std::vector<std::string>* lines,
+                std::string* error) {
+  std::string text;
+  if (input == "-") {
+    if (!read_fd(STDIN_FILENO, &text))
+      return refuse(error, std::string("cannot read standard input: ") + strerror(errno));
+  } else {
+    UniqueFd fd(open(input.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (!fd || fstat(fd.get(), &status) != 0)
+      return refuse(error, "cannot open " + input + ": " + strerror(errno));
+    if (!S_ISREG(status.st_mode) || status.st_uid != 0 || (status.st_mode & 066) != 0)
+      return refuse(error, input +
+                               " must be a regular file owned by root that neither its group "
+                               "nor others may read or write: it may hold passwords");
+    if (!read_fd(fd.get(), &text))
+      return refuse(error, "cannot read " + input + ": " + strerror(errno));
+  }
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos)
+      end = text.size();
+    lines->push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  size_t blank = 0;
+  for (const std::string& line : *lines)
+    blank += is_blank(line) ? 1 : 0;
+  if (blank == lines->size())
+    return refuse(error, "no commands in " + (input == "-" ? "standard input" : input));
+  return true;
+}
+
+int run_batch(const Options& options, const std::vector<std::string>& lines) {
+  size_t total = 0;
+  for (const std::string& line : lines)
+    total += is_blank(line) ? 0 : 1;
+  Batch batch(options, total);
+  for (size_t i = 0; i < lines.size(); ++i) {
+    if (is_blank(lines[i]))
+      continue;
+    if (!batch.run_line(i + 1, lines[i]))
+      break;
+  }
+  bool const reported = batch.flush();
+  batch.end_progress();
+  if (!reported)
+    return 2;
+  return batch.status();
+}
+
+}  // namespace batch
+}  // namespace tavix

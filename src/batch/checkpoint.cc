@@ -1,0 +1,64 @@
+#include "batch/checkpoint.h"
+
+#include <vector>
+
+#include "qmail/line_file.h"
+#include "qmail/paths.h"
+
+namespace tavix {
+namespace batch {
+
+namespace {
+
+// The files every server-wide change rewrites as a whole: worth holding.
+// A mail name's own .qmail files are small and edited on disk.
+const char* const kSharedFiles[] = {
+    "/users/assign",           "/control/rcpthosts", "/control/virtualdomains",
+    "/control/locals",         "/control/rejectnonexist",
+};
+
+}  // namespace
+
+Checkpoint::~Checkpoint() { close(); }
+
+void Checkpoint::open() {
+  if (open_)
+    return;
+  std::vector<std::string> paths;
+  for (const char* suffix : kSharedFiles)
+    paths.push_back(qmail::qmail_file(suffix));
+  std::vector<const char*> list;
+  for (const std::string& path : paths)
+    list.push_back(path.c_str());
+  list.push_back(nullptr);
+  line_files_hold(list.data());
+  qmail_defer(true);
+  open_ = true;
+}
+
+QmailRequests Checkpoint::requests() const { return qmail_deferred_requests(); }
+
+Checkpoint::Result Checkpoint::close() {
+  Result result;
+  if (!open_)
+    return result;
+  open_ = false;
+  result.files_failed = line_files_write_held() != 0;
+  qmail_defer(false);
+  result.failed = qmail_run_deferred();
+  return result;
+}
+
+std::string Checkpoint::Result::message() const {
+  std::string text;
+  if (files_failed)
+    text += "dravnik-batch: the qmail files of this checkpoint could not be written\n";
+  if (failed.newu)
+    text += "dravnik-batch: qmail-newu failed at the checkpoint\n";
+  if (failed.restart || failed.reload || failed.hup)
+    text += "dravnik-batch: qmail could not be told to re-read its files\n";
+  return text;
+}
+
+}  // namespace batch
+}  // namespace tavix

@@ -1,0 +1,52 @@
+// A checkpoint: the span of commands whose changes of qmail's shared files
+// are written together. While one is open, users/assign and the control
+// files are edited in memory under their locks, and qmail-newu, the init
+// script and the SIGHUP to qmail-send are only noted; closing it writes each
+// changed file once, then compiles once, restarts or reloads once, and
+// sends at most one SIGHUP.
+//
+// A batch killed at any instant thus leaves every file whole; the files
+// are written before the compile, so a kill between the two leaves a
+// users/cdb that the next run's compile (every command that edits
+// users/assign asks for one) brings up to date.
+#ifndef DRAVNIK_BATCH_CHECKPOINT_H_
+#define DRAVNIK_BATCH_CHECKPOINT_H_
+
+#include <string>
+
+#include "qmail/qmail_control.h"
+
+namespace tavix {
+namespace batch {
+
+class Checkpoint {
+ public:
+  Checkpoint() = default;
+  // Closes an open checkpoint; its result is lost, so callers close().
+  ~Checkpoint();
+  Checkpoint(const Checkpoint&) = delete;
+  Checkpoint& operator=(const Checkpoint&) = delete;
+
+  void open();
+  bool is_open() const { return open_; }
+
+  // What the commands run since open() asked qmail for so far.
+  QmailRequests requests() const;
+
+  struct Result {
+    bool files_failed = false;
+    QmailRequests failed;  // which deferred runs failed
+    // The text for the commands that a failure here concerns.
+    std::string message() const;
+  };
+  // Writes, compiles and signals as described above; no-op when closed.
+  Result close();
+
+ private:
+  bool open_ = false;
+};
+
+}  // namespace batch
+}  // namespace tavix
+
+#endif  // DRAVNIK_BATCH_CHECKPOINT_H_

@@ -1,0 +1,165 @@
+#include "batch/command_runner.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
+#include <vector>
+
+#include "commands/password.h"
+#include "main/dispatch.h"
+#include "maildata/session_mail_data.h"
+#include "util/log.h"
+
+namespace tavix {
+namespace batch {
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+  throw std::runtime_error(std::string(what) + ": " + strerror(errno));
+}
+
+UniqueFd duplicate(int fd) {
+  UniqueFd copy(fcntl(fd, F_DUPFD_CLOEXEC, 3));
+  if (!copy)
+    fail("cannot keep a standard stream aside");
+  return copy;
+}
+
+// An anonymous file holding `text`, read from its start.
+UniqueFd memory_file(const char* name, const std::string& text) {
+  UniqueFd fd(memfd_create(name, MFD_CLOEXEC));
+  if (!fd)
+    fail("cannot make a memory file");
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd.get(), text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      fail("cannot write a memory file");
+    done += static_cast<size_t>(n);
+  }
+  if (lseek(fd.get(), 0, SEEK_SET) != 0)
+    fail("cannot rewind a memory file");
+  return fd;
+}
+
+std::string read_all(int fd) {
+  if (lseek(fd, 0, SEEK_SET) != 0)
+    fail("cannot rewind the command's output");
+  std::string text;
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      fail("cannot read the command's output");
+    if (n == 0)
+      return text;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+}
+
+void flush_streams() {
+  std::cout.flush();
+  std::cerr.flush();
+  fflush(stdout);
+  fflush(stderr);
+}
+
+// Whatever the streams still buffer belongs to the descriptor they are
+// about to lose: read-ahead of a document is dropped, not handed on.
+void forget_input() {
+  __fpurge(stdin);
+  clearerr(stdin);
+  std::cin.clear();
+}
+
+void move_fd(int from, int to) {
+  if (dup2(from, to) < 0)
+    fail("cannot redirect a standard stream");
+}
+
+// The passwords reach the front end as they would from the environment,
+// but are taken out of it before the command runs: no child it starts
+// (qmail-newu, sed) may inherit them.
+void hand_passwords(const Command& command) {
+  if (command.password && setenv("ZON_PASSWORD", command.password->c_str(), 1) != 0)
+    fail("cannot pass the password");
+  if (command.crypted_password &&
+      setenv("ZON_CRYPTED_PASSWORD", command.crypted_password->c_str(), 1) != 0)
+    fail("cannot pass the password");
+  take_env_passwords();
+}
+
+// A password the command did not ask for must not reach the next one.
+void drop_passwords() {
+  const char* password = nullptr;
+  int crypted = 0;
+  (void)get_env_password(&password, &crypted);
+}
+
+}  // namespace
+
+CommandRunner::CommandRunner()
+    : saved_in_(duplicate(STDIN_FILENO)),
+      saved_out_(duplicate(STDOUT_FILENO)),
+      saved_err_(duplicate(STDERR_FILENO)) {
+  tavix_set_fatal_handler(throw_command_exit);
+}
+
+CommandRunner::~CommandRunner() { tavix_set_fatal_handler(nullptr); }
+
+void CommandRunner::redirect(int in, int out) {
+  flush_streams();
+  forget_input();
+  move_fd(in, STDIN_FILENO);
+  move_fd(out, STDOUT_FILENO);
+  move_fd(out, STDERR_FILENO);
+}
+
+void CommandRunner::restore() {
+  flush_streams();
+  forget_input();
+  move_fd(saved_in_.get(), STDIN_FILENO);
+  move_fd(saved_out_.get(), STDOUT_FILENO);
+  move_fd(saved_err_.get(), STDERR_FILENO);
+}
+
+Outcome CommandRunner::run(const Command& command) {
+  UniqueFd in = command.stdin_text ? memory_file("stdin", *command.stdin_text)
+                                   : UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  if (!in)
+    fail("cannot open /dev/null");
+  UniqueFd out = memory_file("output", "");
+
+  std::vector<std::string> words{"dravnik"};
+  words.insert(words.end(), command.argv.begin(), command.argv.end());
+  std::vector<char*> argv;
+  for (std::string& word : words)
+    argv.push_back(&word[0]);
+  argv.push_back(nullptr);
+
+  Outcome outcome;
+  redirect(in.get(), out.get());
+  hand_passwords(command);
+  outcome.status = run_command(static_cast<int>(words.size()), argv.data());
+  drop_passwords();
+  free_session_mail_db_info();
+  restore();
+  outcome.output = read_all(out.get());
+  return outcome;
+}
+
+}  // namespace batch
+}  // namespace tavix

@@ -1,0 +1,49 @@
+// Running one dravnik command inside this process, as its own run would:
+// its document on standard input, its passwords where the front end looks
+// for them, whatever it prints on standard output and standard error kept
+// for the caller, and a fatal failure ending that command only.
+#ifndef DRAVNIK_BATCH_COMMAND_RUNNER_H_
+#define DRAVNIK_BATCH_COMMAND_RUNNER_H_
+
+#include <string>
+
+#include "batch/batch_input.h"
+#include "util/fs.h"
+
+namespace tavix {
+namespace batch {
+
+struct Outcome {
+  int status = 0;
+  std::string output;  // standard output and standard error, interleaved
+};
+
+class CommandRunner {
+ public:
+  // Keeps this process's own standard streams aside for the caller's use
+  // (see output_fd()) and sets the fatal handler. Throws std::runtime_error
+  // when descriptors cannot be had.
+  CommandRunner();
+  ~CommandRunner();
+  CommandRunner(const CommandRunner&) = delete;
+  CommandRunner& operator=(const CommandRunner&) = delete;
+
+  Outcome run(const Command& command);
+
+  // The process's standard output and error as they were at construction.
+  int output_fd() const { return saved_out_.get(); }
+  int error_fd() const { return saved_err_.get(); }
+
+ private:
+  void redirect(int in, int out);
+  void restore();
+
+  UniqueFd saved_in_;
+  UniqueFd saved_out_;
+  UniqueFd saved_err_;
+};
+
+}  // namespace batch
+}  // namespace tavix
+
+#endif  // DRAVNIK_BATCH_COMMAND_RUNNER_H_
