@@ -1,0 +1,197 @@
+"""dravnik-audit against servers made by real dravnik runs in the sandbox:
+each fault injected into such a server gives exactly its finding, --repair
+sets right what it can and leaves the rest as it was, a server made by the
+commands alone is clean, and links planted by the mail user are reported,
+never followed."""
+
+import hashlib
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+from pathlib import Path
+
+import pytest
+
+from sandbox import Sandbox
+from test_domain_commands import (AUTH_DB, DOMAIN, add_auth_user, add_domain, add_domain_alias,
+                                  add_handler, add_mailbox, add_mailname, break_db, mail_state,
+                                  ok, query, session)
+from test_symlink_attacks import DECOY, decoy_listing, make_decoy, plant
+
+AUDIT = os.environ.get("DRAVNIK_AUDIT") or str(
+    Path(Sandbox.default_dravnik()).parent.parent / "audit" / "dravnik-audit")
+ROOT = "/var/qmail/mailnames/example.com"
+JOHN = ROOT + "/john"
+ASSIGN = "/var/qmail/users/assign"
+POPUSER = 110
+
+
+def audit(sb, *args, wrap=()):
+    r = sb.run_raw([*wrap, AUDIT, "--json", *args])
+    assert r.rc in (0, 1), r
+    return r.rc, [json.loads(line) for line in r.out.splitlines()]
+
+
+def kinds(findings):
+    return {f["kind"] for f in findings if "repair" not in f}
+
+
+def edit(sb, path, change, compile_assign=True):
+    """Rewrites a file of the sandbox by hand, keeping its owner and mode;
+    users/assign is compiled again, as an operator who knew would do."""
+    host = sb.path(path)
+    st = host.stat()
+    host.write_text(change(host.read_text()))
+    os.chown(host, st.st_uid, st.st_gid)
+    if path == ASSIGN and compile_assign:
+        assert sb.run_raw(["/var/qmail/bin/qmail-newu"]).rc == 0
+
+
+def popuser_file(sb, path, text):
+    sb.write(path, text)
+    os.chown(sb.path(path), POPUSER, POPUSER)
+
+
+def future(sb, path):
+    st = sb.path(path).stat()
+    os.utime(sb.path(path), (st.st_atime, st.st_mtime + 10))
+
+
+LOCK = "/run/lock/files/" + hashlib.md5(ASSIGN.encode()).hexdigest()
+
+# kind: (injection, repairable, extra audit arguments, wrapper of the audit)
+FAULTS = {
+    "rcpthosts-without-virtualdomains": (
+        lambda sb: edit(sb, "/var/qmail/control/rcpthosts", lambda t: t + "stray.org\n"),
+        False, (), ()),
+    "virtualdomains-without-rcpthosts": (
+        lambda sb: edit(sb, "/var/qmail/control/rcpthosts",
+                        lambda t: t.replace("alias.example\n", "")), False, (), ()),
+    "alias-to-missing-domain": (
+        lambda sb: [edit(sb, "/var/qmail/control/" + f, lambda t, l=l: t + l) for f, l in
+                    (("rcpthosts", "other.example\n"),
+                     ("virtualdomains", "other.example:gone.org\n"))], False, (), ()),
+    "missing-wildcard": (
+        lambda sb: edit(sb, ASSIGN, lambda t: "".join(
+            l for l in t.splitlines(True) if not l.startswith("+"))), True, (), ()),
+    "stale-wildcard": (
+        lambda sb: edit(sb, ASSIGN, lambda t: "+old.example:popuser:110:110:" + ROOT + ":::\n"
+                        + t), True, (), ()),
+    "missing-home": (lambda sb: shutil.rmtree(sb.path(ROOT + "/jane")), False, (), ()),
+    "mailname-incomplete": (lambda sb: os.rmdir(sb.path(JOHN + "/Maildir/cur")), False, (), ()),
+    "orphan-directory": (lambda sb: os.mkdir(sb.path(ROOT + "/ghost"), 0o700), False, (), ()),
+    "assign-malformed": (
+        lambda sb: edit(sb, ASSIGN, lambda t: t.splitlines(True)[0] + t), False, (), ()),
+    "cdb-outdated": (lambda sb: future(sb, ASSIGN), True, (), ()),
+    "owner-or-mode": (lambda sb: os.chmod(sb.path(JOHN + "/Maildir"), 0o755), True, (), ()),
+    "symlink-in-tree": (
+        lambda sb: plant(sb, JOHN + "/Maildir/new/1.host,S=99", "/etc/passwd"), False, (), ()),
+    "maildirsize-malformed": (
+        lambda sb: edit(sb, JOHN + "/Maildir/maildirsize", lambda t: t + "12 x\n"), True, (), ()),
+    "maildirsize-drift": (
+        lambda sb: popuser_file(sb, JOHN + "/Maildir/new/1.host", "x" * (2 << 20)),
+        True, ("--sizes",), ()),
+    "auth-orphan": (lambda sb: add_auth_user(sb, "ghost"), True, (), ()),
+    "auth-missing": (lambda sb: query(sb, AUTH_DB, "DELETE FROM users WHERE name = 'john'"),
+                     False, (), ()),
+    "handler-orphan": (lambda sb: add_handler(sb, "ghost@example.com"), True, (), ()),
+    "leftover-temporary": (
+        lambda sb: sb.write("/var/qmail/control/rcpthosts.tmp", "example.com\n"), True, (), ()),
+    "stale-lock": (lambda sb: None, False, ("--lock-wait=0.2",), ("/usr/bin/flock", LOCK)),
+}
+
+
+@pytest.fixture(scope="module")
+def prepared():
+    """example.com with the alias domain alias.example, john's mailbox with
+    the alias info and a handler, and jane without a mailbox."""
+    with Sandbox() as sb:
+        sb.init_databases()
+        make_decoy(sb)
+        add_domain(sb)
+        add_mailbox(sb, "john")
+        ok(sb, "--add-alias", "--domain-name=" + DOMAIN, "--mailname=john", "--alias=info",
+           "--mail-addresses=john")
+        add_mailname(sb, "jane")
+        add_domain_alias(sb, "alias.example")
+        add_handler(sb, "john@example.com")
+        yield sb.root
+
+
+@pytest.fixture
+def sb(prepared):
+    directory = Path(tempfile.mkdtemp(prefix="dravnik-audit-"))
+    try:
+        subprocess.run(["cp", "-a", "--", str(prepared), str(directory / "root")], check=True)
+        yield Sandbox(directory)
+    finally:
+        shutil.rmtree(directory)
+
+
+@pytest.mark.parametrize("kind", FAULTS)
+def test_each_fault_gives_its_finding_and_repair_fixes_it_or_changes_nothing(sb, kind):
+    assert audit(sb) == (0, [])
+    inject, repairable, args, wrap = FAULTS[kind]
+    inject(sb)
+    rc, findings = audit(sb, *args, wrap=wrap)
+    assert rc == 1 and kinds(findings) == {kind}, findings
+    assert all(set(f) <= {"kind", "domain", "mailname", "path", "detail"} for f in findings)
+
+    before = mail_state(sb)
+    rc, report = audit(sb, "--repair", *args, wrap=wrap)
+    if repairable:
+        assert rc == 0 and report and all("repair" in f for f in report), report
+        assert audit(sb, *args) == (0, [])
+        assert audit(sb, "--repair", *args) == (0, [])
+    else:
+        assert rc == 1 and kinds(report) == {kind}, report
+        assert mail_state(sb) == before
+
+
+def test_server_made_by_the_commands_is_clean_once_a_rename_is_tidied(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_mailbox(sb, "john")
+    add_mailname(sb, "jane")
+    add_domain_alias(sb, "alias.example")
+    ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=jane",
+       "--new-mailname=joan", "--mail-addresses", "john")
+    for command in ("--turn-off-domain", "--turn-on-domain"):
+        extra = ("--set-bounce",) if command == "--turn-on-domain" else ()
+        ok(sb, command, "--domain-name=" + DOMAIN, "--wait-stdin", *extra,
+           stdin=session(aliases=["alias.example"], mails={"john": []}))
+    add_domain(sb, "gone.org")
+    ok(sb, "--remove-domain", "--domain-name=gone.org", "--mail-addresses", "")
+    assert audit(sb) == (0, [])
+
+    # A rename keeps the old wildcard line, now routed to the new directory,
+    # and writes none for the new name.
+    ok(sb, "--rename-domain", "--old-domain-name=" + DOMAIN, "--new-domain-name=new.org")
+    rc, findings = audit(sb)
+    assert rc == 1 and kinds(findings) == {"stale-wildcard", "missing-wildcard"}, findings
+    assert audit(sb, "--repair")[0] == 0
+    assert "+new.org:popuser:110:110:/var/qmail/mailnames/new.org:::" in sb.read(ASSIGN)
+    assert audit(sb) == (0, [])
+
+
+def test_links_of_a_hostile_mail_user_are_reported_never_followed(sb):
+    make_decoy(sb)
+    os.chmod(sb.path(DECOY + "/Maildir"), 0o777)
+    popuser_file(sb, DECOY + "/Maildir/new/1.host", "x" * (2 << 20))
+    plant(sb, JOHN + "/Maildir", DECOY + "/Maildir")
+    plant(sb, ROOT + "/jane/.qmail", DECOY + "/shadow")
+    plant(sb, ROOT + "/evil", DECOY)
+    decoy = decoy_listing(sb)
+    rc, findings = audit(sb, "--repair", "--sizes")
+    links = {f["path"] for f in findings if f["kind"] == "symlink-in-tree"}
+    assert rc == 1 and links == {JOHN + "/Maildir", ROOT + "/jane/.qmail", ROOT + "/evil"}
+    assert decoy_listing(sb) == decoy
+    assert os.path.islink(sb.path(JOHN + "/Maildir"))
+
+
+def test_unreadable_database_gives_status_2(sb):
+    break_db(sb, AUTH_DB)
+    r = sb.run_raw([AUDIT])
+    assert r.rc == 2 and "cannot read " + AUTH_DB in r.err, r
