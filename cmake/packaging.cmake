@@ -1,5 +1,5 @@
 # What `cmake --install` puts on a mail server, and the Debian package made of
-# exactly that (cd build && cpack -G DEB).  Only the two programs and their
+# exactly that (cd build && cpack -G DEB).  Only the programs and their
 # operator files are installed: the unit tests and the test drivers have no
 # install rules, so they can never end up in the package.
 
@@ -12,13 +12,13 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     GROUP_READ GROUP_EXECUTE
     WORLD_READ WORLD_EXECUTE)
 
-install(TARGETS dravnik dravnik-setup RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS dravnik dravnik-setup dravnik-audit RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
 # Manual pages are installed compressed, as man-db expects them; -n keeps the
 # name and time stamp out of the archive so that rebuilds are identical.
 find_program(GZIP_EXECUTABLE gzip REQUIRED)
 set(manpages)
-foreach(page dravnik.8 dravnik-setup.8)
+foreach(page dravnik.8 dravnik-setup.8 dravnik-audit.8)
   set(source ${PROJECT_SOURCE_DIR}/doc/${page})
   set(copy ${PROJECT_BINARY_DIR}/man/${page})
   add_custom_command(OUTPUT ${copy}.gz
@@ -36,6 +36,7 @@ install(FILES ${manpages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 # prefix's library directory (lib64, lib/<triplet>) is.
 install(FILES dist/tmpfiles.d/dravnik.conf DESTINATION lib/tmpfiles.d)
 install(FILES dist/bash-completion/dravnik dist/bash-completion/dravnik-setup
+              dist/bash-completion/dravnik-audit
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 
 # ---------------------------------------------------------------------------
@@ -58,7 +59,8 @@ quotas, editing qmail's control files under its own locks and keeping the
 mail authentication and mail handlers databases.
 
 dravnik-setup prepares a host for it: the qmail files, the lock directory and
-the databases.")
+the databases. dravnik-audit finds, and safely repairs, where qmail's files,
+the mail tree and the databases disagree.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
