@@ -125,14 +125,18 @@ class Checker {
         Add("alias-to-missing-domain", entry.second, virtualdomains,
             "domain alias " + entry.first + " points at a domain that does not exist");
     }
+    // Root's files, readable by qmail's own accounts whatever their group.
     for (const char* const* file = kEditedFiles; *file; ++file)
-      Ownership(qmail_file(*file), 0, 0, 0644);
+      RootFile(qmail_file(*file));
   }
 
-  void Ownership(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
+  void RootFile(const std::string& path) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0 || S_ISLNK(st.st_mode))
       return;
+    uid_t uid = 0;
+    gid_t gid = st.st_gid;
+    mode_t mode = 0644;
     Entry entry;
     entry.exists = true;
     entry.uid = st.st_uid;
