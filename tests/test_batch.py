@@ -1,0 +1,222 @@
+"""dravnik-batch: a list of commands in one run leaves what the same
+commands leave when run one by one, also when the batch is killed and run
+again; bad input is refused with a clear message."""
+
+import json
+import os
+import random
+import re
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+import sandbox as sandbox_module
+from test_cipher import python_decrypt
+from test_domain_commands import AUTH_DB, HANDLERS_DB, query, session
+
+BATCH = Path(os.environ.get("DRAVNIK_BATCH") or
+             sandbox_module.Sandbox.default_dravnik().parent.parent / "batch" / "dravnik-batch")
+AUTH_KEY = "/var/lib/tavix/mail/auth/passwd_db_key"
+INPUT = "/var/lib/tavix/batch.jsonl"
+CRYPT_HASH = "$1$saltsalt$7R0lsUdcYyGMuDbzsO2Ow/"
+
+
+# ---------------------------------------------------------------------------
+# The script: per domain, the rows of this table in turn. "{m}" is a mail
+# name, "{a}" its alias; a row with "each" runs for every mail name.
+
+TABLE = [
+    ("once", ["--add-domain"], None),
+    ("once", ["--add-domain-alias", "--domain-alias-name=alias-{d}", "--set-reject"], None),
+    ("each", ["--add-mailname", "--mailname={m}"], None),
+    ("each", ["--add-mailbox", "--mailname={m}"], "password"),
+    ("each", ["--set-mailbox-disk-quota", "--mailname={m}", "--disk-quota=2048000"], None),
+    ("each", ["--add-alias", "--mailname={m}", "--alias={a}"], None),
+    ("once", ["--set-password", "--mailname=m1"], "new secret"),
+    ("once", ["--rename-mailname", "--old-mailname=m2", "--new-mailname=r2"], "renamed"),
+    ("once", ["--remove-alias", "--mailname=m3", "--alias=a3"], None),
+    ("once", ["--remove-mailbox", "--mailname=m4"], None),
+    ("once", ["--remove-mailname", "--mailname=m5"], None),
+    ("once", ["--turn-off-domain"], None),
+    ("once", ["--set-password", "--mailname=m6"], "while off"),
+    ("once", ["--turn-on-domain"], None),
+    ("once", ["--set-domain-disk-quota", "--disk-quota=100000000"], None),
+    ("once", ["--get-mailbox-size", "--mailname=m7"], None),
+    # Failures: a bad name, a mail name that is not there, a missing option.
+    ("once", ["--add-alias", "--mailname=m8", "--alias=bad name"], None),
+    ("once", ["--remove-mailname", "--mailname=nobody"], None),
+    ("once", ["--add-mailbox"], "x"),
+    ("once", ["--del-domain-alias", "--domain-alias-name=alias-{d}"], None),
+]
+MAILS = 21
+
+
+def script(domains):
+    """The JSON lines, and the session document each command reads."""
+    commands = []
+    state = {}
+    for n, domain in enumerate(domains):
+        state[domain] = {}
+        for kind, argv, password in TABLE:
+            for k in range(MAILS) if kind == "each" else [0]:
+                words = [w.format(d=domain, m="m%d" % k, a="a%d" % k) for w in argv]
+                command = {"argv": [words[0], "--domain-name=" + domain] + words[1:] +
+                           ["--wait-stdin"],
+                           "stdin": json.loads(session(domain, ["alias-" + domain],
+                                                       state[domain]))}
+                if password:
+                    # Both kinds: every third one a crypt hash.
+                    key = "crypted_password" if (k or n) % 3 == 2 else "password"
+                    command[key] = CRYPT_HASH if key == "crypted_password" else password
+                commands.append(command)
+                if words[0] == "--add-mailname":
+                    state[domain][words[1].split("=")[1]] = ["a%d" % k]
+    commands.append({"argv": ["--rename-domain", "--old-domain-name=" + domains[-1],
+                              "--new-domain-name=renamed.test"]})
+    commands.append({"argv": ["--add-mailname", "--domain-name=renamed.test",
+                              "--mailname=after", "--disk-quota=-1"]})
+    return commands
+
+
+# Runs each command as its own dravnik process, inside one sandbox session
+# (a session per command would cost more than the commands): its two
+# streams in one, as the batch keeps them.
+ALONE = """
+import json, subprocess, sys
+out = []
+for c in json.load(open(sys.argv[2])):
+    env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
+    for key, name in (("password", "ZON_PASSWORD"), ("crypted_password", "ZON_CRYPTED_PASSWORD")):
+        if key in c:
+            env[name] = c[key]
+    stdin = json.dumps(c["stdin"]).encode() if "stdin" in c else b""
+    r = subprocess.run([sys.argv[1]] + c["argv"], input=stdin, env=env,
+                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    out.append([r.returncode, r.stdout.decode()])
+json.dump(out, sys.stdout)
+"""
+
+
+def run_alone(sb, commands):
+    sb.write("/var/lib/tavix/alone.json", json.dumps(commands), mode=0o600)
+    r = sb.run_raw(["/usr/bin/python3", "-c", ALONE, str(sb.dravnik),
+                    "/var/lib/tavix/alone.json"], timeout=600)
+    assert r.rc == 0, r
+    return [tuple(x) for x in json.loads(r.out)]
+
+
+def run_batch(sb, lines, *options, timeout=600):
+    sb.write(INPUT, "".join(lines), mode=0o600)
+    return sb.run_raw([str(BATCH), *options, INPUT], timeout=timeout)
+
+
+def normal(output):
+    """Syslog's copies on standard error carry the process id."""
+    return re.sub(r"^dravnik\[\d+\]: ", "dravnik: ", output, flags=re.M)
+
+
+def state(sb):
+    """What the commands leave: qmail's files byte for byte, the mail tree
+    (names, owners, modes, contents) and the database rows without row ids,
+    passwords decrypted."""
+    files = {}
+    for top in ("/var/qmail/control", "/var/qmail/users", "/var/qmail/mailnames"):
+        for dirpath, dirnames, filenames in os.walk(sb.path(top)):
+            for name in dirnames + filenames:
+                path = os.path.join(dirpath, name)
+                st = os.lstat(path)
+                body = Path(path).read_bytes() if name in filenames else None
+                files[os.path.relpath(path, sb.root)] = (st.st_mode, st.st_uid, st.st_gid, body)
+    key = sb.path(AUTH_KEY).read_bytes()[:32]
+    users = query(sb, AUTH_DB, "SELECT d.name, d.status, u.name, u.userPassword, "
+                               "u.cmusaslsecretPLAIN, u.status FROM users u JOIN domains d "
+                               "ON u.dom_id = d.id")
+    users = sorted((d, ds, u, p and p.startswith("$AES") and python_decrypt(key, p) or p,
+                    raw, us) for d, ds, u, p, raw, us in users)
+    domains = sorted(query(sb, AUTH_DB, "SELECT name, status FROM domains"))
+    handlers = sorted(query(sb, HANDLERS_DB, "SELECT * FROM handlers"))
+    return files, users, domains, handlers
+
+
+def temporaries(sb):
+    return [p for p in state(sb)[0] if re.search(r"\.tmp$|\.mail\.\w{6}$", p)]
+
+
+@pytest.fixture
+def boxes(host_before):
+    made = [sandbox_module.Sandbox() for _ in range(2)]
+    try:
+        for box in made:
+            box.init_databases()
+        yield made
+    finally:
+        for box in made:
+            box.cleanup()
+
+
+SCRIPT = script(["one.test", "two.test", "three.test"])
+LINES = [json.dumps(c) + "\n" for c in SCRIPT]
+
+
+def test_batch_equals_separate_runs(boxes):
+    alone, batched = boxes
+    expected = run_alone(alone, SCRIPT)
+    r = run_batch(batched, LINES, "--checkpoint", "40")
+    assert r.rc == 1, r  # the script has failures
+    got = [json.loads(line) for line in r.out.splitlines()]
+    assert [g["line"] for g in got] == list(range(1, len(SCRIPT) + 1))
+    assert [(g["status"], normal(g["output"])) for g in got] == \
+        [(rc, normal(out)) for rc, out in expected]
+    assert 0 < sum(rc != 0 for rc, _ in expected) < len(SCRIPT) // 10
+    assert state(batched) == state(alone)
+    # One compile per checkpoint, not one per command.
+    assert len(r.newu_calls) < len(SCRIPT) // 20
+    assert not temporaries(batched)
+
+
+def test_killed_batches_run_again_end_as_one_uninterrupted_run(boxes):
+    whole, killed = boxes
+    lines = LINES[:150]
+    assert run_batch(whole, lines, "--checkpoint", "25").rc == 1
+    rng = random.Random(14)
+    command = killed.bwrap_args() + [str(BATCH), "--checkpoint", "25", INPUT]
+    killed.write(INPUT, "".join(lines), mode=0o600)
+    for _ in range(50):
+        proc = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                start_new_session=True)
+        time.sleep(rng.uniform(0.05, 1.5))
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.wait()
+    assert run_batch(killed, lines, "--checkpoint", "25").rc == 1
+    assert state(killed) == state(whole)
+    assert not temporaries(killed)
+
+
+@pytest.mark.parametrize("text,mode,message", [
+    ('{"argv": ["--add-domain", "--domain-name=ok.test"\n', 0o600, "not a JSON object"),
+    ('{"argv": []}\n', 0o600, 'no "argv"'),
+    ('{"stdin": {}}\n', 0o600, 'no "argv"'),
+    ('{"argv": ["--add-domain"], "extra": 1}\n', 0o600, 'unknown member "extra"'),
+    ('{"argv": ["--frobnicate"]}\n', 0o600, "invalid command --frobnicate"),
+    ('{"argv": ["--add-domain"], "password": "x"}\n', 0o640, "owned by root"),
+    ('{"argv": ["--add-domain"], "password": "x"}\n', 0o604, "owned by root"),
+    ("\n\n", 0o600, "no commands"),
+])
+def test_bad_input(sandbox, text, mode, message):
+    good = json.dumps({"argv": ["--add-domain", "--domain-name=ok.test", "--wait-stdin"],
+                       "stdin": json.loads(session("ok.test"))}) + "\n"
+    refused = mode != 0o600 or not text.strip()
+    sandbox.write(INPUT, text + ("" if refused else good), mode=mode)
+    r = sandbox.run_raw([str(BATCH), INPUT])
+    assert r.rc == 1, r
+    if refused:
+        assert message in r.err and not r.out
+        return
+    first, second = [json.loads(line) for line in r.out.splitlines()]
+    assert first["line"] == 1 and first["status"] == 1 and message in first["output"]
+    # The rest of the batch still runs.
+    assert second == {"line": 2, "status": 0, "output": ""}
+    assert "ok.test" in sandbox.read("/var/qmail/control/rcpthosts")
