@@ -45,9 +45,12 @@ std::vector<std::string> SplitColons(const std::string& text) {
 // when it exists but cannot be read. A missing file reads as empty.
 bool ReadLines(const std::string& path, int lock_wait_ms, QmailFiles* files,
                std::vector<std::string>* lines) {
-  ScopedLock lock(LockWithin(path, lock_wait_ms));
-  if (!lock.get())
+  bool held = false;
+  ScopedLock lock(LockWithin(path, lock_wait_ms, &held));
+  if (!lock.get() && held)
     files->held_locks.push_back(path);
+  else if (!lock.get())
+    files->unreadable.push_back("the lock of " + path + ": " + strerror(errno));
   UniqueFd fd(open_nofollow(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd) {
     if (errno == ENOENT)
@@ -127,14 +130,17 @@ AssignLine ParseAssignLine(const std::string& text) {
   return line;
 }
 
-lock_handle* LockWithin(const std::string& path, int wait_ms) {
+lock_handle* LockWithin(const std::string& path, int wait_ms, bool* held) {
   for (int waited = 0;; waited += 20) {
     lock_handle* handle = mk_nonblock_lock(path.c_str(), 1);
     if (is_locked(handle))
       return handle;
+    *held = handle && is_already_locked(handle);
+    int saved = errno;
     if (handle)
       free_lock(handle);
-    if (waited >= wait_ms)
+    errno = saved;
+    if (!*held || waited >= wait_ms)
       return nullptr;
     struct timespec pause = {0, 20 * 1000 * 1000};
     nanosleep(&pause, nullptr);

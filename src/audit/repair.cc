@@ -47,9 +47,11 @@ Repaired OwnerMode(const Finding& f) {
 Repaired RemoveTemporary(const Finding& f, int lock_wait_ms) {
   // Under the lock of the file it was meant to replace: no living run is
   // writing it then.
-  ScopedLock lock(LockWithin(f.target, lock_wait_ms));
+  bool held = false;
+  ScopedLock lock(LockWithin(f.target, lock_wait_ms, &held));
   if (!lock.get())
-    return {&f, false, "the lock of " + f.target + " stays taken"};
+    return {&f, false, held ? "the lock of " + f.target + " stays taken"
+                            : Errno("cannot lock " + f.target)};
   if (unlink_nofollow(f.path.c_str()) != 0 && errno != ENOENT)
     return {&f, false, Errno("cannot remove it")};
   return {&f, true, "removed"};
