@@ -113,7 +113,7 @@ bool Batch::flush() {
   std::string const message = result.message();
   std::string report;
   for (Done& done : done_) {
-    if (!message.empty() && done.asked_qmail) {
+    if (!message.empty() && (done.asked_qmail || result.databases_failed)) {
       done.outcome.status = done.outcome.status ? done.outcome.status : 1;
       done.outcome.output += message;
     }

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "mailauth/sqlite_db.h"
 #include "qmail/line_file.h"
 #include "qmail/paths.h"
 
@@ -33,6 +34,7 @@ void Checkpoint::open() {
   list.push_back(nullptr);
   line_files_hold(list.data());
   qmail_defer(true);
+  sqlite::begin_transactions();
   open_ = true;
 }
 
@@ -46,6 +48,7 @@ Checkpoint::Result Checkpoint::close() {
   result.files_failed = line_files_write_held() != 0;
   qmail_defer(false);
   result.failed = qmail_run_deferred();
+  result.databases_failed = sqlite::commit_transactions() != 0;
   return result;
 }
 
@@ -53,6 +56,8 @@ std::string Checkpoint::Result::message() const {
   std::string text;
   if (files_failed)
     text += "dravnik-batch: the qmail files of this checkpoint could not be written\n";
+  if (databases_failed)
+    text += "dravnik-batch: the database changes of this checkpoint could not be committed\n";
   if (failed.newu)
     text += "dravnik-batch: qmail-newu failed at the checkpoint\n";
   if (failed.restart || failed.reload || failed.hup)

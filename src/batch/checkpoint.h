@@ -1,14 +1,17 @@
 // A checkpoint: the span of commands whose changes of qmail's shared files
 // are written together. While one is open, users/assign and the control
-// files are edited in memory under their locks, and qmail-newu, the init
-// script and the SIGHUP to qmail-send are only noted; closing it writes each
-// changed file once, then compiles once, restarts or reloads once, and
-// sends at most one SIGHUP.
+// files are edited in memory under their locks, qmail-newu, the init
+// script and the SIGHUP to qmail-send are only noted, and each database's
+// changes go into one transaction; closing it writes each changed file
+// once, then compiles once, restarts or reloads once, sends at most one
+// SIGHUP, and commits.
 //
 // A batch killed at any instant thus leaves every file whole; the files
 // are written before the compile, so a kill between the two leaves a
 // users/cdb that the next run's compile (every command that edits
-// users/assign asks for one) brings up to date.
+// users/assign asks for one) brings up to date. The databases commit last;
+// a kill before leaves them as they were before the checkpoint, and the
+// commands, run again, redo their part.
 #ifndef DRAVNIK_BATCH_CHECKPOINT_H_
 #define DRAVNIK_BATCH_CHECKPOINT_H_
 
@@ -35,6 +38,7 @@ class Checkpoint {
 
   struct Result {
     bool files_failed = false;
+    bool databases_failed = false;
     QmailRequests failed;  // which deferred runs failed
     // The text for the commands that a failure here concerns.
     std::string message() const;

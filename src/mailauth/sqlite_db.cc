@@ -1,10 +1,59 @@
 #include "mailauth/sqlite_db.h"
 
 #include <errno.h>
+#include <string.h>
 #include <time.h>
+
+#include <map>
+#include <memory>
 
 namespace tavix {
 namespace sqlite {
+
+namespace {
+
+// The connections of transaction mode, by path as given.
+struct Shared {
+  bool active = false;
+  std::map<std::string, std::unique_ptr<Database>> connections;
+};
+
+Shared& shared() {
+  static Shared state;
+  return state;
+}
+
+// Inside the mode's transaction an operation's own one nests.
+const char* nested_sql(sqlite3* db, const char* sql) {
+  if (!shared().active || db == nullptr || sqlite3_get_autocommit(db))
+    return sql;
+  if (strcmp(sql, "BEGIN TRANSACTION;") == 0)
+    return "SAVEPOINT operation;";
+  if (strcmp(sql, "END TRANSACTION;") == 0)
+    return "RELEASE operation;";
+  return sql;
+}
+
+}  // namespace
+
+void begin_transactions() { shared().active = true; }
+
+int commit_transactions() {
+  Shared& state = shared();
+  int result = 0;
+  for (auto& entry : state.connections) {
+    std::string message;
+    if (entry.second->exec("COMMIT", &message) != SQLITE_OK) {
+      tavix_log(LOG_ERR, "Unable to commit the changes of %s: %s", entry.first.c_str(),
+                message.c_str());
+      result = -1;
+    }
+    entry.second->close();
+  }
+  state.connections.clear();
+  state.active = false;
+  return result;
+}
 
 int busy_sleep(unsigned attempt) {
   long long delay = static_cast<long long>(attempt) * kBusyDelayStepNs;
@@ -19,11 +68,18 @@ const char* errmsg(sqlite3* db) {
 }
 
 int Database::open(const char* path) {
+  if (shared().active)
+    return open_shared(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                       "Unable to open database %s: %s");
   return open_with(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                    "Unable to open database %s: %s");
 }
 
 int Database::open_readonly(const char* path) {
+  // The mode's connection writes for later commands: it is not held to
+  // queries, and this run's queries see what it wrote.
+  if (shared().active)
+    return open_shared(path, SQLITE_OPEN_READWRITE, "Unable to open database(readonly) %s: %s");
   // Opened for writing but held to queries: a writer killed mid-commit
   // leaves a hot journal that only a writable connection can roll back, and
   // a read-only one would fail until some other run wrote to the database.
@@ -35,6 +91,25 @@ int Database::open_readonly(const char* path) {
     close();
     return -1;
   }
+  return 0;
+}
+
+int Database::open_shared(const char* path, int flags, const char* failure_format) {
+  close();
+  auto& connections = shared().connections;
+  auto found = connections.find(path);
+  if (found == connections.end()) {
+    auto db = std::make_unique<Database>();
+    if (db->open_with(path, flags, failure_format) != 0)
+      return -1;
+    std::string message;
+    if (db->exec("BEGIN IMMEDIATE", &message) != SQLITE_OK) {
+      tavix_log(LOG_ERR, failure_format, path, message.c_str());
+      return -1;
+    }
+    found = connections.emplace(path, std::move(db)).first;
+  }
+  borrow(found->second->get());
   return 0;
 }
 
@@ -86,6 +161,7 @@ int Statement::prepare_quietly(const Database& db, const char* sql) {
   sqlite3_finalize(stmt_);
   stmt_ = nullptr;
   db_ = db.get();
+  sql = nested_sql(db_, sql);
   return retry_while_busy([&] { return sqlite3_prepare_v2(db_, sql, -1, &stmt_, nullptr); });
 }
 

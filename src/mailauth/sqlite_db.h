@@ -47,6 +47,20 @@ int retry_while_busy(Op op) {
 // connection to ask.
 const char* errmsg(sqlite3* db);
 
+// Transaction mode, for a run that applies many commands in a row: from
+// begin_transactions() on, every open() and open_readonly() of a path gets
+// the one connection this process keeps for it, opened on first use with a
+// transaction (BEGIN IMMEDIATE: it writes, so it takes the write lock at
+// once instead of meeting another writer half-way), and close() only lets
+// go of it. An operation's own BEGIN TRANSACTION and END TRANSACTION
+// become a savepoint inside it. commit_transactions() commits and closes
+// each connection and ends the mode. A process killed before that leaves
+// the databases as they were at begin_transactions().
+void begin_transactions();
+// 0, or -1 after logging a connection whose commit failed (the others are
+// committed).
+int commit_transactions();
+
 // Owns a database connection; the destructor closes it under the busy rule.
 class Database {
  public:
@@ -83,6 +97,7 @@ class Database {
 
  private:
   int open_with(const char* path, int flags, const char* failure_format);
+  int open_shared(const char* path, int flags, const char* failure_format);
 
   sqlite3* db_ = nullptr;
   bool borrowed_ = false;
