@@ -25,7 +25,6 @@ DRAVNIK_SETUP = os.environ.get("DRAVNIK_SETUP") or str(REPO / "build/src/setup/d
 MANUAL = REPO / "doc" / "dravnik.8"
 SETUP_MANUAL = REPO / "doc" / "dravnik-setup.8"
 COMPLETION = REPO / "dist" / "bash-completion" / "dravnik"
-SETUP_COMPLETION = REPO / "dist" / "bash-completion" / "dravnik-setup"
 
 # An option as written in running text: "--domain-name=domain", "[-h|--help]".
 OPTION = re.compile(r"(?<![\w-])(--?[A-Za-z][\w-]*)")
@@ -91,18 +90,6 @@ def blocks(lines, indent):
 
 def section(page, name):
     return blocks(rendered(page).splitlines(), 0)[name]
-
-
-@pytest.mark.parametrize("page", [MANUAL, SETUP_MANUAL], ids=lambda p: p.name)
-@pytest.mark.parametrize("renderer", [
-    ["man", "--warnings", "-l", "-E", "UTF-8"],
-    ["groff", "-man", "-ww", "-z"],
-], ids=["man", "groff"])
-def test_page_renders_without_warnings(page, renderer):
-    need(renderer[0])
-    result = subprocess.run(renderer + [str(page)], capture_output=True, text=True,
-                            env=dict(os.environ, MANWIDTH="80"))
-    assert result.returncode == 0 and result.stderr == "", result.stderr
 
 
 @pytest.mark.parametrize("word", OPERATING_WORDS)
@@ -189,28 +176,3 @@ def test_completion_offers_each_commands_options(word):
     words = complete(COMPLETION, "_dravnik", "dravnik", word, "")
     assert len(words) == len(set(words))
     assert offered(words) == command_options(word)
-
-
-def test_setup_completion_offers_the_setup_options():
-    words = complete(SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup", "")
-    assert offered(words) == SETUP_OPTIONS
-
-
-@pytest.mark.parametrize("completion, function, line, expected", [
-    (COMPLETION, "_dravnik", "dravnik --add-m", ["--add-mailname", "--add-mailbox"]),
-    # Given options are not offered again, except the repeatable one.
-    (COMPLETION, "_dravnik",
-     "dravnik --remove-domain --domain-name = a.example --mail-addresses = x --",
-     ["--domain-aliases=", "--mail-addresses=", "--wait-stdin", "--help"]),
-    # A value is the operator's: after "--opt=" (split at "=") or "--opt ".
-    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name =", []),
-    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name = ex", []),
-    (COMPLETION, "_dravnik", "dravnik --add-domain --domain-name ", []),
-    (COMPLETION, "_dravnik", "dravnik --help-stdin ", []),
-    (SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup --check ", ["-h", "--help"]),
-    (SETUP_COMPLETION, "_dravnik_setup", "dravnik-setup --force -",
-     ["--create-accounts", "-h", "--help"]),
-])
-def test_completion_in_context(completion, function, line, expected):
-    words = line.split(" ")
-    assert complete(completion, function, *words) == expected

@@ -99,59 +99,5 @@ TEST(HandlerOpsTest, FailingRecordNeitherStopsNorFailsABatch) {
   EXPECT_EQ((Lines{"a@d.com h 0 0", "b@d.com h 0 0"}), db.Table());
 }
 
-// How many of this process's descriptors refer to `path`.
-int DescriptorsOf(const std::string& path) {
-  const std::filesystem::path wanted = std::filesystem::canonical(path);
-  int count = 0;
-  for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;  // the iterator's own descriptor, closed by now
-    count += std::filesystem::read_symlink(fd.path(), gone) == wanted;
-  }
-  return count;
-}
-
-// Each operation uses the connection it is given and leaves it open; given
-// none, it opens its own and closes it again, also when it fails.
-TEST(HandlerOpsTest, OperationsUseTheGivenConnectionOrCloseTheirOwn) {
-  LogRecorder log;
-  ScopedList found;  // only the result counts
-  const std::pair<const char*, std::function<int(sqlite3*)>> ops[] = {
-      {"add", [](sqlite3* db) { return mh_db_add(db, Handler("spam", "u@d.com").get()); }},
-      {"switch by address", [](sqlite3* db) { return mh_db_switch_by_addr(db, "d.com", true); }},
-      {"remove all", [](sqlite3* db) { return mh_db_remove_all(db, "d.com"); }},
-      {"clone domain",
-       [](sqlite3* db) { return mh_db_clone(db, nullptr, "d.com", nullptr, "e.com"); }},
-      {"select by name",
-       [&](sqlite3* db) { return mh_db_select_by_name(db, found.get(), "d.com"); }},
-      {"batch", [](sqlite3* db) {
-         ScopedList batch;
-         mh_list_add(batch.get(), Handler("new", "n@d.com").get());
-         return mh_db_do(batch.get(), db, mh_db_add);
-       }},
-  };
-  for (const auto& [name, op] : ops) {
-    SCOPED_TRACE(name);
-    HandlersDB db;
-    db.Exec(kSeed);
-
-    sqlite3* given = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(db.path().c_str(), &given));
-    // An operation that opened the database itself would find nothing there.
-    const char* saved = mh_db_path;
-    mh_db_path_set("/nonexistent/handlers.db");
-    EXPECT_EQ(0, op(given));
-    mh_db_path_set(saved);
-    EXPECT_EQ(1, DescriptorsOf(db.path()));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(given, "SELECT 1 FROM handlers", nullptr, nullptr, nullptr));
-    EXPECT_EQ(SQLITE_OK, sqlite3_close(given));
-
-    EXPECT_EQ(0, op(nullptr));
-    EXPECT_EQ(0, DescriptorsOf(db.path()));
-
-    db.Exec("DROP TABLE handlers");
-    op(nullptr);
-    EXPECT_EQ(0, DescriptorsOf(db.path())) << "after a failure";
-  }
-}
 
 }  // namespace

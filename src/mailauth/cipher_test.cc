@@ -138,32 +138,6 @@ TEST_F(CipherTest, UnusableKeysAndCiphersAreRefused) {
   }
 }
 
-TEST_F(CipherTest, NestedReferencesShareOneContext) {
-  const std::string key = WriteKey("key", TestKey());
-  const std::string other = WriteKey("other", std::string(32, 'k'));
-  const std::string enc_spec = std::string(kPrefix) + kTestIv;
-  const std::string expected = enc_spec + "$" + kPasswordData;
-
-  ASSERT_EQ(mail_aes_init(key.c_str()), 1);
-  // A second reference reuses the context: the other key file is not read.
-  ASSERT_EQ(mail_aes_init(other.c_str()), 1);
-  EXPECT_FALSE(tavix_cipher_cleanup(kSpec));
-  EXPECT_EQ(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
-  EXPECT_TRUE(tavix_cipher_cleanup(kSpec));
-  EXPECT_EQ(Take(mail_aes_encrypt("password")), "<null>");
-
-  // One cleanup too many is reported, not fatal.
-  EXPECT_TRUE(tavix_cipher_cleanup(kSpec));
-  EXPECT_TRUE(LogRecorder::Has(
-      LOG_INFO, "Failed to correctly destroy encryption cipher 'AES-256-CBC:PKCS'. "
-                "A programming error?"));
-
-  // A new life of the context reads the key file again.
-  const Context again(kSpec, other);
-  ASSERT_TRUE(again.ok());
-  EXPECT_NE(Take(tavix_cipher_crypt("password", enc_spec.c_str())), expected);
-}
-
 TEST(MailAesTest, RecognisesTheStoredPrefix) {
   const struct {
     const char* text;

@@ -154,23 +154,6 @@ TEST(JsonParserTest, FirstErrorSticks) {
   sj_free_parser(p);
 }
 
-// A message piece too long for the buffer is cut and the rest still follows
-// it; errno is left as it was.
-TEST(JsonParserTest, LongMessagesAreCut) {
-  char text[] = "abc";
-  sj_parser* p = sj_create_parser(text, nullptr);
-  std::string detail(2000, 'd');
-  p->error = SJ_CONSTRAINT_FAILED;
-  p->detail = detail.c_str();
-  errno = ENOENT;
-  std::string message = sj_parser_strerror(p);
-  EXPECT_EQ(ENOENT, errno);
-  EXPECT_EQ(1023u, message.size());
-  EXPECT_EQ("Custom JSON value constraint failed: ddd", message.substr(0, 40));
-  EXPECT_EQ(std::string(983, 'd'), message.substr(40));
-  sj_free_parser(p);
-  errno = 0;
-}
 
 struct CountingAllocator {
   int allocations = 0;

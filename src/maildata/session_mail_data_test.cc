@@ -25,28 +25,6 @@ int ReadDocument(const std::string& text) {
   return read_session_mail_db_info(stream.get(), 0);
 }
 
-std::string List(const sj_string_array& array) {
-  std::string out = "[";
-  for (size_t i = 0; i < array.count; ++i) out += (i ? "," : "") + std::string(array.values[i]);
-  return out + "]";
-}
-
-// "domain quota [aliases] [lists] {mail quota [aliases]}..."
-std::string Describe(const mail_db_data_t* data) {
-  if (data == nullptr) return "(none)";
-  std::string out = std::string(data->name) + " " + std::to_string(data->mbox_quota) + " " +
-                    List(data->dom_aliases) + " " + List(data->maillists);
-  for (size_t i = 0; i < data->mails.count; ++i) {
-    const mail_db_mail_t& mail = data->mails.values[i];
-    out += " {" + std::string(mail.name) + " " + std::to_string(mail.mbox_quota) + " " +
-           List(mail.aliases) + "}";
-  }
-  return out;
-}
-
-const char kMinimal[] =
-    R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[],"mails":[]}})";
-
 // Everything the document may hold.
 const char kFull[] = R"({
   "version": [1, {"x": null, "y": 2.5e3}],
@@ -75,71 +53,12 @@ class SessionMailDataTest : public ::testing::Test {
   LogRecorder log_;
 };
 
-TEST_F(SessionMailDataTest, ValidDocumentsAreReadAndNormalised) {
-  const struct {
-    std::string document, expected;
-  } cases[] = {
-      {kFull, "example.com 5242880 [alias.example.net,b.example] [News-Letter] "
-              "{info 2048 [office,sales]} {zero 0 []} {nolimit -1 [x]} {plain 16 []}"},
-      {R"({"domain":{"name":"a.example","mbox_quota":3,"mbox_quota_unit":"TB","dom_aliases":[],)"
-       R"("maillists":[],"mails":[{"name":"m","mbox_quota":1,"mbox_quota_unit":"GB",)"
-       R"("aliases":[]}]}})",
-       "a.example 3298534883328 [] [] {m 1073741824 []}"},
-      // Repeated members extend a list or overwrite a value.
-      {R"({"domain":{"name":"first.example","mbox_quota":7,"dom_aliases":["a.example"],)"
-       R"("maillists":[],"mails":[],"dom_aliases":["b.example"],"name":"second.example",)"
-       R"("mbox_quota":9}})",
-       "second.example 9 [a.example,b.example] []"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(0, ReadDocument(c.document));
-    EXPECT_EQ(c.expected, Describe(session_mail_db_info));
-    free_session_mail_db_info();
-  }
-}
-
 // A domain object with `members` inserted before the required ones it does not replace.
 std::string Domain(const std::string& members, const std::string& mails = "[]") {
   return R"({"domain":{)" + members +
          R"("name":"example.com","dom_aliases":[],"maillists":[],"mails":)" + mails + "}}";
 }
 
-// The reason is logged and nothing is kept to block a new read. Code 23 is a
-// failed value check; its message gets the parser's prefix.
-TEST_F(SessionMailDataTest, RefusedDocumentsLogTheReason) {
-  const char kMissing[] = "Some required fields are missing";
-  const struct {
-    std::string document;
-    int code;
-    std::string message;  // the start of the logged parser message
-  } cases[] = {
-      {Domain(R"("name":"bad name",)"), 23, "Domain name is not valid."},
-      {Domain(R"("dom_aliases":["-x.example"],)"), 23, "Domain alias is not valid."},
-      {Domain(R"("maillists":["a b"],)"), 23, "Maillist is not valid."},
-      {Domain(R"("mbox_quota":-2,)"), 23, "Domain quota value is out of bounds."},
-      {Domain(R"("mbox_quota_unit":"mb",)"), 23, "Domain quota unit value is invalid."},
-      {Domain("", R"([{"name":"a..b","aliases":[]}])"), 23, "Mailname is not valid."},
-      {Domain("", R"([{"name":"a","aliases":["x y"]}])"), 23, "Mail alias is not valid."},
-      {Domain("", R"([{"name":"a","mbox_quota_unit":"KiB","aliases":[]}])"), 23,
-       "Mailbox quota unit value is invalid."},
-      {R"({"domain":{"name":"example.com","dom_aliases":[],"mails":[]}})", 14, kMissing},
-      {R"({"other":{}})", 14, kMissing},
-      {Domain("", R"([{"name":"a"}])"), 14, kMissing},
-      {"[]", 11, "JSON object is expected."},
-      {Domain("", "{}"), 15, "JSON array is expected."},
-      {Domain(R"("name":5,)"), 7, "String is expected."},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.document);
-    LogRecorder::lines().clear();
-    const std::string prefix = c.code == 23 ? "Custom JSON value constraint failed: " : "";
-    EXPECT_EQ(c.code, ReadDocument(c.document));
-    EXPECT_TRUE(LogRecorder::Has(3, "Session mail DB info parsing error: " + prefix + c.message))
-        << (LogRecorder::lines().empty() ? "" : LogRecorder::lines()[0].text);
-    EXPECT_EQ(nullptr, session_mail_db_info);
-  }
-  EXPECT_EQ(0, ReadDocument(kMinimal));
-}
 
 TEST_F(SessionMailDataTest, OverflowingQuotaIsKeptWithAWarning) {
   ASSERT_EQ(0, ReadDocument(Domain(R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));

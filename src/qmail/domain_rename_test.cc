@@ -81,22 +81,6 @@ size_t LineCount(const std::string& path) {
   return count;
 }
 
-// Files that cannot serve as plug-ins, and directories, count as success;
-// the child that tries one logs why.
-TEST(DomainRenamePluginTest, UnusableFilesAndDirectoriesCountAsSuccess) {
-  LogRecorder log;
-  ReturningPlugin("ok.so", 0);
-  write_file(kPluginDir + "/notlib", "#!/bin/sh\nexit 0\n");
-  Compile("noentry.so", "int other_entry(void) { return 1; }\n");
-  std::filesystem::create_directory(kPluginDir + "/subdir");
-  EXPECT_EQ(0, RenameDomainInServices("old.example", "new.example"));
-  EXPECT_EQ("old.example new.example\n", read_file(Marker("ok.so")));
-
-  const std::string noentry = kPluginDir + "/noentry.so";
-  EXPECT_EQ(0, RenameDomain(noentry.c_str(), "old.example", "new.example"));
-  EXPECT_TRUE(LogRecorder::Has(
-      6, "plugin '" + noentry + "' doesn't provide required 'rename_domain': "));
-}
 
 
 void AddHandler(const char* name, const char* address) {

@@ -35,32 +35,6 @@ void MakeLink(const std::string& target, const std::string& link) {
 }
 
 
-// Byte and block counts and a missing mailbox show in the command's output;
-// a link to a large file outside counts as the link alone.
-TEST(GetDirSize, DoesNotFollowLinks) {
-  TempDir tmp;
-  const std::string top = tmp.path("top");
-  MakeDir(top);
-  write_file(top + "/one", std::string(100, 'a'));
-  write_file(tmp.path("big"), std::string(50000, 'c'));
-  MakeLink(tmp.path("big"), top + "/link");
-  EXPECT_EQ(Lstat(top).st_size + 100 + Lstat(top + "/link").st_size,
-            get_dir_size(top.c_str(), 0));
-}
-
-TEST(CreateNestedDirectory, CreatesEveryMissingComponent) {
-  TempDir tmp;
-  const std::string path = tmp.path("a/b/c");
-  EXPECT_EQ(1, createNestedDirectory(path.c_str()));
-  EXPECT_TRUE(S_ISDIR(Lstat(path).st_mode));
-  EXPECT_EQ(1, createNestedDirectory((path + "/").c_str()));
-  write_file(tmp.path("file"), "");
-  for (const char* bad : {"file/c", "file"}) {
-    errno = 0;
-    EXPECT_EQ(0, createNestedDirectory(tmp.path(bad).c_str())) << bad;
-    EXPECT_EQ(ENOTDIR, errno) << bad;
-  }
-}
 
 TEST(MakeDirP, CreatesChainWithOwnerAndModeDespiteUmask) {
   TempDir tmp;
