@@ -141,8 +141,28 @@ def state(sb):
     return files, users, domains, handlers
 
 
+def differences(one, other):
+    """The paths and database tables in which two states differ."""
+    files, rows = one[0], other[0]
+    paths = sorted(p for p in set(files) | set(rows) if files.get(p) != rows.get(p))
+    tables = [name for name, a, b in zip(("users", "domains", "handlers"), one[1:], other[1:])
+              if a != b]
+    return paths + tables
+
+
+# What a kill leaves in a mailbox from the writers of a single mail name,
+# as it does when one dravnik run is killed: a .qmail's temporary file and
+# a maildirsize being written in Maildir/tmp.
+MAILBOX_TEMP = re.compile(r"/\.qmail\.\w{6}$|/Maildir/tmp/[^/]*-maildirsize$")
+
+
 def temporaries(sb):
+    """Temporary files of users/assign and the control files."""
     return [p for p in state(sb)[0] if re.search(r"\.tmp$|\.mail\.\w{6}$", p)]
+
+
+def without_mailbox_temps(one):
+    return ({p: v for p, v in one[0].items() if not MAILBOX_TEMP.search(p)},) + one[1:]
 
 
 @pytest.fixture
@@ -171,7 +191,7 @@ def test_batch_equals_separate_runs(boxes):
     assert [(g["status"], normal(g["output"])) for g in got] == \
         [(rc, normal(out)) for rc, out in expected]
     assert 0 < sum(rc != 0 for rc, _ in expected) < len(SCRIPT) // 10
-    assert state(batched) == state(alone)
+    assert not differences(state(batched), state(alone))
     # One compile per checkpoint, not one per command.
     assert len(r.newu_calls) < len(SCRIPT) // 20
     assert not temporaries(batched)
@@ -179,19 +199,24 @@ def test_batch_equals_separate_runs(boxes):
 
 def test_killed_batches_run_again_end_as_one_uninterrupted_run(boxes):
     whole, killed = boxes
-    lines = LINES[:150]
-    assert run_batch(whole, lines, "--checkpoint", "25").rc == 1
+    # Without renames: "add m2, rename m2 to r2" run again adds m2 anew
+    # beside r2, run as a batch or one by one alike.
+    lines = [line for line, c in zip(LINES, SCRIPT) if "rename" not in c["argv"][0]][50:150]
+    started = time.monotonic()
+    assert run_batch(whole, lines, "--checkpoint", "10").rc == 1
+    # Kills spread over the whole of a run, each run starting over.
+    duration = time.monotonic() - started
     rng = random.Random(14)
-    command = killed.bwrap_args() + [str(BATCH), "--checkpoint", "25", INPUT]
+    command = killed.bwrap_args() + [str(BATCH), "--checkpoint", "10", INPUT]
     killed.write(INPUT, "".join(lines), mode=0o600)
     for _ in range(50):
         proc = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                 start_new_session=True)
-        time.sleep(rng.uniform(0.05, 1.5))
+        time.sleep(rng.uniform(0.05, duration))
         os.killpg(proc.pid, signal.SIGKILL)
         proc.wait()
-    assert run_batch(killed, lines, "--checkpoint", "25").rc == 1
-    assert state(killed) == state(whole)
+    assert run_batch(killed, lines, "--checkpoint", "10").rc == 1
+    assert not differences(without_mailbox_temps(state(killed)), state(whole))
     assert not temporaries(killed)
 
 
