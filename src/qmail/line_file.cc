@@ -7,12 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -366,12 +368,76 @@ int edit_locked(const char* path, const std::function<bool(bool existed)>& edit)
 // A held file is kept as the pieces copy_pieces() would read from it, so
 // that every filter judges exactly what it would judge on the file.
 
+// The pieces of a held file, with how often each line occurs, so that an
+// exact removal of lines the file does not hold (adding a new name to a
+// large users/assign) costs no pass over the file.
+class HeldLines {
+ public:
+  const std::deque<std::string>& pieces() const { return pieces_; }
+
+  void push_back(std::string piece) {
+    ++count_[key(piece)];
+    pieces_.push_back(std::move(piece));
+  }
+  void push_front(std::string piece) {
+    ++count_[key(piece)];
+    pieces_.push_front(std::move(piece));
+  }
+  // The last piece when it lacks its newline (taken out), else empty.
+  std::string take_unfinished() {
+    if (pieces_.empty() || pieces_.back().back() == '\n')
+      return std::string();
+    std::string last = std::move(pieces_.back());
+    pieces_.pop_back();
+    forget(last);
+    return last;
+  }
+  // True when a piece is one of `lines` (as is_given_line() judges).
+  bool holds_any(const char* const* lines) const {
+    for (; *lines; ++lines) {
+      std::string_view given(*lines);
+      if (count_.count(std::string(given.substr(0, given.find('\n')))) != 0)
+        return true;
+    }
+    return false;
+  }
+  // Keeps each piece as often as `copies` says.
+  void filter(const CopyCount& copies) {
+    std::deque<std::string> kept;
+    for (std::string& piece : pieces_) {
+      size_t n = copies(piece);
+      if (n == 0)
+        forget(piece);
+      for (size_t i = 1; i < n; ++i) {
+        ++count_[key(piece)];
+        kept.push_back(piece);
+      }
+      if (n > 0)
+        kept.push_back(std::move(piece));
+    }
+    pieces_.swap(kept);
+  }
+
+ private:
+  static std::string key(std::string_view piece) {
+    return std::string(without_newline(piece));
+  }
+  void forget(const std::string& piece) {
+    auto found = count_.find(key(piece));
+    if (found != count_.end() && --found->second == 0)
+      count_.erase(found);
+  }
+
+  std::deque<std::string> pieces_;
+  std::unordered_map<std::string, size_t> count_;
+};
+
 struct HeldFile {
   explicit HeldFile(lock_handle* handle) : lock(handle) {}
   ScopedLock lock;
   bool existed = false;
   bool changed = false;
-  std::vector<std::string> pieces;
+  HeldLines lines;
 };
 
 struct Holding {
@@ -386,13 +452,15 @@ Holding& holding() {
 }
 
 // Cuts `text` into the pieces fgets() would read from it.
-void add_pieces(std::string_view text, std::vector<std::string>* pieces) {
+std::vector<std::string> text_pieces(std::string_view text) {
+  std::vector<std::string> pieces;
   while (!text.empty()) {
     size_t length = std::min(text.find('\n'), text.size() - 1) + 1;
     length = std::min(length, static_cast<size_t>(kPieceBuffer - 1));
-    pieces->emplace_back(text.substr(0, length));
+    pieces.emplace_back(text.substr(0, length));
     text.remove_prefix(length);
   }
+  return pieces;
 }
 
 // What write_strings() would write.
@@ -406,14 +474,14 @@ std::string lines_text(const char* const* lines) {
   return text;
 }
 
-bool read_pieces(const char* path, std::vector<std::string>* pieces) {
+bool read_pieces(const char* path, HeldLines* lines) {
   StreamBuffer buffer;
   UniqueFile in(open_old(path, &buffer));
   if (!in)
     return false;
   char piece[kPieceBuffer];
   while (fgets(piece, sizeof(piece), in.get()))
-    pieces->emplace_back(piece);
+    lines->push_back(piece);
   if (ferror(in.get())) {
     log_error("Unable to read file %s: %s\n", path);
     return false;
@@ -445,21 +513,14 @@ HeldFile* held_file(const char* path, bool* failed) {
     log_error("file_str: Unable to stat file %s: %s\n", path);
     return nullptr;
   }
-  if (file->existed && !read_pieces(path, &file->pieces))
+  if (file->existed && !read_pieces(path, &file->lines))
     return nullptr;
   *failed = false;
   return (state.files[path] = std::move(file)).get();
 }
 
-// The pieces for which `copies` says how often each stays.
 void filter_held(HeldFile* file, const CopyCount& copies) {
-  std::vector<std::string> kept;
-  kept.reserve(file->pieces.size());
-  for (const std::string& piece : file->pieces) {
-    for (size_t n = copies(piece); n > 0; --n)
-      kept.push_back(piece);
-  }
-  file->pieces.swap(kept);
+  file->lines.filter(copies);
   file->changed = true;
 }
 
@@ -474,13 +535,14 @@ bool prepend_held(HeldFile* file, const char* path, const char* const* lines,
                   const char* const* drop) {
   if (!file->existed)
     return missing_held(path);
-  std::vector<std::string> pieces;
-  add_pieces(lines_text(lines), &pieces);
-  for (std::string& piece : file->pieces) {
-    if (copies_unless_given(piece, drop) != 0)
-      pieces.push_back(std::move(piece));
+  if (file->lines.holds_any(drop)) {
+    file->lines.filter([drop](std::string_view piece) {
+      return copies_unless_given(piece, drop);
+    });
   }
-  file->pieces.swap(pieces);
+  std::vector<std::string> pieces = text_pieces(lines_text(lines));
+  for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece)
+    file->lines.push_front(std::move(*piece));
   file->changed = true;
   return true;
 }
@@ -488,12 +550,8 @@ bool prepend_held(HeldFile* file, const char* path, const char* const* lines,
 // The appended text joins a last line that has no newline, as it does in
 // the file.
 bool append_held(HeldFile* file, const char* const* lines) {
-  std::string text = lines_text(lines);
-  if (!file->pieces.empty() && file->pieces.back().back() != '\n') {
-    text.insert(0, file->pieces.back());
-    file->pieces.pop_back();
-  }
-  add_pieces(text, &file->pieces);
+  for (std::string& piece : text_pieces(file->lines.take_unfinished() + lines_text(lines)))
+    file->lines.push_back(std::move(piece));
   file->existed = true;
   file->changed = true;
   return true;
@@ -511,9 +569,11 @@ bool edit_held(HeldFile* file, const char* path, const char* const* lines, int o
     case kLinesRemove:
       if (!file->existed)
         return false;
-      filter_held(file, [lines](std::string_view piece) {
-        return copies_unless_given(piece, lines);
-      });
+      if (file->lines.holds_any(lines)) {
+        filter_held(file, [lines](std::string_view piece) {
+          return copies_unless_given(piece, lines);
+        });
+      }
       return true;
     case kLinesRemoveBy:
       if (!file->existed)
@@ -535,7 +595,7 @@ bool write_held(const std::string& path, const HeldFile& file) {
   AtomicFile temp;
   if (!create_temp(path.c_str(), &temp, &buffer))
     return false;
-  for (const std::string& piece : file.pieces) {
+  for (const std::string& piece : file.lines.pieces()) {
     if (fputs(piece.c_str(), temp.stream()) == EOF) {
       log_error("Unable to fputs to file %s: %s\n", temp_name(path.c_str()).c_str());
       return false;
