@@ -107,15 +107,6 @@ def test_manual_names_every_command_word():
     assert not missing
 
 
-def test_setup_manual_describes_exactly_the_setup_options():
-    tags = [line.strip() for line in section(SETUP_MANUAL, "OPTIONS")
-            if re.match(r"^ {7}-", line)]
-    described = {name for tag in tags for name in tag.split(", ")}
-    assert described == set(SETUP_OPTIONS)
-    assert set(OPTION.findall(" ".join(section(SETUP_MANUAL, "SYNOPSIS")))) == \
-        set(SETUP_OPTIONS)
-
-
 def examples():
     """The example blocks of dravnik.8 as one shell script, prompts removed."""
     lines = [line[11:] for line in section(MANUAL, "EXAMPLES") if line.startswith(" " * 11)]
@@ -165,10 +156,6 @@ def complete(completion, function, *words):
 def offered(words):
     """{option: takes a value} of completions, "--domain-name=" taking one."""
     return {w.rstrip("="): w.endswith("=") for w in words}
-
-
-def test_completion_offers_the_command_words():
-    assert sorted(complete(COMPLETION, "_dravnik", "dravnik", "")) == sorted(COMMAND_WORDS)
 
 
 @pytest.mark.parametrize("word", OPERATING_WORDS)

@@ -53,7 +53,6 @@ const Lines kSeedTable = {
     "u@other.com spam 1 0", "v@sub.d.com spam 1 0", "w@xd.com spam 1 0",
 };
 
-
 TEST(HandlerOpsTest, AddStoresTheRecordAsTheMailSystemReadsIt) {
   LogRecorder log;
   const struct {
@@ -98,6 +97,5 @@ TEST(HandlerOpsTest, FailingRecordNeitherStopsNorFailsABatch) {
   EXPECT_EQ(0, mh_db_do(list.get(), nullptr, mh_db_add));
   EXPECT_EQ((Lines{"a@d.com h 0 0", "b@d.com h 0 0"}), db.Table());
 }
-
 
 }  // namespace

@@ -46,30 +46,4 @@ TEST(GlobalRecipientTest, OnlyTheTwoAllFormsOrNothingAreAccepted) {
   }
 }
 
-TEST(HandlerListTest, HoldsCopiesNewestFirst) {
-  tavix::handlers::ScopedList list;
-  tavix::handlers::Record rec(mh_data_init());
-  ASSERT_TRUE(rec);
-  for (const char* name : {"first", "second", "third"}) {
-    ASSERT_TRUE(tavix::handlers::set_text(&rec->name, name));
-    rec->priority++;
-    ASSERT_EQ(0, mh_list_add(list.get(), rec.get()));
-  }
-  ASSERT_TRUE(tavix::handlers::set_text(&rec->name, "changed after adding"));
-
-  // The null context stays null in the copies.
-  EXPECT_EQ((std::vector<std::string>{"third 3", "second 2", "first 1"}),
-            Walk(list.get(), [](const mh_data& d) {
-              return std::string(d.name) + (d.context ? " context!" : " ") +
-                     std::to_string(d.priority);
-            }));
-  // Every node knows the pointer that points at it.
-  mh_list_node** link = &list.get()->head;
-  for (mh_list_node* node = list.get()->head; node; node = node->next) {
-    EXPECT_EQ(link, node->prev);
-    link = &node->next;
-  }
-}
-
-
 }  // namespace

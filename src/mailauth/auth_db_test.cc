@@ -51,7 +51,6 @@ class AuthDBTest : public testing::Test {
   LogRecorder log_;
 };
 
-
 // Style 0 and 1 have paths of their own; any other keeps the paths set.
 TEST_F(AuthDBTest, StylesSelectPaths) {
   const struct {

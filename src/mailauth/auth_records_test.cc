@@ -77,11 +77,6 @@ class AuthRecordsTest : public testing::Test {
   const char* const saved_key_ = mailAuthKey;
 };
 
-
-
-
-
-
 // Users stored out of order, one without a password; b.test is disabled.
 // The callback sees the usable password (an encrypted one decrypted) and
 // flags built from the columns: raw 1, user disabled 2, domain disabled 4.

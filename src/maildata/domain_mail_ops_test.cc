@@ -122,7 +122,6 @@ TEST_F(DomainMailOpsTest, LookupsAnswerFromTheSessionOnly) {
   }
 }
 
-
 TEST_F(DomainMailOpsTest, AuthFailuresAreReported) {
   UseSession(kDomain);
   // A directory where the database should be: nothing can be opened.
@@ -143,8 +142,6 @@ TEST_F(DomainMailOpsTest, AuthFailuresAreReported) {
     EXPECT_TRUE(LogRecorder::Has(LOG_ERR, c.logged)) << c.logged;
   }
 }
-
-
 
 // The action's calls, and the domain it fails on.
 Names action_calls;

@@ -154,7 +154,6 @@ TEST(JsonParserTest, FirstErrorSticks) {
   sj_free_parser(p);
 }
 
-
 struct CountingAllocator {
   int allocations = 0;
   int releases = 0;

@@ -59,7 +59,6 @@ std::string Domain(const std::string& members, const std::string& mails = "[]") 
          R"("name":"example.com","dom_aliases":[],"maillists":[],"mails":)" + mails + "}}";
 }
 
-
 TEST_F(SessionMailDataTest, OverflowingQuotaIsKeptWithAWarning) {
   ASSERT_EQ(0, ReadDocument(Domain(R"("mbox_quota":9223372036854775807,"mbox_quota_unit":"MB",)")));
   EXPECT_EQ(-1048576, session_mail_db_info->mbox_quota);

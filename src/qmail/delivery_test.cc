@@ -36,7 +36,6 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-
 enum Agent { kAbsent, kExecutable, kNotExecutable, kDirectory };
 
 // For a child process: empties the directories of both delivery agents in
@@ -100,26 +99,5 @@ TEST(DeliveryTest, DetectsTheInstalledServer) {
     EXPECT_TRUE(contains(child.output, c.logged)) << child.output;
   }
 }
-
-// A found server is kept for the rest of the run; a failure is not, so a
-// later call finds an agent installed meanwhile.
-TEST(DeliveryTest, RemembersAServerButNotAFailure) {
-  auto child = RunInChild([] {
-    if (!hide_agents()) {
-      printf("set-up failed\n");
-      return;
-    }
-    printf("%d", detectImapPop3Server());
-    place_agent(kDovecotAgent, kExecutable);
-    printf(" %d", detectImapPop3Server());
-    place_agent(kDovecotAgent, kAbsent);
-    place_agent(kCourierAgent, kExecutable);
-    printf(" %d\n", detectImapPop3Server());
-  });
-  EXPECT_TRUE(contains(child.output, "-1 1 1\n")) << child.output;
-}
-
-
-
 
 }  // namespace

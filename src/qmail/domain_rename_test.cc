@@ -81,8 +81,6 @@ size_t LineCount(const std::string& path) {
   return count;
 }
 
-
-
 void AddHandler(const char* name, const char* address) {
   tavix::handlers::Record rec(mh_data_init());
   ASSERT_NE(nullptr, rec);
@@ -163,6 +161,5 @@ INSTANTIATE_TEST_SUITE_P(Databases, DomainRenameFailureTest, testing::Bool(),
                          [](const testing::TestParamInfo<bool>& info) {
                            return info.param ? "Auth" : "Handlers";
                          });
-
 
 }  // namespace

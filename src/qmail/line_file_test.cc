@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -15,61 +14,12 @@
 
 namespace {
 
-using tavix::test::Attributes;
-using tavix::test::attributes_of;
 using tavix::test::CaptureStreams;
 using tavix::test::exists;
 using tavix::test::LockDirHidden;
 using tavix::test::read_file;
 using tavix::test::ScratchDir;
-using tavix::test::set_attributes;
 using tavix::test::write_file;
-
-using Lines = std::vector<const char*>;
-using Text = std::optional<std::string>;  // nullopt: the file does not exist
-
-int edit(const std::string& path, Lines lines, int op, int how) {
-  lines.push_back(nullptr);
-  return file_strings(path.c_str(), lines.data(), op, how);
-}
-
-
-// The single pass leaves exactly what removing `drop` and then prepending
-// `lines` leaves, the piece rule for long lines included.
-TEST(FileRemovePrependTest, SameAsRemoveThenPrepend) {
-  const std::string longest(5000, 'x');
-  const std::string piece(4094, 'x');  // the first piece of `longest`
-  const struct {
-    const char* name;
-    std::string before;
-    Lines drop, lines;
-  } cases[] = {
-      {"present_once", "=a-j:x\n=a-k:x\n.\n", {"=a-j:x"}, {"=a-j:x"}},
-      {"absent", "=a-k:x\n.\n", {"=a-j:x"}, {"=a-j:x"}},
-      {"present_twice_dropped_with_newline", "=a-j:x\n.\n=a-j:x\n", {"=a-j:x\n"}, {"=a-j:x"}},
-      {"rename_drops_old_and_new", "=a-n:x\n=a-o:x\n.\n", {"=a-o:x", "=a-n:x\n"}, {"=a-n:x\n"}},
-      {"last_line_without_newline", "=a-j:x\n.", {"."}, {"=a-j:x"}},
-      {"nothing_to_drop", "old\n", {}, {"x", "y\n"}},
-      {"long_line_kept", "short\n" + longest + "\ntail\n", {longest.c_str(), piece.c_str(), "x"},
-       {"new"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    ScratchDir dir;
-    const std::string one = dir.path("one"), two = dir.path("two");
-    write_file(one, c.before);
-    write_file(two, c.before);
-    Lines drop = c.drop, lines = c.lines;
-    drop.push_back(nullptr);
-    lines.push_back(nullptr);
-    ASSERT_EQ(0, file_remove_prepend(one.c_str(), drop.data(), lines.data()));
-    ASSERT_EQ(0, edit(two, c.drop, 1, 1));
-    ASSERT_EQ(0, edit(two, c.lines, 0, 0));
-    EXPECT_EQ(read_file(two), read_file(one));
-    EXPECT_FALSE(exists(one + ".tmp"));
-  }
-}
-
 
 TEST(FileStringsLockTest, MissingLockDirectoryFailsEveryEdit) {
   ScratchDir dir;

@@ -49,7 +49,6 @@ TEST(LockTest, MissingLockDirectoryGivesAnUnlockedHandle) {
   EXPECT_EQ(0, free_lock(run.result));
 }
 
-
 // While a child holds the lock, a non-blocking attempt reports it taken and
 // a blocking one in another child waits until the first lets it go.
 TEST(LockTest, OtherProcessHoldingTheLock) {

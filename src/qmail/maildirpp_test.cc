@@ -162,7 +162,6 @@ TEST(MaildirScanTest, CountsMessagesOfTheMaildirAndItsFoldersButNotTrash) {
   }
 }
 
-
 TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   const ScratchMaildir maildir;
   const std::string file = maildir.size_file(), incoming = maildir.path + "/new";
@@ -203,7 +202,6 @@ TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   EXPECT_LE(stat_of(file).st_atime, stat_of(maildir.dir.path("now")).st_mtime);
 }
 
-
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   const struct {
     const char* maildirsize;  // "" for none
@@ -227,6 +225,5 @@ TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
     EXPECT_EQ(c.over, check_maildirpp_overquota(maildir.path.c_str(), c.add_bytes, 1));
   }
 }
-
 
 }  // namespace

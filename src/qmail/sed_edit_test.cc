@@ -18,8 +18,6 @@ using tavix::test::ScratchDir;
 using tavix::test::set_attributes;
 using tavix::test::write_file;
 
-
-
 TEST(SedEditFailureTest, BadExpressionOrMissingFileLeavesNothingBehind) {
   ScratchDir dir;
   std::string path = dir.path(".qmail");

@@ -72,7 +72,6 @@ TEST(AtomicFileTest, UncommittedTemporaryFileGoesUnlessAbandoned) {
   }
 }
 
-
 // The Maildir++ way: the temporary file lives in tmp/ below the target's
 // directory. What goes through the stream is flushed by the commit.
 TEST(AtomicFileTest, TemporaryFileInASubdirectory) {
@@ -88,6 +87,5 @@ TEST(AtomicFileTest, TemporaryFileInASubdirectory) {
   EXPECT_EQ("0S,0C\n", read_file(tmp.path("maildirsize")));
   EXPECT_TRUE(Entries(tmp.path("tmp")).empty());
 }
-
 
 }  // namespace

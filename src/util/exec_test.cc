@@ -125,17 +125,6 @@ TEST(ExecvLog, ReportsFailureOnBothStreams) {
   EXPECT_EQ("/bin/sh execution failed:\narg:\n", output.out);
 }
 
-TEST(UtilExec, RefusesPaths) {
-  const std::string refused =
-      "Utility name '../bin/sh' is invalid. Use only utility name without path.\n";
-  auto output = CaptureOutput([&] {
-    return std::vector<int>{util_exec("../bin/sh", "-c", "exit 0", kEnd),
-                            util_exec_args("../bin/sh", ShArgv({"exit 0"}).data())};
-  });
-  EXPECT_EQ(std::vector<int>({-1, -1}), output.result);
-  EXPECT_EQ(refused + refused, output.out);
-}
-
 TEST(ExecvFd, FiltersAndReportsWhatTheChildSays) {
   const std::string refused = "values 0,1,2 not allowed for variables fd_in & fd_out\n";
   enum { kFile = -1 };  // the test's own file rather than a standard descriptor
@@ -170,22 +159,6 @@ TEST(ExecvFd, FiltersAndReportsWhatTheChildSays) {
     EXPECT_EQ(c.shown + c.err, output.err);
     EXPECT_EQ(c.file, tavix::test::read_file(tmp.path("out")));
   }
-}
-
-TEST(ExecvFd, KilledChild) {
-  tavix::UniqueFd in(open("/dev/null", O_RDONLY)), out(open("/dev/null", O_WRONLY));
-  auto output = CaptureOutput(
-      [&] { return fork_execv_fd(in.get(), out.get(), kSh, ShArgv({"kill -9 $$"}).data()); });
-  EXPECT_EQ(-1, output.result);
-  EXPECT_NE(std::string::npos, output.out.find("killed by signal 9"));
-}
-
-TEST(ForkExecv, ExitCodeOrOneWhenKilledAndRawStatus) {
-  EXPECT_EQ(7, fork_execv(kSh, "-c", "echo hidden; exit 7", kEnd));
-  EXPECT_EQ(1, fork_execv(kSh, "-c", "kill -9 $$", kEnd));
-  const int status = do_exec(kSh, ShArgv({"exit 2"}).data());
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(2, WEXITSTATUS(status));
 }
 
 TEST(PopenExec, OutputCodesInputAndReports) {

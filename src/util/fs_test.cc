@@ -34,8 +34,6 @@ void MakeLink(const std::string& target, const std::string& link) {
   ASSERT_EQ(0, symlink(target.c_str(), link.c_str())) << link;
 }
 
-
-
 TEST(MakeDirP, CreatesChainWithOwnerAndModeDespiteUmask) {
   TempDir tmp;
   MakeDir(tmp.path("existing"));

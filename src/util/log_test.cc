@@ -85,40 +85,6 @@ TEST(LogInitDeathTest, SyslogUsesSystemLoggerAndMask) {
   EXPECT_EXIT(exit(check()), testing::ExitedWithCode(0), "");
 }
 
-// The system error is added only where it fits the fixed buffer; a longer
-// message grows the buffer and is printed whole, without it.
-TEST_F(LogTest, MesslogPrintsOnBothStreamsWithSystemError) {
-  const std::string suffix = "\nSystem error 2: " + std::string(strerror(ENOENT));
-  const std::string fits(4096 - suffix.size() - 1, 'a'), full(fits + "a"), big(5000, 'a');
-  char progname[] = "/usr/local/sbin/dravnik";
-  const struct {
-    int err;
-    char* progname;  // only its base name is shown
-    std::string text, expected;
-  } cases[] = {
-      {0, nullptr, "x\n", "x\n"},  // no second newline
-      {ENOENT, nullptr, "x", "x" + suffix + "\n"},
-      {ENOENT, nullptr, "x\n", "x\n" + suffix + "\n"},
-      {0, progname, "done", "dravnik: done\n"},
-      {ENOENT, nullptr, fits, fits + suffix + "\n"},
-      {ENOENT, nullptr, full, full + "\n"},
-      {ENOENT, nullptr, big, big + "\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 10) + " " + std::to_string(c.text.size()));
-    PROGNAME = c.progname;
-    int errno_after = -1;
-    Output output = capture([&] {
-      errno = c.err;
-      messlog2(0, 0, "%s", c.text.c_str());
-      errno_after = errno;
-    });
-    EXPECT_EQ(c.expected, output.err);
-    EXPECT_EQ(c.expected, output.out);
-    EXPECT_EQ(c.err, errno_after);
-  }
-}
-
 TEST(MesslogDeathTest, NonZeroStatusEndsTheProcess) {
   EXPECT_EXIT((errno = 0, messlog2(1, 1, "fatal %d", 7), exit(0)), testing::ExitedWithCode(1),
               "^fatal 7\n$");

@@ -57,26 +57,6 @@ TEST(ConfReadFile, ReadsValueOrWarns) {
   }
 }
 
-TEST(ConfReadFile, MissingFileFailsRereadReplaces) {
-  TempDir dir;
-  const std::string first = dir.path("first.conf"), second = dir.path("second.conf");
-  conf_t store;
-  {
-    LogRecorder log;
-    errno = 0;
-    EXPECT_EQ(-1, conf_read_file_r(first.c_str(), &store));
-    EXPECT_EQ(ENOENT, errno);
-    EXPECT_TRUE(
-        LogRecorder::Has(kConfWarning, "unable to open configuration file " + first + ": "));
-  }
-  tavix::test::write_file(first, "OLD 1\n");
-  tavix::test::write_file(second, "NEW 2\n");
-  ASSERT_EQ(0, conf_read_file_r(first.c_str(), &store));
-  ASSERT_EQ(0, conf_read_file_r(second.c_str(), &store));
-  EXPECT_EQ(nullptr, conf_get_r("OLD", &store));
-  EXPECT_STREQ("2", conf_get_r("NEW", &store));
-}
-
 // The defaults are only visible on a machine without the product's file.
 TEST(ZonConfDefault, FallsBackToCompiledInValuesAtBothEndsOfTheTable) {
   if (access(kZonConfPath, F_OK) == 0) GTEST_SKIP() << kZonConfPath << " exists on this machine";
