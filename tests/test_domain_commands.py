@@ -140,6 +140,10 @@ def test_add_domain(mail_sandbox, quota):
     assert lines(sb, "users/assign") == [WILDCARD, "."]
     # Bounced by default, so neither local nor rejected.
     assert lines(sb, "mailnames/example.com/.qmail-default") == [DEFAULT_BOUNCE]
+    # The mail user's own, and nobody else's to read.
+    for path, mode in (("", 0o700), ("/.qmail-default", 0o600)):
+        st = sb.path("/var/qmail/mailnames/example.com" + path).stat()
+        assert (st.st_uid, st.st_gid, st.st_mode & 0o7777) == (110, 110, mode), path
     assert lines(sb, "control/locals") == ["localhost"]
     assert lines(sb, "control/rejectnonexist") == []
 
