@@ -38,6 +38,7 @@ TABLE = [
     ("once", ["--set-password", "--mailname=m1"], "new secret"),
     ("once", ["--rename-mailname", "--old-mailname=m2", "--new-mailname=r2"], "renamed"),
     ("once", ["--remove-alias", "--mailname=m3", "--alias=a3"], None),
+    ("once", ["--rename-mailname", "--old-mailname=m3", "--new-mailname=r3"], "renamed"),
     ("once", ["--remove-mailbox", "--mailname=m4"], None),
     ("once", ["--remove-mailname", "--mailname=m5"], None),
     ("once", ["--turn-off-domain"], None),

@@ -250,8 +250,19 @@ bool rewrite_filtered(const char* path, const CopyCount& copies,
 // `drop` followed by a prepend would leave, in one rewrite. The old file
 // must exist; when it does not, the temporary file is left holding the new
 // lines.
+// A line kept by a removal that ends with the watched text, if one is
+// watched, is noted.
+struct Watch {
+  const char* suffix = nullptr;
+  bool* seen = nullptr;
+  void look(std::string_view piece) const {
+    if (suffix && !*seen && matches(kMatchSuffix, piece, suffix))
+      *seen = true;
+  }
+};
+
 bool prepend(const char* path, const char* const* lines,
-             const char* const* drop) {
+             const char* const* drop, const Watch& watch = Watch()) {
   StreamBuffer in_buffer, out_buffer;
   AtomicFile temp;
   if (!create_temp(path, &temp, &out_buffer))
@@ -267,8 +278,11 @@ bool prepend(const char* path, const char* const* lines,
     return false;
   }
 
-  if (!copy_pieces(in.get(), temp.stream(), [drop](std::string_view piece) {
-        return copies_unless_given(piece, drop);
+  if (!copy_pieces(in.get(), temp.stream(), [drop, &watch](std::string_view piece) {
+        size_t copies = copies_unless_given(piece, drop);
+        if (copies != 0)
+          watch.look(piece);
+        return copies;
       })) {
     log_error("Unable to fputs to file %s: %s\n", temp_path.c_str());
     return false;
@@ -532,13 +546,17 @@ bool missing_held(const char* path) {
 }
 
 bool prepend_held(HeldFile* file, const char* path, const char* const* lines,
-                  const char* const* drop) {
+                  const char* const* drop, const Watch& watch = Watch()) {
   if (!file->existed)
     return missing_held(path);
   if (file->lines.holds_any(drop)) {
     file->lines.filter([drop](std::string_view piece) {
       return copies_unless_given(piece, drop);
     });
+  }
+  if (watch.suffix) {
+    for (const std::string& piece : file->lines.pieces())
+      watch.look(piece);
   }
   std::vector<std::string> pieces = text_pieces(lines_text(lines));
   for (auto piece = pieces.rbegin(); piece != pieces.rend(); ++piece)
@@ -651,17 +669,28 @@ int file_strings(const char* path, const char* const* lines, int op, int how) {
 
 int file_remove_prepend(const char* path, const char* const* drop,
                         const char* const* lines) {
+  return file_remove_prepend_watch(path, drop, lines, nullptr, nullptr);
+}
+
+int file_remove_prepend_watch(const char* path, const char* const* drop,
+                              const char* const* lines, const char* suffix, bool* seen) {
+  Watch watch;
+  if (suffix && seen) {
+    watch.suffix = suffix;
+    watch.seen = seen;
+    *seen = false;
+  }
   if (!drop)
     drop = kNoLines;
   if (!lines)
     lines = kNoLines;
   bool failed = false;
   if (HeldFile* file = held_file(path, &failed))
-    return prepend_held(file, path, lines, drop) ? 0 : 1;
+    return prepend_held(file, path, lines, drop, watch) ? 0 : 1;
   if (failed)
     return 1;
   // A missing file fails at the prepend, as it would after the removal.
-  return edit_locked(path, [=](bool) { return prepend(path, lines, drop); });
+  return edit_locked(path, [=](bool) { return prepend(path, lines, drop, watch); });
 }
 
 int file_str(const char* path, const char* line, int op, int how) {

@@ -47,6 +47,12 @@ int file_strings(const char* path, const char* const* lines, int op, int how);
 int file_remove_prepend(const char* path, const char* const* drop,
                         const char* const* lines);
 
+// file_remove_prepend() that also sets `*seen` when a line it keeps (one
+// not in `drop`) ends with `suffix`: whether a second edit that changes
+// such lines has anything to do.
+int file_remove_prepend_watch(const char* path, const char* const* drop,
+                              const char* const* lines, const char* suffix, bool* seen);
+
 // file_strings() with a one-line list.
 int file_str(const char* path, const char* line, int op, int how);
 

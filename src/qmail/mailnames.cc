@@ -108,13 +108,16 @@ int remove_line(const std::string& line) {
 // Puts `line` at the top of users/assign in place of every line equal to
 // one of `drop`, in one rewrite of the file (it holds every mail name of the
 // server). 0, or 1 after reporting the failure; the file is then unchanged.
-int put_first(const std::string& line, std::initializer_list<std::string> drop) {
+// With `suffix`, `*seen` tells whether a line kept ends with it.
+int put_first(const std::string& line, std::initializer_list<std::string> drop,
+              const std::string* suffix = nullptr, bool* seen = nullptr) {
   std::vector<const char*> dropped;
   for (const std::string& text : drop)
     dropped.push_back(text.c_str());
   dropped.push_back(nullptr);
   const char* const lines[] = {line.c_str(), nullptr};
-  return file_remove_prepend(assign().c_str(), dropped.data(), lines);
+  return file_remove_prepend_watch(assign().c_str(), dropped.data(), lines,
+                                   suffix ? suffix->c_str() : nullptr, seen);
 }
 
 // qmail-newu reads the file as root, but other tools expect it world-readable.
@@ -204,9 +207,11 @@ int sed_into_temp(const std::string& path, const std::string& expression,
 bool sed_failed(int result) { return result == 127 || result < 0; }
 
 // Re-points every assign line that ends with the old home directory (the
-// alias lines) at the new one; sed's result goes to `*sed_result`. -1 when
-// the file could not be locked or filtered at all, else 0.
-int repoint_aliases(const std::string& from, const std::string& to, int* sed_result) {
+// alias lines) at the new one; sed's result goes to `*sed_result`. -1
+// when the file could not be locked or filtered at all, else 0. Without
+// `any_alias` no line points at the old home and sed is not run.
+int repoint_aliases(const std::string& from, const std::string& to, bool any_alias,
+                    int* sed_result) {
   const std::string path = assign();
   // sed reads the file on disk, and the lock below is the one a held copy
   // keeps: a held copy is written and let go first.
@@ -223,6 +228,8 @@ int repoint_aliases(const std::string& from, const std::string& to, int* sed_res
   if (stale > 0)
     tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale,
               path.c_str());
+  if (!any_alias)
+    return 0;
   tavix::AtomicFile temp;
   int result = sed_into_temp(
       path, "s|" + sed_regex_literal(from) + "$|" + sed_replacement_literal(to) + "|g",
@@ -447,10 +454,14 @@ int ch_mailname(const char* old_mailname, const char* domain, const char* new_ma
 
   const std::string old_line = assign_line(domain, old_mailname, old_mailname, user);
   const std::string new_line = assign_line(domain, new_mailname, new_mailname, user) + "\n";
+  const std::string old_home = home_suffix(domain, old_mailname, user);
   // The new line is dropped too so that running an interrupted rename again
   // does not list the mail name twice. A failed pass changed nothing, so
-  // there is nothing to put back.
-  if (put_first(new_line, {old_line, new_line}) != 0)
+  // there is nothing to put back. The pass also sees whether any line it
+  // keeps (an alias) delivers to the old home: if none does, the second
+  // pass over the whole file has nothing to change.
+  bool any_alias = false;
+  if (put_first(new_line, {old_line, new_line}, &old_home, &any_alias) != 0)
     fatal("Unable to remove record from assign file");
   assign_mode();
   if (rename_dir(mailname_dir(domain, old_mailname).c_str(),
@@ -460,8 +471,8 @@ int ch_mailname(const char* old_mailname, const char* domain, const char* new_ma
   }
 
   int sed_result = 0;
-  if (repoint_aliases(home_suffix(domain, old_mailname, user),
-                      home_suffix(domain, new_mailname, user), &sed_result) != 0)
+  if (repoint_aliases(old_home, home_suffix(domain, new_mailname, user), any_alias,
+                      &sed_result) != 0)
     return -1;
   if (move_auth_records(old_mailname, domain, new_mailname, password, sed_result) != 0)
     return -1;
