@@ -246,3 +246,15 @@ def test_bad_input(sandbox, text, mode, message):
     # The rest of the batch still runs.
     assert second == {"line": 2, "status": 0, "output": ""}
     assert "ok.test" in sandbox.read("/var/qmail/control/rcpthosts")
+
+
+def test_stop_on_error_from_standard_input(sandbox):
+    def add(domain):
+        return json.dumps({"argv": ["--add-domain", "--domain-name=" + domain, "--wait-stdin"],
+                           "stdin": json.loads(session(domain))}) + "\n"
+    text = add("first.test") + '{"argv": ["--add-domain"]}\n' + add("third.test")
+    r = sandbox.run_raw([str(BATCH), "--stop-on-error", "-"], stdin=text)
+    assert r.rc == 1, r
+    assert [(g["line"], g["status"]) for g in map(json.loads, r.out.splitlines())] == \
+        [(1, 0), (2, 1)]
+    assert sandbox.read("/var/qmail/control/rcpthosts") == "first.test\n"
