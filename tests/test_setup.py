@@ -86,8 +86,6 @@ BREAKAGES = [
     (lambda sb: os.unlink(sb.path(CONTROL[0])), CONTROL[0] + ": missing file"),
     (lambda sb: os.chown(sb.path(MAILNAMES), 0, POPUSER),
      MAILNAMES + ": owner root, expected popuser"),
-    (lambda sb: sb.write("/etc/zon/zon.conf", "TAVIX_MAILNAMES_D /var/qmail/boxes\n"),
-     "/var/qmail/boxes: missing directory"),
     (lambda sb: os.chown(sb.path(AUTH), 0, 0), AUTH + ": group root, expected nofiles"),
     (lambda sb: os.chown(sb.path(KEY), POPUSER, NOFILES), KEY + ": owner popuser, expected root"),
 ]
@@ -106,16 +104,6 @@ def test_check_reports_a_problem_that_a_run_repairs(mail_sandbox, breakage, repo
     assert r.rc == 0 and report.split(":")[0] in r.out, r
     assert run_setup(sb, "--check").rc == 0
     assert attributes(sb) == READY
-
-
-def test_a_lost_key_is_made_again_and_the_rows_are_kept(mail_sandbox):
-    sb = mail_sandbox
-    add_rows(sb)
-    os.unlink(sb.path(KEY))
-    r = run_setup(sb)
-    assert r.rc == 0 and "cannot be read any more" in r.err and "--set-password" in r.err, r
-    assert query(sb, DB, "SELECT name FROM domains") == [("example.com",)]
-    assert attributes(sb, [KEY]) == {KEY: READY[KEY]}
 
 
 def test_force_makes_new_databases_and_key_and_keeps_the_old_files(mail_sandbox):
@@ -147,9 +135,7 @@ def test_force_makes_new_databases_and_key_and_keeps_the_old_files(mail_sandbox)
 MISSING_ACCOUNTS = [
     # (users and groups removed, what is missing and how to create it)
     (("popuser",), ("popuser",), "account popuser", "useradd --system --user-group"),
-    (("popuser",), (), "account popuser", "useradd --system --gid popuser"),
     ((), ("nofiles",), "group nofiles", "groupadd --system nofiles"),
-    ((), ("popuser",), "group popuser", "groupadd --system popuser"),
 ]
 
 

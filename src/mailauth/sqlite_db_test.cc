@@ -96,21 +96,6 @@ TEST_F(SqliteDbTest, FailuresAreReported) {
   EXPECT_STREQ("one", stmt.column_text(0));
 }
 
-// Whatever was left half-done, the owners finalize and close: afterwards
-// another connection gets the exclusive lock at once.
-TEST_F(SqliteDbTest, OwnersReleaseTheDatabase) {
-  {
-    Database db;
-    ASSERT_EQ(0, db.open(path_.c_str()));
-    Statement stmt;
-    ASSERT_EQ(0, stmt.prepare(db, "SELECT v FROM t"));
-    ASSERT_EQ(SQLITE_ROW, stmt.step());  // a read is in progress
-  }
-  sqlite3* other = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open(path_.c_str(), &other));
-  EXPECT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE; COMMIT;", nullptr, nullptr, nullptr));
-  sqlite3_close(other);
-}
 
 // Each primitive waits for another connection's lock, well beyond SQLite's
 // own busy timeout, and then succeeds.

@@ -25,21 +25,6 @@ long entries_in(const std::string& dir) {
   return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
 }
 
-TEST(CopyFileAtomicTest, ReplacesTheDestinationWithOwnerAndMode) {
-  ScratchDir dir;
-  std::string source = dir.path("key"), destination = dir.path("keys/default");
-  std::filesystem::create_directory(dir.path("keys"));
-  const std::string key(10000, 'k');  // more than one block
-  write_file(source, key);
-  write_file(destination, "old key\n");
-
-  copy_file_atomic(source.c_str(), destination.c_str(), 0, 110, 0440);
-
-  EXPECT_EQ(key, read_file(destination));
-  EXPECT_EQ((Attributes{0, 110, 0440}), attributes_of(destination));
-  EXPECT_EQ(1, entries_in(dir.path("keys")));  // no temporary file left
-}
-
 // Every failure ends the process and leaves no temporary file behind.
 TEST(CopyFileAtomicFailureTest, FailuresEndTheProcess) {
   const struct {
