@@ -109,13 +109,27 @@ void drop_passwords() {
   (void)get_env_password(&password, &crypted);
 }
 
+pid_t runner_pid = 0;
+
+// A command's fatal failure ends the command. In a child the command forked
+// (a rename plug-in's process) it ends that child, as exit() would have: a
+// throw there would run the rest of the batch a second time.
+[[noreturn]] void end_command(int status) {
+  if (getpid() != runner_pid) {
+    fflush(nullptr);
+    _exit(status);
+  }
+  throw_command_exit(status);
+}
+
 }  // namespace
 
 CommandRunner::CommandRunner()
     : saved_in_(duplicate(STDIN_FILENO)),
       saved_out_(duplicate(STDOUT_FILENO)),
       saved_err_(duplicate(STDERR_FILENO)) {
-  tavix_set_fatal_handler(throw_command_exit);
+  runner_pid = getpid();
+  tavix_set_fatal_handler(end_command);
 }
 
 CommandRunner::~CommandRunner() { tavix_set_fatal_handler(nullptr); }
