@@ -30,7 +30,7 @@ const char kUsage[] =
     "the mail tree and the authentication and handlers databases agree, and\n"
     "reports each finding on one line, grouped by domain, then a summary.\n"
     "Exit status: 0 clean, 1 findings (after --repair: findings left), 2 when\n"
-    "something could not be read.\n";
+    "something could not be read or the command line is wrong.\n";
 
 struct Options {
   bool repair = false;
