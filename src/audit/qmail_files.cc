@@ -7,7 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "qmail/lock.h"
@@ -91,14 +91,21 @@ void StatTime(const std::string& path, bool* exists, struct timespec* mtime) {
 void FindTemporaries(const char* dir_suffix, QmailFiles* files) {
   std::string dir = qmail_file(dir_suffix);
   UniqueFd fd(open_dir_nofollow(dir.c_str()));
-  DIR* stream = fd ? fdopendir(fd.get()) : nullptr;
+  std::unique_ptr<DIR, int (*)(DIR*)> stream(fd ? fdopendir(fd.get()) : nullptr, closedir);
   if (!stream) {
     if (errno != ENOENT)
       files->unreadable.push_back(dir + ": " + strerror(errno));
     return;
   }
   fd.release();
-  while (struct dirent* entry = readdir(stream)) {
+  for (;;) {
+    errno = 0;
+    struct dirent* entry = readdir(stream.get());
+    if (!entry) {
+      if (errno != 0)
+        files->unreadable.push_back(dir + ": " + strerror(errno));
+      return;
+    }
     std::string name = entry->d_name;
     bool temporary = name.size() == strlen("assign.mail.XXXXXX") &&
                      name.compare(0, 12, "assign.mail.") == 0;
@@ -110,7 +117,6 @@ void FindTemporaries(const char* dir_suffix, QmailFiles* files) {
     if (temporary)
       files->temporaries.push_back(dir + "/" + name);
   }
-  closedir(stream);
 }
 
 }  // namespace
