@@ -247,12 +247,10 @@ std::string Checker::Resolve(const std::string& name) const {
 }
 
 void Checker::Leftovers() {
-  for (const std::string& temp : files_.temporaries) {
-    Finding& f = Add("leftover-temporary", "", temp, "left by an edit that was interrupted");
+  for (const auto& temp : files_.temporaries) {
+    Finding& f = Add("leftover-temporary", "", temp.first, "left by an edit that was interrupted");
     f.fix = Fix::kRemoveTemporary;
-    size_t mail = temp.rfind(".mail.");
-    f.target = mail != std::string::npos ? temp.substr(0, mail)
-                                         : temp.substr(0, temp.size() - 4);  // ".tmp"
+    f.target = temp.second;
   }
   for (const std::string& path : files_.held_locks)
     Add("stale-lock", "", path,

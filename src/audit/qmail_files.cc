@@ -87,8 +87,10 @@ void StatTime(const std::string& path, bool* exists, struct timespec* mtime) {
 
 // "<file>.tmp" beside each edited file and "assign.mail.XXXXXX" (a mail
 // name rename's copy): nothing but a killed run leaves them once the lock of
-// their file is free.
-void FindTemporaries(const char* dir_suffix, QmailFiles* files) {
+// their file is free. One that a living run is writing is gone, or complete
+// and renamed, by the time its lock is released, so each is looked at again
+// under that lock; one whose lock stays taken is not judged.
+void FindTemporaries(const char* dir_suffix, int lock_wait_ms, QmailFiles* files) {
   std::string dir = qmail_file(dir_suffix);
   UniqueFd fd(open_dir_nofollow(dir.c_str()));
   std::unique_ptr<DIR, int (*)(DIR*)> stream(fd ? fdopendir(fd.get()) : nullptr, closedir);
@@ -107,15 +109,23 @@ void FindTemporaries(const char* dir_suffix, QmailFiles* files) {
       return;
     }
     std::string name = entry->d_name;
-    bool temporary = name.size() == strlen("assign.mail.XXXXXX") &&
-                     name.compare(0, 12, "assign.mail.") == 0;
-    for (const char* const* file = kEditedFiles; *file && !temporary; ++file) {
+    std::string target;
+    if (name.size() == strlen("assign.mail.XXXXXX") && name.compare(0, 12, "assign.mail.") == 0)
+      target = dir + "/assign";
+    for (const char* const* file = kEditedFiles; *file && target.empty(); ++file) {
       std::string edited = qmail_file(*file);
-      temporary = edited.compare(0, dir.size() + 1, dir + "/") == 0 &&
-                  name == edited.substr(dir.size() + 1) + ".tmp";
+      if (edited.compare(0, dir.size() + 1, dir + "/") == 0 &&
+          name == edited.substr(dir.size() + 1) + ".tmp")
+        target = edited;
     }
-    if (temporary)
-      files->temporaries.push_back(dir + "/" + name);
+    if (target.empty())
+      continue;
+    std::string path = dir + "/" + name;
+    bool held = false;
+    ScopedLock lock(LockWithin(target, lock_wait_ms, &held));
+    struct stat st;
+    if (lock.get() && lstat(path.c_str(), &st) == 0)
+      files->temporaries.emplace_back(path, target);
   }
 }
 
@@ -184,8 +194,8 @@ QmailFiles ReadQmailFiles(int lock_wait_ms) {
     }
   }
   StatTime(qmail_file("/users/cdb"), &files.has_cdb, &files.cdb_mtime);
-  FindTemporaries("/control", &files);
-  FindTemporaries("/users", &files);
+  FindTemporaries("/control", lock_wait_ms, &files);
+  FindTemporaries("/users", lock_wait_ms, &files);
   return files;
 }
 

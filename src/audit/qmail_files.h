@@ -14,6 +14,7 @@
 
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct lock_handle;
@@ -47,7 +48,9 @@ struct QmailFiles {
   struct timespec assign_mtime = {0, 0};
   struct timespec cdb_mtime = {0, 0};
   std::vector<std::string> held_locks;   // files whose lock stayed taken
-  std::vector<std::string> temporaries;  // leftovers of killed edits
+  // Leftovers of killed edits: the temporary file and the file it was to
+  // replace, under whose lock it was written.
+  std::vector<std::pair<std::string, std::string>> temporaries;
   std::vector<std::string> unreadable;   // "path: reason"
 };
 
