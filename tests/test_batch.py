@@ -79,6 +79,8 @@ def script(domains):
                               "--new-domain-name=renamed.test"]})
     commands.append({"argv": ["--add-mailname", "--domain-name=renamed.test",
                               "--mailname=after", "--disk-quota=-1"]})
+    commands.append({"argv": ["--remove-domain", "--domain-name=" + domains[0], "--wait-stdin"],
+                     "stdin": json.loads(session(domains[0], [], state[domains[0]]))})
     return commands
 
 
