@@ -260,3 +260,16 @@ def test_stop_on_error_from_standard_input(sandbox):
     assert [(g["line"], g["status"]) for g in map(json.loads, r.out.splitlines())] == \
         [(1, 0), (2, 1)]
     assert sandbox.read("/var/qmail/control/rcpthosts") == "first.test\n"
+
+
+def test_readme_example_runs_as_shown(mail_sandbox):
+    readme = (sandbox_module.REPO / "README.md").read_text()
+    section = readme.split("## Bulk changes", 1)[1].split("\n## ", 1)[0]
+    shown = [line[4:] for line in section.splitlines() if line.startswith("    {")]
+    commands = [line for line in shown if line.startswith('{"argv"')]
+    outputs = [line for line in shown if line.startswith('{"line"')]
+    assert commands and len(commands) == len(outputs)
+    mail_sandbox.run("--add-domain", "--domain-name=example.com", "--wait-stdin",
+                     stdin=session("example.com"))
+    r = run_batch(mail_sandbox, [c + "\n" for c in commands])
+    assert r.rc == 0 and r.out.splitlines() == outputs, r
