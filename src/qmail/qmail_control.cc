@@ -30,6 +30,9 @@ int newu_now() {
     tavix_log(3, "Error occurred while locking %s file", assign.c_str());
     return -1;
   }
+  // qmail-newu holds the lock too: killed mid-compile, this run must not
+  // let the next compile start while its own is still writing.
+  tavix::ChildrenKeepFd keep(lock.get()->descriptor);
   std::string newu = tavix::qmail::qmail_file("/bin/qmail-newu");
   return path_exec(newu.c_str(), static_cast<char*>(nullptr));
 }

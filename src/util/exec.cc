@@ -127,12 +127,30 @@ int wait_and_decode(pid_t pid, const char* name, int options, int* status,
   return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
+// The descriptor a ChildrenKeepFd hands to children, or -1.
+int kept_fd = -1;
+
 // Closes every descriptor from `first` on.
 void close_from(int first) {
   if (close_range(first, ~0U, 0) == 0)
     return;
   for (int fd = first, end = getdtablesize(); fd < end; ++fd)
     close(fd);  // most are not open: EBADF is expected
+}
+
+// Closes every descriptor from 3 on but `kept_fd`, which loses its
+// close-on-exec flag.
+bool close_all_but_kept() {
+  if (kept_fd < 3) {
+    close_from(3);
+    return true;
+  }
+  if (kept_fd > 3 && close_range(3, kept_fd - 1, 0) != 0) {
+    for (int fd = 3; fd < kept_fd; ++fd)
+      close(fd);  // most are not open: EBADF is expected
+  }
+  close_from(kept_fd + 1);
+  return fcntl(kept_fd, F_SETFD, 0) == 0;
 }
 
 // In the child: puts plan[t] on descriptor t for t = 0, 1, 2 and closes all
@@ -155,8 +173,7 @@ bool setup_child_fds(const int plan[3]) {
     if (source[t] >= 0 && dup2(source[t], t) < 0)
       return false;
   }
-  close_from(3);
-  return true;
+  return close_all_but_kept();
 }
 
 // Writes in the child why execv() failed, on its standard error.
@@ -738,3 +755,10 @@ int popen_exec_with_input(const char* command, const char* input) {
   }
   return exit_code_of(pclose(stream.release()));
 }
+
+namespace tavix {
+
+ChildrenKeepFd::ChildrenKeepFd(int fd) : previous_(kept_fd) { kept_fd = fd; }
+ChildrenKeepFd::~ChildrenKeepFd() { kept_fd = previous_; }
+
+}  // namespace tavix

@@ -74,4 +74,23 @@ int popen_exec_getoutput(char** out, const char* command);
 int popen_exec(const char* command);
 int popen_exec_with_input(const char* command, const char* input);
 
+namespace tavix {
+
+// While one lives, every child started through this module keeps `fd`
+// open (children otherwise get only their standard streams). For a lock
+// that must outlive this process while a child works under it: the lock
+// belongs to the open file, so it is released when the last holder ends.
+class ChildrenKeepFd {
+ public:
+  explicit ChildrenKeepFd(int fd);
+  ~ChildrenKeepFd();
+  ChildrenKeepFd(const ChildrenKeepFd&) = delete;
+  ChildrenKeepFd& operator=(const ChildrenKeepFd&) = delete;
+
+ private:
+  int previous_;
+};
+
+}  // namespace tavix
+
 #endif  // DRAVNIK_UTIL_EXEC_H_
