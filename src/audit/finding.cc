@@ -3,29 +3,10 @@
 #include <cstdio>
 #include <map>
 
+#include "util/strings.h"
+
 namespace tavix {
 namespace audit {
-
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char buffer[8];
-          snprintf(buffer, sizeof(buffer), "\\u%04x", c);
-          out += buffer;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
 
 void PrintJson(const Finding& finding, const std::string& repair, std::ostream& out) {
   const std::pair<const char*, const std::string*> fields[] = {
@@ -35,7 +16,7 @@ void PrintJson(const Finding& finding, const std::string& repair, std::ostream& 
   for (const auto& field : fields) {
     if (field.second->empty())
       continue;
-    out << separator << JsonString(field.first) << ": " << JsonString(*field.second);
+    out << separator << json_quote(field.first) << ": " << json_quote(*field.second);
     separator = ", ";
   }
   out << "}\n";

@@ -55,9 +55,6 @@ void PrintText(const std::vector<Finding>& findings, std::ostream& out);
 // non-empty `repair` is added as the member "repair".
 void PrintJson(const Finding& finding, const std::string& repair, std::ostream& out);
 
-// `text` as a JSON string literal, quotes included.
-std::string JsonString(const std::string& text);
-
 }  // namespace audit
 }  // namespace tavix
 

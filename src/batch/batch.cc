@@ -12,6 +12,8 @@
 #include "batch/batch_input.h"
 #include "batch/checkpoint.h"
 #include "batch/command_runner.h"
+#include "util/fs.h"
+#include "util/strings.h"
 
 namespace tavix {
 namespace batch {
@@ -148,27 +150,13 @@ bool refuse(std::string* error, const std::string& text) {
   return false;
 }
 
-bool read_fd(int fd, std::string* text) {
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return false;
-    if (n == 0)
-      return true;
-    text->append(buffer, static_cast<size_t>(n));
-  }
-}
-
 }  // namespace
 
 bool read_input(const std::string& input, std::vector<std::string>* lines,
                 std::string* error) {
   std::string text;
   if (input == "-") {
-    if (!read_fd(STDIN_FILENO, &text))
+    if (!read_to_end(STDIN_FILENO, &text))
       return refuse(error, std::string("cannot read standard input: ") + strerror(errno));
   } else {
     UniqueFd fd(open(input.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
@@ -179,7 +167,7 @@ bool read_input(const std::string& input, std::vector<std::string>* lines,
       return refuse(error, input +
                                " must be a regular file owned by root that neither its group "
                                "nor others may read or write: it may hold passwords");
-    if (!read_fd(fd.get(), &text))
+    if (!read_to_end(fd.get(), &text))
       return refuse(error, "cannot read " + input + ": " + strerror(errno));
   }
   size_t start = 0;

@@ -27,9 +27,6 @@ bool parse_command(const std::string& line, Command* command, std::string* error
 // True for a line that holds no command (only blanks).
 bool is_blank(const std::string& line);
 
-// `text` as a JSON string, quotes included.
-std::string json_quote(const std::string& text);
-
 }  // namespace batch
 }  // namespace tavix
 

@@ -57,17 +57,9 @@ std::string read_all(int fd) {
   if (lseek(fd, 0, SEEK_SET) != 0)
     fail("cannot rewind the command's output");
   std::string text;
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      fail("cannot read the command's output");
-    if (n == 0)
-      return text;
-    text.append(buffer, static_cast<size_t>(n));
-  }
+  if (!read_to_end(fd, &text))
+    fail("cannot read the command's output");
+  return text;
 }
 
 void flush_streams() {

@@ -570,3 +570,21 @@ char* get_file_contents(const char* path, size_t* length) {
     return nullptr;
   return get_stream_contents(file.get(), length);
 }
+
+namespace tavix {
+
+bool read_to_end(int fd, std::string* text) {
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return false;
+    if (n == 0)
+      return true;
+    text->append(buffer, static_cast<size_t>(n));
+  }
+}
+
+}  // namespace tavix

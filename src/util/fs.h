@@ -61,6 +61,10 @@ char* get_file_contents(const char* path, size_t* length);
 
 namespace tavix {
 
+// Appends what is left to read on `fd` to `*text`; false on a read error
+// (errno tells why).
+bool read_to_end(int fd, std::string* text);
+
 // Owns a file descriptor; -1 means none.
 class UniqueFd {
  public:

@@ -6,6 +6,8 @@
 #ifndef DRAVNIK_UTIL_STRINGS_H_
 #define DRAVNIK_UTIL_STRINGS_H_
 
+#include <string>
+
 // Appends a heap copy of `str` to `array` (which may be null) and returns the
 // grown array. The array passed in is consumed: on allocation failure it is
 // freed, the failure is logged and null is returned, so the usual
@@ -22,5 +24,13 @@ char** string_split(const char* text, const char* delimiters);
 
 // Lower-cases `str` in place; null is accepted.
 void strtolower(char* str);
+
+namespace tavix {
+
+// `text` as a JSON string, quotes included; bytes of 0x80 and above are
+// written as they are (the programs' JSON output is UTF-8 when the names are).
+std::string json_quote(const std::string& text);
+
+}  // namespace tavix
 
 #endif  // DRAVNIK_UTIL_STRINGS_H_
