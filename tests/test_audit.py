@@ -56,9 +56,10 @@ def popuser_file(sb, path, text):
     os.chown(sb.path(path), POPUSER, POPUSER)
 
 
-def future(sb, path):
+def age(sb, path):
+    """Dates path back, as if it were last written well before the fixture."""
     st = sb.path(path).stat()
-    os.utime(sb.path(path), (st.st_atime, st.st_mtime + 10))
+    os.utime(sb.path(path), (st.st_atime, st.st_mtime - 3600))
 
 
 LOCK = "/run/lock/files/" + hashlib.md5(ASSIGN.encode()).hexdigest()
@@ -86,7 +87,7 @@ FAULTS = {
     "orphan-directory": (lambda sb: os.mkdir(sb.path(ROOT + "/ghost"), 0o700), False, (), ()),
     "assign-malformed": (
         lambda sb: edit(sb, ASSIGN, lambda t: t.splitlines(True)[0] + t), False, (), ()),
-    "cdb-outdated": (lambda sb: future(sb, ASSIGN), True, (), ()),
+    "cdb-outdated": (lambda sb: age(sb, "/var/qmail/users/cdb"), True, (), ()),
     "owner-or-mode": (lambda sb: os.chmod(sb.path(JOHN + "/Maildir"), 0o755), True, (), ()),
     "symlink-in-tree": (
         lambda sb: plant(sb, JOHN + "/Maildir/new/1.host,S=99", "/etc/passwd"), False, (), ()),
