@@ -2,8 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -72,12 +74,34 @@ UniqueFd openat_nofollow(int dir_fd, const char* name, int flags, mode_t mode) {
   return UniqueFd(openat(dir_fd, name, flags | O_CLOEXEC, mode));
 }
 
+namespace {
+
+const int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+// The whole path in one call, refusing a symbolic link in any component.
+// Nearly every path holds none, and then this is what the walk below would
+// open, at a fraction of its system calls.
+UniqueFd open_dir_without_links(const char* path, int at) {
+  struct open_how how = {};
+  how.flags = kDirFlags;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  return UniqueFd(static_cast<int>(syscall(SYS_openat2, at, path, &how, sizeof how)));
+}
+
+}  // namespace
+
 UniqueFd open_dir_nofollow(const char* path, int at) {
-  const int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
   if (*path == '\0') {
     errno = ENOENT;
     return UniqueFd();
   }
+  UniqueFd fast = open_dir_without_links(path, at);
+  // A missing or non-directory component is met before any link behind
+  // it, so the walk would fail the same way. Anything else (a link, which
+  // the walk may follow in a trusted directory, or a kernel or filter
+  // without openat2) is left to the walk.
+  if (fast || errno == ENOENT || errno == ENOTDIR)
+    return fast;
   UniqueFd dir(openat(at, *path == '/' ? "/" : ".", kDirFlags));
   std::string component;
   for (const char* p = path; dir && *p;) {

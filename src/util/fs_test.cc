@@ -55,6 +55,30 @@ TEST(MakeDirP, CreatesChainWithOwnerAndModeDespiteUmask) {
   EXPECT_EQ(65534u, Lstat(leaf).st_uid);
 }
 
+// A link that only root could have put there is followed (an operator's
+// /var/qmail/mailnames may be one); one in a directory that someone else
+// can write is refused, wherever it lies in the path.
+TEST(OpenDirNofollow, FollowsALinkOnlyInADirectoryNobodyElseCanWrite) {
+  TempDir tmp;
+  MakeDir(tmp.path("real"));
+  MakeDir(tmp.path("real/sub"));
+  MakeDir(tmp.path("open"));
+  MakeLink(tmp.path("real"), tmp.path("link"));
+  MakeLink(tmp.path("real"), tmp.path("open/link"));
+  ASSERT_EQ(0, chmod(tmp.path("open").c_str(), 01777));
+  for (const char* path : {"link/sub", "link", "./link/sub"}) {
+    SCOPED_TRACE(path);
+    std::string full = tmp.path(path);
+    EXPECT_TRUE(tavix::open_dir_nofollow(full.c_str()));
+  }
+  for (const char* path : {"open/link/sub", "open/link"}) {
+    SCOPED_TRACE(path);
+    std::string full = tmp.path(path);
+    EXPECT_FALSE(tavix::open_dir_nofollow(full.c_str()));
+    EXPECT_EQ(ELOOP, errno);
+  }
+}
+
 // Only what mkstemp() made of "<name><infix>XXXXXX" goes; a planted link
 // goes as a link, its target stays.
 TEST(RemoveStaleTemps, RemovesExactlyTheTemplatesNames) {
