@@ -8,6 +8,7 @@
 #include <string>
 
 #include "qmail/line_file.h"
+#include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "util/atomic_file.h"
 #include "util/fs.h"
@@ -26,6 +27,8 @@ const int kLogWarning = 4;
 // server reads them as.
 const char* const kMailboxOwner = "popuser";
 const mode_t kDotqmailMode = 0600;
+// A reset writes "<.qmail>.XXXXXX" beside the file it replaces.
+const char kResetTempInfix[] = ".";
 
 struct ImapPop3Server {
   const char* agent;          // the local delivery agent probed for
@@ -110,6 +113,42 @@ int format_mail_path(char* buffer, size_t size, const char* mailname,
   return 0;
 }
 
+// A run killed between writing its new .qmail and the rename left the
+// temporary file behind; under the file's lock none of them is in use.
+void remove_stale_reset_temps(const char* path) {
+  int stale = tavix::remove_stale_temps(path, kResetTempInfix);
+  if (stale > 0)
+    tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale, path);
+  else if (stale < 0)
+    tavix_log(kLogWarning, "Unable to remove the temporary files left beside %s: %s", path,
+              strerror(errno));
+}
+
+// Writes the reset contents of `path`; the caller holds its lock.
+int write_reset(const char* path) {
+  // Written beside the old one and renamed over it, so that the mail user
+  // cannot have it written through a link planted at the name.
+  tavix::AtomicFile file;
+  if (!file.create(path, tavix::name_beside(path, std::string(kResetTempInfix) + "XXXXXX"),
+                   tavix::AtomicFile::Temp::kUnique, kDotqmailMode)) {
+    tavix_log(kLogError, "Unable to open '%s': %s", path, strerror(errno));
+    return -1;
+  }
+  // The owner and mode are the new file's before it takes the name.
+  if (fd_set_user_mode(file.fd(), path, kMailboxOwner, kDotqmailMode) != 0)
+    return -1;
+  if (!file.write("| true\n") || !file.commit()) {
+    // No .qmail at all is better than a wrong one: qmail then delivers by
+    // its default instead of to whatever the old file said.
+    int write_errno = errno;
+    tavix::unlink_nofollow(path);
+    tavix_log(kLogError, "Unable to write to '%s': %s", path,
+              strerror(write_errno));
+    return -1;
+  }
+  return 0;
+}
+
 int give_to_mailbox_owner(const char* path) {
   return file_set_user_mode(path, kMailboxOwner, kDotqmailMode);
 }
@@ -176,27 +215,22 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
 }
 
 int dotqmail_reset(const char* path) {
-  // Written beside the old one and renamed over it, so that the mail user
-  // cannot have it written through a link planted at the name.
-  tavix::AtomicFile file;
-  if (!file.create(path, tavix::name_beside(path, ".XXXXXX"),
-                   tavix::AtomicFile::Temp::kUnique, kDotqmailMode)) {
-    tavix_log(kLogError, "Unable to open '%s': %s", path, strerror(errno));
+  // The lock the delivery line edits take (qmail/line_file.h): a reset
+  // does not race them, and every temporary beside the file is written
+  // under it.
+  tavix::ScopedLock lock(mk_lock(path, 1));
+  if (!lock.locked()) {
+    tavix_log(kLogError, "Error occurred while locking the file %s: %s", path, strerror(errno));
     return -1;
   }
-  // The owner and mode are the new file's before it takes the name.
-  if (fd_set_user_mode(file.fd(), path, kMailboxOwner, kDotqmailMode) != 0)
-    return -1;
-  if (!file.write("| true\n") || !file.commit()) {
-    // No .qmail at all is better than a wrong one: qmail then delivers by
-    // its default instead of to whatever the old file said.
-    int write_errno = errno;
-    tavix::unlink_nofollow(path);
-    tavix_log(kLogError, "Unable to write to '%s': %s", path,
-              strerror(write_errno));
+  remove_stale_reset_temps(path);
+  int result = write_reset(path);
+  if (lock.release() != 0) {
+    tavix_log(kLogError, "Error occurred while unlocking the file %s: %s", path,
+              strerror(errno));
     return -1;
   }
-  return 0;
+  return result;
 }
 
 int dotqmail_remove_delivery_strings(const char* path) {

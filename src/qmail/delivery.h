@@ -39,7 +39,8 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
 // Writes a fresh .qmail that discards the mail ("| true"), owned by popuser
 // with mode 0600, beside the old one and renamed over it (a link planted at
 // the name is replaced, not written through). A failed write leaves no file
-// at all. 0 or -1 (logged).
+// at all. Done under the file's lock, which also lets it remove the
+// temporary files of resets killed before their rename. 0 or -1 (logged).
 int dotqmail_reset(const char* path);
 
 // Makes the detected server's delivery line the only one in the existing

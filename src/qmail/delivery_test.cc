@@ -100,4 +100,21 @@ TEST(DeliveryTest, DetectsTheInstalledServer) {
   }
 }
 
+// A reset takes the place of the temporaries of resets killed before their
+// rename, not of another file's.
+TEST(DeliveryTest, ResetRemovesTheTemporariesOfKilledResets) {
+  const ScratchDir dir;
+  const std::string dotqmail = dir.path(".qmail");
+  write_file(dotqmail, "| old\n");
+  const struct {
+    const char* name;
+    bool removed;
+  } temps[] = {{".qmail.abcdef", true}, {".qmail-default.abcdef", false}};
+  for (const auto& t : temps) write_file(dir.path(t.name), "");
+  ASSERT_EQ(0, dotqmail_reset(dotqmail.c_str()));
+  EXPECT_EQ("| true\n", read_file(dotqmail));
+  EXPECT_TRUE(kDotqmailAttributes == attributes_of(dotqmail));
+  for (const auto& t : temps) EXPECT_EQ(!t.removed, exists(dir.path(t.name))) << t.name;
+}
+
 }  // namespace

@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "util/account.h"
 #include "util/atomic_file.h"
@@ -44,6 +45,10 @@ const unsigned kRetryDelaySeconds = 2;
 // Readers trust a maildirsize for 15 minutes; one dated back further than
 // that is counted again by the next reader.
 const time_t kOutdatedBy = 960;
+// Ends the names of the temporary files a new maildirsize is written to,
+// "tmp/<seconds>.<pid>.<host>-maildirsize". The delivery agents name their
+// temporaries otherwise, so a file with this ending is one of ours.
+const char kTempSuffix[] = "-maildirsize";
 
 // Messages keep errno: the caller may still report the cause.
 void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -274,9 +279,9 @@ void outdate_if_changed(const char* maildir, time_t scanned) {
 bool create_maildirsize(const char* host, tavix::AtomicFile* file) {
   for (int attempt = 1;; ++attempt) {
     char name[kMaxPath];
-    int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s-maildirsize",
+    int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s%s",
                           static_cast<unsigned long>(time(nullptr)),
-                          static_cast<unsigned>(getpid()), host);
+                          static_cast<unsigned>(getpid()), host, kTempSuffix);
     if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
       errno = ENAMETOOLONG;
       say("host name is too long to be used in filename");
@@ -292,6 +297,59 @@ bool create_maildirsize(const char* host, tavix::AtomicFile* file) {
   say("Maximal allowed number of attempts to create a maildirsize file "
       "exceeded");
   return false;
+}
+
+// Runs of this program that rewrite one Maildir's maildirsize take turns,
+// so that a temporary of ours found in tmp/ by the run holding the lock
+// was left by a run killed before its rename. Keyed by the physical path
+// of the current directory (the Maildir), however the caller spelled it.
+lock_handle* lock_maildirsize() {
+  char here[kMaxPath];
+  if (getcwd(here, sizeof(here)) == nullptr)
+    return nullptr;
+  return mk_lock((std::string(here) + "/maildirsize").c_str(), 1);
+}
+
+// "<digits>.<digits>.<host><kTempSuffix>": a temporary this program wrote
+// on this host. Those of other hosts sharing the Maildir are not kept out
+// by our lock, and the delivery agents' files never match.
+bool is_own_temp(const char* name, const char* host) {
+  const char* rest = name;
+  for (int field = 0; field < 2; ++field) {
+    const char* digits = rest;
+    while (isdigit(static_cast<unsigned char>(*rest)))
+      ++rest;
+    if (rest == digits || *rest != '.')
+      return false;
+    ++rest;
+  }
+  size_t host_length = strlen(host);
+  return strncmp(rest, host, host_length) == 0 &&
+         strcmp(rest + host_length, kTempSuffix) == 0;
+}
+
+// Removes from tmp/ of the current Maildir the temporaries of our runs
+// killed before their rename; only with the maildirsize lock held. Failures
+// are reported but do not stop the write.
+void remove_stale_maildirsize_temps(const char* maildir, const char* host) {
+  UniqueFd tmp(tavix::open_dir_nofollow("tmp"));
+  UniqueDir listing(tmp ? fdopendir(tmp.get()) : nullptr);
+  if (!listing) {
+    say("unable to read %s/tmp: %s", maildir, strerror(errno));
+    return;
+  }
+  tmp.release();  // the listing owns it now
+  for (;;) {
+    errno = 0;
+    struct dirent* entry = readdir(listing.get());
+    if (!entry)
+      break;
+    if (is_own_temp(entry->d_name, host) &&
+        unlinkat(dirfd(listing.get()), entry->d_name, 0) != 0 && errno != ENOENT)
+      say("unable to remove %s/tmp/%s: %s", maildir, entry->d_name, strerror(errno));
+  }
+  if (errno != 0)
+    say("unable to read %s/tmp: %s", maildir, strerror(errno));
 }
 
 // A quota of 0 must block every delivery, but the limit 0 means "none": it
@@ -503,6 +561,12 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
   }
   host[HOST_NAME_MAX] = '\0';
 
+  tavix::ScopedLock lock(lock_maildirsize());
+  if (!lock.locked()) {
+    say("unable to lock %s/maildirsize: %s", maildir, strerror(errno));
+    return 0;
+  }
+  remove_stale_maildirsize_temps(maildir, host);
   tavix::AtomicFile temp;
   if (!create_maildirsize(host, &temp))
     return 0;

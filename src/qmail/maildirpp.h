@@ -33,8 +33,10 @@ int store_maildirpp_quota_raw(const char* maildir, int64_t quota);
 // Replaces `maildir`/maildirsize with the limits and a fresh count of the
 // usage, owned by uid:gid with mode 0644. The new file is written beside the
 // Maildir's other deliveries in tmp/ and renamed into place, so readers see
-// the old file or the whole new one. 1 on success; 0 after reporting a
-// failure, with errno telling why and the old file left in place.
+// the old file or the whole new one. Runs of this program take turns at one
+// Maildir (qmail/lock.h), and the one at work removes the temporaries that
+// runs killed before their rename left in tmp/. 1 on success; 0 after
+// reporting a failure, with errno telling why and the old file left in place.
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
                                 int64_t size_limit, int64_t count_limit);
 

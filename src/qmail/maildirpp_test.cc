@@ -202,6 +202,28 @@ TEST(WriteMaildirsizeTest, DatesTheFileBackWhenMailArrivesDuringTheCount) {
   EXPECT_LE(stat_of(file).st_atime, stat_of(maildir.dir.path("now")).st_mtime);
 }
 
+// What killed runs of ours left in tmp/ goes; a delivery agent's files and
+// another host's temporaries stay.
+TEST(WriteMaildirsizeTest, RemovesOnlyOurOwnStaleTemporaries) {
+  char host[HOST_NAME_MAX + 1] = {};
+  ASSERT_EQ(0, gethostname(host, HOST_NAME_MAX));
+  const std::string ours = std::string(host) + "-maildirsize";
+  const struct {
+    std::string name;
+    bool removed;
+  } temps[] = {
+      {"123.45." + ours, true},
+      {"123.45.other" + ours, false},
+      {"123.45_NeWmAiLdIrSiZe." + std::string(host), false},  // deliverquota's
+      {"123.M45P6." + ours, false},                            // a message
+  };
+  const ScratchMaildir maildir;
+  for (const auto& t : temps) write_file(maildir.path + "/tmp/" + t.name, "");
+  ASSERT_EQ(1, write_maildirpp_maildirsize(maildir.path.c_str(), 0, 0, 0, 0));
+  for (const auto& t : temps)
+    EXPECT_EQ(!t.removed, exists(maildir.path + "/tmp/" + t.name)) << t.name;
+}
+
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   const struct {
     const char* maildirsize;  // "" for none
