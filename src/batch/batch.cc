@@ -12,6 +12,7 @@
 #include "batch/batch_input.h"
 #include "batch/checkpoint.h"
 #include "batch/command_runner.h"
+#include "batch/journal.h"
 #include "util/fs.h"
 #include "util/strings.h"
 
@@ -20,9 +21,22 @@ namespace batch {
 
 namespace {
 
-// A command whose work cannot be held: it runs plug-ins and sed on the
-// shared files. It ends the checkpoint and runs as it does alone.
-bool runs_alone(const Command& command) { return command.argv[0] == "--rename-domain"; }
+// A command whose work cannot be held (a domain rename runs plug-ins and
+// sed on the shared files), or that must not be run a second time after a
+// kill (a mail name rename moves the mailbox at once: run again from the
+// start of its checkpoint, "add m2" would make m2 anew beside the r2 it
+// became). It ends the checkpoint and runs as it does alone, in a
+// checkpoint of its own.
+bool runs_alone(const Command& command) {
+  return command.argv[0] == "--rename-domain" || command.argv[0] == "--rename-mailname";
+}
+
+// Whether a report line (as the journal keeps them) tells of a failure.
+bool reports_failure(const std::string& report) {
+  static const char kStatus[] = "\"status\": ";
+  size_t const at = report.find(kStatus);
+  return at == std::string::npos || report.compare(at + sizeof kStatus - 1, 2, "0,") != 0;
+}
 
 bool write_all(int fd, const std::string& text) {
   size_t done = 0;
@@ -51,9 +65,13 @@ struct Done {
 
 class Batch {
  public:
-  Batch(const Options& options, size_t total)
-      : options_(options), total_(total), started_(now()),
+  Batch(const Options& options, Journal* journal, size_t total)
+      : options_(options), journal_(journal), total_(total), started_(now()),
         progress_(isatty(runner_.error_fd()) == 1) {}
+
+  // Writes what the journal tells of the commands a killed run of this
+  // batch finished; false when it could not be written.
+  bool resume();
 
   // False once the batch is to stop.
   bool run_line(size_t number, const std::string& line);
@@ -68,6 +86,7 @@ class Batch {
   void show_progress();
 
   const Options& options_;
+  Journal* journal_;
   CommandRunner runner_;
   Checkpoint checkpoint_;
   std::vector<Done> done_;
@@ -110,6 +129,17 @@ bool Batch::run_line(size_t number, const std::string& line) {
   return !(failed && options_.stop_on_error);
 }
 
+bool Batch::resume() {
+  const std::string& report = journal_->done_report();
+  for (size_t start = 0, end; (end = report.find('\n', start)) != std::string::npos;
+       start = end + 1) {
+    ++finished_;
+    if (reports_failure(report.substr(start, end - start)))
+      failed_ = true;
+  }
+  return write_all(runner_.output_fd(), report);
+}
+
 bool Batch::flush() {
   Checkpoint::Result const result = checkpoint_.close();
   std::string const message = result.message();
@@ -125,8 +155,11 @@ bool Batch::flush() {
               ", \"status\": " + std::to_string(done.outcome.status) +
               ", \"output\": " + json_quote(done.outcome.output) + "}\n";
   }
+  size_t const last = done_.empty() ? 0 : done_.back().line;
   done_.clear();
-  return write_all(runner_.output_fd(), report);
+  // Recorded after the checkpoint is closed: a kill before the record runs
+  // this checkpoint again, a kill after does not.
+  return write_all(runner_.output_fd(), report) && journal_->record(report, last);
 }
 
 void Batch::show_progress() {
@@ -190,8 +223,16 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
   size_t total = 0;
   for (const std::string& line : lines)
     total += is_blank(line) ? 0 : 1;
-  Batch batch(options, total);
-  for (size_t i = 0; i < lines.size(); ++i) {
+  Journal journal;
+  std::string error;
+  if (!journal.open(lines, &error)) {
+    fprintf(stderr, "dravnik-batch: %s\n", error.c_str());
+    return 2;
+  }
+  Batch batch(options, &journal, total);
+  if (!batch.resume())
+    return 2;
+  for (size_t i = journal.done_through(); i < lines.size(); ++i) {
     if (is_blank(lines[i]))
       continue;
     if (!batch.run_line(i + 1, lines[i]))
@@ -199,8 +240,11 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
   }
   bool const reported = batch.flush();
   batch.end_progress();
-  if (!reported)
+  if (!reported) {
+    fprintf(stderr, "dravnik-batch: cannot write the report or the journal: %s\n",
+            strerror(errno));
     return 2;
+  }
   return batch.status();
 }
 

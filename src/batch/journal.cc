@@ -1,0 +1,129 @@
+#include "batch/journal.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace tavix {
+namespace batch {
+
+const char kJournalDir[] = "/var/lib/tavix/mail/batch";
+
+namespace {
+
+bool fail(std::string* error, const std::string& text) {
+  *error = text + ": " + strerror(errno);
+  return false;
+}
+
+std::string digest_hex(const std::vector<std::string>& lines) {
+  EVP_MD_CTX* context = EVP_MD_CTX_new();
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  bool ok = context && EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1;
+  for (const std::string& line : lines) {
+    ok = ok && EVP_DigestUpdate(context, line.data(), line.size()) == 1 &&
+         EVP_DigestUpdate(context, "\n", 1) == 1;
+  }
+  ok = ok && EVP_DigestFinal_ex(context, digest, &length) == 1;
+  EVP_MD_CTX_free(context);
+  if (!ok)
+    return std::string();
+  std::string hex;
+  char pair[3];
+  for (unsigned int i = 0; i < length; ++i) {
+    snprintf(pair, sizeof pair, "%02x", digest[i]);
+    hex += pair;
+  }
+  return hex;
+}
+
+// The input line number of a report line, which starts {"line": N, ...};
+// 0 when it does not.
+size_t reported_line(const std::string& report) {
+  static const char kStart[] = "{\"line\": ";
+  if (report.compare(0, sizeof kStart - 1, kStart) != 0)
+    return 0;
+  return strtoul(report.c_str() + sizeof kStart - 1, nullptr, 10);
+}
+
+bool write_all(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool Journal::open(const std::vector<std::string>& lines, std::string* error,
+                   const char* dir) {
+  std::string const name = digest_hex(lines);
+  if (name.empty()) {
+    errno = EIO;
+    return fail(error, "cannot compute the batch's digest");
+  }
+  // The journals are readable by root alone; the directory (and any parent
+  // a fresh server lacks) is not what keeps them so.
+  if (createNestedDirectory(dir) == 0)
+    return fail(error, std::string("cannot make ") + dir);
+  path_ = std::string(dir) + "/" + name;
+  fd_ = open_nofollow(path_.c_str(), O_RDWR | O_CREAT, 0600);
+  if (!fd_)
+    return fail(error, "cannot open " + path_);
+  if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) {
+      *error = "the same batch is being run now (" + path_ + " is locked)";
+      return false;
+    }
+    return fail(error, "cannot lock " + path_);
+  }
+  return load(error);
+}
+
+// Keeps the whole lines of the journal; a line cut short by a kill in the
+// middle of an append is dropped from the file, and its checkpoint runs
+// again.
+bool Journal::load(std::string* error) {
+  std::string text;
+  if (!read_to_end(fd_.get(), &text))
+    return fail(error, "cannot read " + path_);
+  size_t start = 0;
+  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    size_t const line = reported_line(text.substr(start, end - start));
+    if (line <= through_)
+      break;
+    through_ = line;
+    done_.append(text, start, end + 1 - start);
+  }
+  if (done_.size() != text.size() &&
+      (ftruncate(fd_.get(), static_cast<off_t>(done_.size())) != 0 || fsync(fd_.get()) != 0))
+    return fail(error, "cannot truncate " + path_);
+  if (lseek(fd_.get(), 0, SEEK_END) < 0)
+    return fail(error, "cannot seek in " + path_);
+  return true;
+}
+
+bool Journal::record(const std::string& report, size_t last) {
+  if (report.empty())
+    return true;
+  if (!write_all(fd_.get(), report) || fdatasync(fd_.get()) != 0)
+    return false;
+  through_ = last;
+  return true;
+}
+
+}  // namespace batch
+}  // namespace tavix
