@@ -11,7 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "util/exec.h"
 #include "util/log.h"
@@ -45,6 +48,15 @@ bool all_digits(const char* text) {
 }  // namespace
 
 int tavix_getpw(const char* user, uid_t* uid, gid_t* gid, char** home) {
+  uid_t found_uid;
+  gid_t found_gid;
+  if (!home && tavix_account_ids(user, &found_uid, &found_gid)) {
+    if (uid)
+      *uid = found_uid;
+    if (gid)
+      *gid = found_gid;
+    return 0;
+  }
   errno = 0;
   struct passwd* pw = getpwnam(user);
   char* home_copy = nullptr;
@@ -66,12 +78,27 @@ int tavix_getpw(const char* user, uid_t* uid, gid_t* gid, char** home) {
   return 0;
 }
 
+bool tavix_account_ids(const char* user, uid_t* uid, gid_t* gid) {
+  static std::map<std::string, std::pair<uid_t, gid_t>> found;
+  auto known = found.find(user);
+  if (known == found.end()) {
+    const struct passwd* pw = getpwnam(user);
+    if (!pw)
+      return false;
+    known = found.emplace(user, std::make_pair(pw->pw_uid, pw->pw_gid)).first;
+  }
+  *uid = known->second.first;
+  *gid = known->second.second;
+  return true;
+}
+
 uid_t tavix_ugid(const char* user, int want_gid) {
-  struct passwd* pw = getpwnam(user);
-  if (!pw)
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (!tavix_account_ids(user, &uid, &gid))
     return 0;
   // gid_t and uid_t are the same type on Linux.
-  return want_gid ? pw->pw_gid : pw->pw_uid;
+  return want_gid ? gid : uid;
 }
 
 gid_t get_group_id(const char* group) {

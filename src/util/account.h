@@ -16,6 +16,11 @@ int tavix_getpw(const char* user, uid_t* uid, gid_t* gid, char** home);
 // account is unknown, so callers treat 0 as "not found".
 uid_t tavix_ugid(const char* user, int want_gid);
 
+// The ids of `user`, found once per process: a batch of thousands of
+// commands asks for popuser's several times in each. False when there is
+// no such account (that answer is not kept).
+bool tavix_account_ids(const char* user, uid_t* uid, gid_t* gid);
+
 // The id of a group given by name or by number. Returns 0 after printing
 // why when there is no such group; errno is left as the look-up set it, for
 // callers that must tell "root" from "not found".

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "util/account.h"
 #include "util/log.h"
 #include "util/unique_free.h"
 
@@ -537,23 +537,25 @@ int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) {
 
 namespace {
 
-const struct passwd* find_user(const char* user) {
-  const struct passwd* pw = getpwnam(user);
-  if (!pw)
-    messlog2(0, 0, "user %s not found", user);
-  return pw;
+bool find_user(const char* user, uid_t* uid, gid_t* gid) {
+  if (tavix_account_ids(user, uid, gid))
+    return true;
+  messlog2(0, 0, "user %s not found", user);
+  return false;
 }
 
 }  // namespace
 
 int file_set_user_mode(const char* path, const char* user, mode_t mode) {
-  const struct passwd* pw = find_user(user);
-  return pw ? file_set_perms(path, pw->pw_uid, pw->pw_gid, mode) : -1;
+  uid_t uid;
+  gid_t gid;
+  return find_user(user, &uid, &gid) ? file_set_perms(path, uid, gid, mode) : -1;
 }
 
 int fd_set_user_mode(int fd, const char* path, const char* user, mode_t mode) {
-  const struct passwd* pw = find_user(user);
-  return pw ? set_perms_fd(fd, path, pw->pw_uid, pw->pw_gid, mode) : -1;
+  uid_t uid;
+  gid_t gid;
+  return find_user(user, &uid, &gid) ? set_perms_fd(fd, path, uid, gid, mode) : -1;
 }
 
 char* get_stream_contents(FILE* stream, size_t* length) {
