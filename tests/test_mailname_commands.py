@@ -137,6 +137,8 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
              assign_line("jd", "john") + "\n" + sb.read("/var/qmail/users/assign"))
     # The copy a killed rename left; the next one tidies it away.
     sb.write("/var/qmail/users/assign.mail.K1lled", "stale copy\n")
+    # Forwards naming the mail name follow it; a last line keeps its lack of newline.
+    sb.write(ROOT + "/john/.qmail", DELIVERY + "&john@%s\n&john@a,john@b" % DOMAIN)
     r = ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
            "--new-mailname=jane", "-D", "--mail-addresses", "john", env=env)
     assert r.newu_calls == [[]]
@@ -145,7 +147,7 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
     assert not any("/john:" in line for line in assign)
     assert not sb.exists("/var/qmail/users/assign.mail.K1lled")
     assert not sb.exists(ROOT + "/john")
-    assert sb.read(ROOT + "/jane/.qmail") == DELIVERY
+    assert sb.read(ROOT + "/jane/.qmail") == DELIVERY + "&jane@%s\n&jane@a,jane@b" % DOMAIN
     assert sb.path(ROOT + "/jane/Maildir/new").is_dir()
     # A rename keeps the stored password; without one the records go.
     assert auth_rows(sb) == ({"jane@" + DOMAIN: expected} if expected else {})

@@ -148,15 +148,77 @@ size_t copies_unless_given(std::string_view piece, const char* const* lines) {
   return 1;
 }
 
-// Copies the old file to the new one piece by piece, each piece as often
-// as `copies` says. False when a write failed.
-bool copy_pieces(FILE* in, FILE* out, const CopyCount& copies) {
-  char piece[kPieceBuffer];
-  while (fgets(piece, sizeof(piece), in)) {
-    for (size_t n = copies(piece); n > 0; --n) {
-      if (fputs(piece, out) == EOF)
-        return false;
+// Writes `length` bytes from `data`; nothing to write is no failure.
+bool write_bytes(FILE* out, const char* data, size_t length) {
+  return length == 0 || fwrite(data, 1, length, out) == length;
+}
+
+// The next piece at the start of `text`, as fgets() would read it into a
+// buffer of kPieceBuffer: up to and including a newline, at most
+// kPieceBuffer - 1 bytes. 0 when `text` holds no whole piece yet and more
+// is to come (`at_end` false).
+size_t piece_length(std::string_view text, bool at_end) {
+  size_t limit = std::min(text.size(), static_cast<size_t>(kPieceBuffer - 1));
+  const void* newline = memchr(text.data(), '\n', limit);
+  if (newline)
+    return static_cast<const char*>(newline) - text.data() + 1;
+  if (limit == static_cast<size_t>(kPieceBuffer - 1) || at_end)
+    return limit;
+  return 0;
+}
+
+// Judges and writes the whole pieces at the start of `text` (all of it at
+// the end of the file). A piece counts only up to a NUL byte in it, as it
+// does once read with fgets() and written with fputs(). A run of pieces
+// kept once each is written in one call. How many bytes were used, or -1
+// when a write failed.
+long copy_whole_pieces(std::string_view text, bool at_end, FILE* out, const CopyCount& copies) {
+  size_t start = 0, run = 0;  // [run, start) is kept but not written yet
+  while (start < text.size()) {
+    size_t length = piece_length(text.substr(start), at_end);
+    if (length == 0)
+      break;
+    std::string_view piece = text.substr(start, length);
+    piece = piece.substr(0, piece.find('\0'));
+    size_t n = copies(piece);
+    if (n != 1 || piece.size() != length) {
+      if (!write_bytes(out, text.data() + run, start - run))
+        return -1;
+      for (; n > 0; --n) {
+        if (!write_bytes(out, piece.data(), piece.size()))
+          return -1;
+      }
+      run = start + length;
     }
+    start += length;
+  }
+  if (!write_bytes(out, text.data() + run, start - run))
+    return -1;
+  return static_cast<long>(start);
+}
+
+// Copies the old file to the new one piece by piece, each piece as often
+// as `copies` says. False when a write failed; a read error ends the copy
+// and is left to the caller's ferror().
+//
+// users/assign holds a line per address of the server (megabytes), so the
+// file is read in large blocks and the lines kept as they are are written
+// in runs rather than read and written one by one.
+bool copy_pieces(FILE* in, FILE* out, const CopyCount& copies) {
+  std::unique_ptr<char[]> block(new char[kStreamBuffer]);
+  size_t filled = 0;
+  bool at_end = false;
+  while (!at_end) {
+    size_t wanted = kStreamBuffer - filled;
+    size_t got = fread(block.get() + filled, 1, wanted, in);
+    filled += got;
+    at_end = got < wanted;
+    long used = copy_whole_pieces(std::string_view(block.get(), filled), at_end, out, copies);
+    if (used < 0)
+      return false;
+    // What is left is part of one piece, shorter than kPieceBuffer.
+    memmove(block.get(), block.get() + used, filled - used);
+    filled -= used;
   }
   return true;
 }

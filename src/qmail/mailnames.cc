@@ -178,7 +178,7 @@ void make_popuser_dir(const char* mailname, const char* domain, const std::strin
 
 // --- ch_mailname ------------------------------------------------------------
 
-// The temporary files of the sed edits are "<path>.mail.XXXXXX".
+// The temporary files of the edits below are "<path>.mail.XXXXXX".
 const char kSedTempInfix[] = ".mail.";
 
 // Filters `path` through "sed -e <expression>" into a fresh
@@ -277,31 +277,72 @@ int move_auth_records(const char* old_name, const char* domain, const char* new_
   return failed ? -1 : 0;
 }
 
+// `text` with every "from" replaced by "to", left to right and without
+// overlaps. For a `from` without a newline this is exactly what
+// "sed -e 's|from|to|g'" writes: no occurrence spans two lines, and a last
+// line without its newline stays so.
+std::string replace_every(const std::string& text, const std::string& from,
+                          const std::string& to) {
+  std::string result;
+  result.reserve(text.size());
+  size_t start = 0;
+  for (size_t found; (found = text.find(from, start)) != std::string::npos;
+       start = found + from.size()) {
+    result.append(text, start, found - start);
+    result += to;
+  }
+  result.append(text, start, std::string::npos);
+  return result;
+}
+
+// The .qmail text with OLD@ turned into NEW@; false after reporting a file
+// that could not be read.
+bool renamed_dotqmail_text(const std::string& path, const std::string& old_address,
+                           const std::string& new_address, std::string* text) {
+  tavix::UniqueFd in(tavix::open_nofollow(path.c_str(), O_RDONLY));
+  if (!in) {
+    tavix_log(3, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  std::string old_text;
+  if (!tavix::read_to_end(in.get(), &old_text)) {
+    tavix_log(3, "Unable to change mailname in dot-qmail in %s: %s\n", path.c_str(),
+              strerror(errno));
+    return false;
+  }
+  *text = replace_every(old_text, old_address, new_address);
+  return true;
+}
+
 // Turns OLD@ into NEW@ in the delivery lines of the renamed mail name's
-// .qmail. Failures are reported only: the rename stands.
-void rename_in_dotqmail(const char* old_name, const char* domain, const char* new_name) {
+// .qmail. The file is a few lines long: it is edited here rather than by a
+// sed child, whose start would cost more than the whole edit. Failures are
+// reported only: the rename stands.
+void rename_in_dotqmail(const char* old_name, const char* domain, const char* new_name,
+                        const MailUser& user) {
   const std::string path = mailname_dir(domain, new_name) + "/.qmail";
   tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
   if (!lock.locked()) {
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
     return;
   }
-  tavix::AtomicFile temp;
-  int result = sed_into_temp(path,
-                             "s|" + sed_regex_literal(old_name) + "@|" +
-                                 sed_replacement_literal(new_name) + "@|g",
-                             &temp);
-  if (temp.fd() >= 0) {
-    if (sed_failed(result)) {
-      temp.discard();
-      tavix_log(3, "Unable to change mailname in dot-qmail in %s\n", path.c_str());
+  std::string text;
+  if (renamed_dotqmail_text(path, std::string(old_name) + "@", std::string(new_name) + "@",
+                            &text)) {
+    tavix::AtomicFile temp;
+    // Owner and mode before the contents, so that the new file is never
+    // anyone else's.
+    if (!temp.create(path, tavix::name_beside(path, std::string(kSedTempInfix) + "XXXXXX"),
+                     tavix::AtomicFile::Temp::kUnique, 0600)) {
+      tavix_log(3, "Unable to create temporary file: %s", strerror(errno));
     } else {
-      // Owner and mode first, so that the new file is never anyone else's.
       if (!temp.set_mode(0600))
         tavix_log(3, "chmod failed: %s\n", strerror(errno));
-      if (!temp.set_owner(tavix_ugid(kMailUser, 0), tavix_ugid(kMailUser, 1)))
+      if (!temp.set_owner(user.uid, user.gid))
         tavix_log(3, "chown failed: %s\n", strerror(errno));
-      if (!temp.commit())
+      if (!temp.write(text))
+        tavix_log(3, "Unable to change mailname in dot-qmail in %s\n", path.c_str());
+      else if (!temp.commit())
         tavix_log(3, "rename failed: %s\n", strerror(errno));
     }
   }
@@ -476,7 +517,7 @@ int ch_mailname(const char* old_mailname, const char* domain, const char* new_ma
     return -1;
   if (move_auth_records(old_mailname, domain, new_mailname, password, sed_result) != 0)
     return -1;
-  rename_in_dotqmail(old_mailname, domain, new_mailname);
+  rename_in_dotqmail(old_mailname, domain, new_mailname, user);
   return 0;
 }
 
