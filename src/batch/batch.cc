@@ -38,19 +38,6 @@ bool reports_failure(const std::string& report) {
   return at == std::string::npos || report.compare(at + sizeof kStatus - 1, 2, "0,") != 0;
 }
 
-bool write_all(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 double now() {
   struct timespec t;
   clock_gettime(CLOCK_MONOTONIC, &t);

@@ -39,15 +39,8 @@ UniqueFd memory_file(const char* name, const std::string& text) {
   UniqueFd fd(memfd_create(name, MFD_CLOEXEC));
   if (!fd)
     fail("cannot make a memory file");
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd.get(), text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      fail("cannot write a memory file");
-    done += static_cast<size_t>(n);
-  }
+  if (!write_all(fd.get(), text))
+    fail("cannot write a memory file");
   if (lseek(fd.get(), 0, SEEK_SET) != 0)
     fail("cannot rewind a memory file");
   return fd;

@@ -53,19 +53,6 @@ size_t reported_line(const std::string& report) {
   return strtoul(report.c_str() + sizeof kStart - 1, nullptr, 10);
 }
 
-bool write_all(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 bool Journal::open(const std::vector<std::string>& lines, std::string* error,

@@ -64,6 +64,8 @@ namespace tavix {
 // Appends what is left to read on `fd` to `*text`; false on a read error
 // (errno tells why).
 bool read_to_end(int fd, std::string* text);
+// Writes all of `text` to `fd`; false on a write error (errno tells why).
+bool write_all(int fd, const std::string& text);
 
 // Owns a file descriptor; -1 means none.
 class UniqueFd {
