@@ -157,9 +157,8 @@ def differences(one, other):
 def temporaries(sb):
     """Temporary files of users/assign, the control files, the .qmail files
     and maildirsize."""
-    return [p for p in state(sb)[0]
-            if re.search(r"\.tmp$|\.mail\.\w{6}$|/\.qmail\.\w{6}$|/Maildir/tmp/[^/]*-maildirsize$",
-                         p)]
+    return [p for p in state(sb)[0] if re.search(
+        r"\.tmp$|\.mail\.\w{6}$|/\.qmail(-default)?\.\w{6}$|/Maildir/tmp/[^/]*-maildirsize$", p)]
 
 
 @pytest.fixture

@@ -132,8 +132,12 @@ def test_add_domain(mail_sandbox, quota):
     sb = mail_sandbox
     sb.write("/var/qmail/control/locals", "localhost\nexample.com\n")
     sb.write("/var/qmail/control/rejectnonexist", "example.com\n")
+    # An add killed while writing .qmail-default left its temporary file.
+    stale = "/var/qmail/mailnames/example.com/.qmail-default.Xy12ab"
+    sb.write(stale, "| stale\n")
     r = ok(sb, "--add-domain", "--domain-name=Example.COM", *quota, "--wait-stdin",
            stdin=session())
+    assert not sb.path(stale).exists()
     assert qmail_effects(r) == (1, 1)
     assert lines(sb, "control/rcpthosts") == ["example.com"]
     assert lines(sb, "control/virtualdomains") == ["example.com:example.com"]

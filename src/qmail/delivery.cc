@@ -113,17 +113,6 @@ int format_mail_path(char* buffer, size_t size, const char* mailname,
   return 0;
 }
 
-// A run killed between writing its new .qmail and the rename left the
-// temporary file behind; under the file's lock none of them is in use.
-void remove_stale_reset_temps(const char* path) {
-  int stale = tavix::remove_stale_temps(path, kResetTempInfix);
-  if (stale > 0)
-    tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale, path);
-  else if (stale < 0)
-    tavix_log(kLogWarning, "Unable to remove the temporary files left beside %s: %s", path,
-              strerror(errno));
-}
-
 // Writes the reset contents of `path`; the caller holds its lock.
 int write_reset(const char* path) {
   // Written beside the old one and renamed over it, so that the mail user
@@ -223,7 +212,9 @@ int dotqmail_reset(const char* path) {
     tavix_log(kLogError, "Error occurred while locking the file %s: %s", path, strerror(errno));
     return -1;
   }
-  remove_stale_reset_temps(path);
+  // A run killed between writing its new .qmail and the rename left the
+  // temporary file behind; under the file's lock none of them is in use.
+  tavix::tidy_stale_temps(path, kResetTempInfix);
   int result = write_reset(path);
   if (lock.release() != 0) {
     tavix_log(kLogError, "Error occurred while unlocking the file %s: %s", path,

@@ -13,6 +13,7 @@
 
 #include "maildata/domain_mail_ops.h"
 #include "qmail/line_file.h"
+#include "qmail/lock.h"
 #include "qmail/mail_domains.h"
 #include "qmail/paths.h"
 #include "util/account.h"
@@ -80,6 +81,14 @@ int add_qmail_default(const char* domain, const char* line) {
   std::string text = line;
   if (text.empty() || text.back() != '\n')
     text += '\n';
+  // Writers take turns, so that under the lock the temporary files that
+  // runs killed before their rename left are nobody's.
+  tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
+  if (!lock.locked()) {
+    messlog2(0, 0, "add_qmail_default: Unable to lock %s: %s", path.c_str(), strerror(errno));
+    return -1;
+  }
+  tavix::tidy_stale_temps(path.c_str(), ".");
   tavix::AtomicFile file;
   const char* failure = nullptr;
   if (!file.create(path, ".qmail-default.XXXXXX", tavix::AtomicFile::Temp::kUnique, 0600) ||

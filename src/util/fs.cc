@@ -481,6 +481,15 @@ int remove_stale_temps(const char* path, const char* infix) {
   return dir.close() == 0 ? removed : -1;
 }
 
+void tidy_stale_temps(const char* path, const char* infix) {
+  int stale = remove_stale_temps(path, infix);
+  if (stale > 0)
+    tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale, path);
+  else if (stale < 0)
+    tavix_log(4, "Unable to remove the temporary files left beside %s: %s", path,
+              strerror(errno));
+}
+
 }  // namespace tavix
 
 long long get_dir_size(const char* path, int in_blocks) {

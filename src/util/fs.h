@@ -147,6 +147,9 @@ int chmod_nofollow(const char* path, mode_t mode);
 // that none of them belongs to a living run. Returns how many were removed,
 // or -1 with errno set.
 int remove_stale_temps(const char* path, const char* infix);
+// remove_stale_temps() for a writer that goes on whatever comes of it:
+// what was removed, or why nothing could be, goes to the log.
+void tidy_stale_temps(const char* path, const char* infix);
 
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
