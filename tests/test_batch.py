@@ -265,12 +265,22 @@ def test_stop_on_error_from_standard_input(sandbox):
     def add(domain):
         return json.dumps({"argv": ["--add-domain", "--domain-name=" + domain, "--wait-stdin"],
                            "stdin": json.loads(session(domain))}) + "\n"
-    text = add("first.test") + '{"argv": ["--add-domain"]}\n' + add("third.test")
-    r = sandbox.run_raw([str(BATCH), "--stop-on-error", "-"], stdin=text)
-    assert r.rc == 1, r
-    assert [(g["line"], g["status"]) for g in map(json.loads, r.out.splitlines())] == \
-        [(1, 0), (2, 1)]
+    mailname = {"argv": ["--add-mailname", "--domain-name=later.test", "--mailname=john",
+                         "--disk-quota=-1"]}
+    text = add("first.test") + json.dumps(mailname) + "\n" + add("third.test")
+
+    def run():
+        r = sandbox.run_raw([str(BATCH), "--stop-on-error", "-"], stdin=text)
+        return r.rc, [(g["line"], g["status"]) for g in map(json.loads, r.out.splitlines())]
+
+    assert run() == (1, [(1, 0), (2, 1)])
     assert sandbox.read("/var/qmail/control/rcpthosts") == "first.test\n"
+    # Run again once the cause is mended, the batch goes on with the
+    # command it stopped at, not after it.
+    sandbox.run("--add-domain", "--domain-name=later.test", "--wait-stdin",
+                stdin=session("later.test"))
+    assert run() == (0, [(1, 0), (2, 0), (3, 0)])
+    assert sandbox.read("/var/qmail/control/rcpthosts") == "first.test\nlater.test\nthird.test\n"
 
 
 def test_readme_example_runs_as_shown(mail_sandbox):

@@ -82,6 +82,7 @@ class Batch {
   double started_;
   bool progress_;
   bool failed_ = false;
+  bool retry_last_ = false;  // stopped on a failure, which is run again
 };
 
 void Batch::run_command(size_t number, const Command& command) {
@@ -110,10 +111,14 @@ bool Batch::run_line(size_t number, const std::string& line) {
   }
   ++finished_;
   bool const failed = done_.empty() || done_.back().outcome.status != 0;
+  if (failed && options_.stop_on_error) {
+    retry_last_ = true;
+    return false;
+  }
   if (done_.size() >= static_cast<size_t>(options_.checkpoint) && !flush())
     return false;
   show_progress();
-  return !(failed && options_.stop_on_error);
+  return true;
 }
 
 bool Batch::resume() {
@@ -131,6 +136,8 @@ bool Batch::flush() {
   Checkpoint::Result const result = checkpoint_.close();
   std::string const message = result.message();
   std::string report;
+  std::string recorded;
+  size_t last = 0;
   for (Done& done : done_) {
     if (!message.empty() && (done.asked_qmail || result.databases_failed)) {
       done.outcome.status = done.outcome.status ? done.outcome.status : 1;
@@ -141,12 +148,17 @@ bool Batch::flush() {
     report += "{\"line\": " + std::to_string(done.line) +
               ", \"status\": " + std::to_string(done.outcome.status) +
               ", \"output\": " + json_quote(done.outcome.output) + "}\n";
+    // The failure the batch stopped at is not recorded as done: the same
+    // batch run again, once its cause is mended, starts with it.
+    if (&done != &done_.back() || !retry_last_) {
+      recorded = report;
+      last = done.line;
+    }
   }
-  size_t const last = done_.empty() ? 0 : done_.back().line;
   done_.clear();
   // Recorded after the checkpoint is closed: a kill before the record runs
   // this checkpoint again, a kill after does not.
-  return write_all(runner_.output_fd(), report) && journal_->record(report, last);
+  return write_all(runner_.output_fd(), report) && journal_->record(recorded, last);
 }
 
 void Batch::show_progress() {
