@@ -135,8 +135,9 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
     # An alias: a second line into the mail name's directory.
     sb.write("/var/qmail/users/assign",
              assign_line("jd", "john") + "\n" + sb.read("/var/qmail/users/assign"))
-    # The copy a killed rename left; the next one tidies it away.
+    # The copies a killed rename left; the next one tidies them away.
     sb.write("/var/qmail/users/assign.mail.K1lled", "stale copy\n")
+    sb.write(ROOT + "/john/.qmail.mail.K1lled", "stale copy\n")
     # Forwards naming the mail name follow it; a last line keeps its lack of newline.
     sb.write(ROOT + "/john/.qmail", DELIVERY + "&john@%s\n&john@a,john@b" % DOMAIN)
     r = ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
@@ -146,6 +147,7 @@ def test_rename_mailname_moves_lines_tree_records_and_handlers(sb, env, expected
     assert assign_line("jane") in assign and assign_line("jd", "jane") in assign
     assert not any("/john:" in line for line in assign)
     assert not sb.exists("/var/qmail/users/assign.mail.K1lled")
+    assert not sb.exists(ROOT + "/jane/.qmail.mail.K1lled")
     assert not sb.exists(ROOT + "/john")
     assert sb.read(ROOT + "/jane/.qmail") == DELIVERY + "&jane@%s\n&jane@a,jane@b" % DOMAIN
     assert sb.path(ROOT + "/jane/Maildir/new").is_dir()

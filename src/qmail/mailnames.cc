@@ -224,10 +224,7 @@ int repoint_aliases(const std::string& from, const std::string& to, bool any_ali
   }
   // A run killed while its sed was writing left its temporary file behind,
   // a copy of the whole file; under the lock none of them is in use.
-  int stale = tavix::remove_stale_temps(path.c_str(), kSedTempInfix);
-  if (stale > 0)
-    tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale,
-              path.c_str());
+  tavix::tidy_stale_temps(path.c_str(), kSedTempInfix);
   if (!any_alias)
     return 0;
   tavix::AtomicFile temp;
@@ -326,6 +323,7 @@ void rename_in_dotqmail(const char* old_name, const char* domain, const char* ne
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
     return;
   }
+  tavix::tidy_stale_temps(path.c_str(), kSedTempInfix);
   std::string text;
   if (renamed_dotqmail_text(path, std::string(old_name) + "@", std::string(new_name) + "@",
                             &text)) {
