@@ -22,24 +22,13 @@ from test_domain_commands import session
 BUILD = REPO / "build"
 VERSION = "0.1.0"
 
+PROGRAMS = ("dravnik", "dravnik-setup", "dravnik-audit", "dravnik-batch")
 FILES = {  # installed path -> (mode, source in the work tree)
-    "/usr/sbin/dravnik": ("-rwxr-xr-x", None),
-    "/usr/sbin/dravnik-setup": ("-rwxr-xr-x", None),
-    "/usr/sbin/dravnik-audit": ("-rwxr-xr-x", None),
-    "/usr/sbin/dravnik-batch": ("-rwxr-xr-x", None),
-    "/usr/share/man/man8/dravnik.8.gz": ("-rw-r--r--", "doc/dravnik.8"),
-    "/usr/share/man/man8/dravnik-setup.8.gz": ("-rw-r--r--", "doc/dravnik-setup.8"),
-    "/usr/share/man/man8/dravnik-audit.8.gz": ("-rw-r--r--", "doc/dravnik-audit.8"),
-    "/usr/share/man/man8/dravnik-batch.8.gz": ("-rw-r--r--", "doc/dravnik-batch.8"),
     "/usr/lib/tmpfiles.d/dravnik.conf": ("-rw-r--r--", "dist/tmpfiles.d/dravnik.conf"),
-    "/usr/share/bash-completion/completions/dravnik":
-        ("-rw-r--r--", "dist/bash-completion/dravnik"),
-    "/usr/share/bash-completion/completions/dravnik-setup":
-        ("-rw-r--r--", "dist/bash-completion/dravnik-setup"),
-    "/usr/share/bash-completion/completions/dravnik-audit":
-        ("-rw-r--r--", "dist/bash-completion/dravnik-audit"),
-    "/usr/share/bash-completion/completions/dravnik-batch":
-        ("-rw-r--r--", "dist/bash-completion/dravnik-batch"),
+    **{"/usr/sbin/" + p: ("-rwxr-xr-x", None) for p in PROGRAMS},
+    **{"/usr/share/man/man8/%s.8.gz" % p: ("-rw-r--r--", "doc/%s.8" % p) for p in PROGRAMS},
+    **{"/usr/share/bash-completion/completions/" + p: ("-rw-r--r--", "dist/bash-completion/" + p)
+       for p in PROGRAMS},
 }
 SYSTEM_DIRS = sorted({os.path.dirname(p) for p in FILES})
 HOST_COPIES = ("/var/lib/dpkg", *SYSTEM_DIRS)
