@@ -23,7 +23,6 @@ from test_domain_commands import AUTH_DB, query
 DRAVNIK = Sandbox.default_dravnik()
 DRAVNIK_SETUP = os.environ.get("DRAVNIK_SETUP") or str(REPO / "build/src/setup/dravnik-setup")
 MANUAL = REPO / "doc" / "dravnik.8"
-SETUP_MANUAL = REPO / "doc" / "dravnik-setup.8"
 COMPLETION = REPO / "dist" / "bash-completion" / "dravnik"
 
 # An option as written in running text: "--domain-name=domain", "[-h|--help]".
