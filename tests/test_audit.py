@@ -56,6 +56,17 @@ def popuser_file(sb, path, text):
     os.chown(sb.path(path), POPUSER, POPUSER)
 
 
+def leftovers(sb):
+    """What runs killed before their renames leave: a control file's copy,
+    temporaries of .qmail-default, of a .qmail (reset, rename) and of a
+    maildirsize."""
+    sb.write("/var/qmail/control/rcpthosts.tmp", "example.com\n")
+    for path in (ROOT + "/.qmail-default.Ab12Cd", JOHN + "/.qmail.Ab12Cd",
+                 JOHN + "/.qmail.mail.Ab12Cd",
+                 JOHN + "/Maildir/tmp/1795552953.7.mail.sandbox.test-maildirsize"):
+        popuser_file(sb, path, "x\n")
+
+
 def age(sb, path):
     """Dates path back, as if it were last written well before the fixture."""
     st = sb.path(path).stat()
@@ -100,8 +111,7 @@ FAULTS = {
     "auth-missing": (lambda sb: query(sb, AUTH_DB, "DELETE FROM users WHERE name = 'john'"),
                      False, (), ()),
     "handler-orphan": (lambda sb: add_handler(sb, "ghost@example.com"), True, (), ()),
-    "leftover-temporary": (
-        lambda sb: sb.write("/var/qmail/control/rcpthosts.tmp", "example.com\n"), True, (), ()),
+    "leftover-temporary": (lambda sb: leftovers(sb), True, (), ()),
     "stale-lock": (lambda sb: None, False, ("--lock-wait=0.2",), ("/usr/bin/flock", LOCK)),
 }
 
@@ -141,6 +151,9 @@ def test_each_fault_gives_its_finding_and_repair_fixes_it_or_changes_nothing(sb,
     rc, findings = audit(sb, *args, wrap=wrap)
     assert rc == 1 and kinds(findings) == {kind}, findings
     assert all(set(f) <= {"kind", "domain", "mailname", "path", "detail"} for f in findings)
+    if kind == "leftover-temporary":  # every one of them, in its mailbox
+        assert sorted((f.get("domain", ""), f.get("mailname", "")) for f in findings) == \
+            [("", ""), ("example.com", "")] + [("example.com", "john")] * 3, findings
 
     before = mail_state(sb)
     rc, report = audit(sb, "--repair", *args, wrap=wrap)

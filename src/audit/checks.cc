@@ -247,10 +247,17 @@ std::string Checker::Resolve(const std::string& name) const {
 }
 
 void Checker::Leftovers() {
-  for (const auto& temp : files_.temporaries) {
-    Finding& f = Add("leftover-temporary", "", temp.first, "left by an edit that was interrupted");
+  std::vector<Temporary> temporaries;
+  for (const auto& temp : files_.temporaries)
+    temporaries.push_back({temp.first, temp.second, ""});
+  temporaries.insert(temporaries.end(), s_.tree.temporaries.begin(), s_.tree.temporaries.end());
+  for (const Temporary& temp : temporaries) {
+    Home home = SplitHome(temp.dir);
+    Finding& f = Add("leftover-temporary", home.domain, temp.path,
+                     "left by an edit that was interrupted");
+    f.mailname = home.mailname;
     f.fix = Fix::kRemoveTemporary;
-    f.target = temp.second;
+    f.target = temp.lock;
   }
   for (const std::string& path : files_.held_locks)
     Add("stale-lock", "", path,

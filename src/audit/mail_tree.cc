@@ -5,10 +5,13 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <limits.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <memory>
 
+#include "qmail/maildirpp.h"
 #include "util/fs.h"
 
 namespace tavix {
@@ -36,7 +39,11 @@ using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
 class Walker {
  public:
-  Walker(MailTree* tree, bool sizes) : tree_(tree), sizes_(sizes) {}
+  Walker(MailTree* tree, bool sizes) : tree_(tree), sizes_(sizes) {
+    if (gethostname(host_, sizeof host_) != 0)
+      host_[0] = '\0';
+    host_[sizeof host_ - 1] = '\0';
+  }
 
   void Root() {
     UniqueFd fd(open_dir_nofollow(tree_->root.c_str()));
@@ -93,6 +100,8 @@ class Walker {
                                                    const char* entry, unsigned type) {
       if (strcmp(entry, ".qmail-default") == 0) {
         domain->qmail_default = Stat(dir, entry, child);
+      } else if (IsTemp(entry, ".qmail-default.")) {
+        tree_->temporaries.push_back({child, path + "/.qmail-default", path});
       } else if (type == DT_DIR) {
         Mailbox& mailbox = domain->mailboxes[entry];
         mailbox.dir = Stat(dir, entry, child);
@@ -118,6 +127,7 @@ class Walker {
       if (below == "Maildir/maildirsize" && type == DT_REG)
         mailbox->has_maildirsize =
             ReadSmall(dir, entry, child, kMaxMaildirsize + 1, &mailbox->maildirsize);
+      Temporary(path, relative, entry, child);
       if (type == DT_DIR)
         Below(dir, entry, child, below, mailbox, depth + 1);
       else if (messages)
@@ -227,12 +237,34 @@ class Walker {
     return true;
   }
 
+  // "<prefix>XXXXXX", the name mkstemp() gives a temporary.
+  static bool IsTemp(const char* entry, const char* prefix) {
+    size_t length = strlen(prefix);
+    return strlen(entry) == length + 6 && strncmp(entry, prefix, length) == 0;
+  }
+
+  // The temporaries that the writers of a mail name's .qmail (a reset, a
+  // rename's edit) and of its maildirsize leave when killed. The latter
+  // lock the Maildir's maildirsize by its physical path.
+  void Temporary(const std::string& path, const std::string& relative, const char* entry,
+                 const std::string& child) {
+    if (relative.empty() && (IsTemp(entry, ".qmail.") || IsTemp(entry, ".qmail.mail."))) {
+      tree_->temporaries.push_back({child, path + "/.qmail", path});
+    } else if (relative == "Maildir/tmp" && is_maildirsize_temp(entry, host_)) {
+      char maildir[PATH_MAX];
+      std::string mailbox = path.substr(0, path.size() - relative.size() - 1);
+      if (realpath((path + "/..").c_str(), maildir) != nullptr)
+        tree_->temporaries.push_back({child, std::string(maildir) + "/maildirsize", mailbox});
+    }
+  }
+
   void Unreadable(const std::string& path) {
     tree_->unreadable.push_back(path + ": " + strerror(errno));
   }
 
   MailTree* tree_;
   bool sizes_;
+  char host_[256];
 };
 
 }  // namespace

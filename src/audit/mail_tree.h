@@ -54,12 +54,20 @@ struct DomainDir {
   std::map<std::string, Mailbox> mailboxes;
 };
 
+// A temporary file of a write killed before its rename.
+struct Temporary {
+  std::string path;
+  std::string lock;  // the file whose lock its writers hold while it exists
+  std::string dir;   // the domain's or the mail name's directory
+};
+
 struct MailTree {
   std::string root;
   bool root_exists = false;
   std::map<std::string, DomainDir> domains;
   std::vector<std::string> symlinks;
   std::vector<std::string> unreadable;  // "path: reason"
+  std::vector<Temporary> temporaries;
 };
 
 // A maildirsize longer than this is not one the commands or the delivery

@@ -310,10 +310,11 @@ lock_handle* lock_maildirsize() {
   return mk_lock((std::string(here) + "/maildirsize").c_str(), 1);
 }
 
-// "<digits>.<digits>.<host><kTempSuffix>": a temporary this program wrote
-// on this host. Those of other hosts sharing the Maildir are not kept out
-// by our lock, and the delivery agents' files never match.
-bool is_own_temp(const char* name, const char* host) {
+}  // namespace
+
+// Those of other hosts sharing the Maildir are not kept out by our lock,
+// and the delivery agents' files never match.
+bool is_maildirsize_temp(const char* name, const char* host) {
   const char* rest = name;
   for (int field = 0; field < 2; ++field) {
     const char* digits = rest;
@@ -327,6 +328,8 @@ bool is_own_temp(const char* name, const char* host) {
   return strncmp(rest, host, host_length) == 0 &&
          strcmp(rest + host_length, kTempSuffix) == 0;
 }
+
+namespace {
 
 // Removes from tmp/ of the current Maildir the temporaries of our runs
 // killed before their rename; only with the maildirsize lock held. Failures
@@ -344,7 +347,7 @@ void remove_stale_maildirsize_temps(const char* maildir, const char* host) {
     struct dirent* entry = readdir(listing.get());
     if (!entry)
       break;
-    if (is_own_temp(entry->d_name, host) &&
+    if (is_maildirsize_temp(entry->d_name, host) &&
         unlinkat(dirfd(listing.get()), entry->d_name, 0) != 0 && errno != ENOENT)
       say("unable to remove %s/tmp/%s: %s", maildir, entry->d_name, strerror(errno));
   }

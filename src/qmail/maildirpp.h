@@ -40,6 +40,10 @@ int store_maildirpp_quota_raw(const char* maildir, int64_t quota);
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
                                 int64_t size_limit, int64_t count_limit);
 
+// Whether `name` in a Maildir's tmp/ is a temporary maildirsize that this
+// program wrote on `host`: "<digits>.<digits>.<host>-maildirsize".
+bool is_maildirsize_temp(const char* name, const char* host);
+
 // Reads the usage and the limits of `maildir` from its maildirsize. A limit
 // that is not set comes back as INT64_MAX. When the file is missing, damaged
 // or too long, the usage is counted afresh from the messages unless
