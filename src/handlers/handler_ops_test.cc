@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,26 +29,6 @@ Record Handler(const char* name, const char* address, int32_t type = 5) {
   rec->type = type;
   return rec;
 }
-
-// queue, type, enabled, priority, name, address, executable, context, protected
-const char kSeed[] =
-    "INSERT INTO handlers VALUES"
-    "(5, 5, 1, 3, 'spam', 'u@d.com', '/bin/spam', 'c', 1),"
-    "(5, 5, 2, 1, 'av', 'u@d.com', '/bin/av', 'none', 0),"
-    "(5, 5, 1, 0, 'spam', 'v@sub.d.com', '/bin/spam', 'none', 0),"
-    "(5, 5, 1, 0, 'spam', 'w@xd.com', '/bin/spam', 'none', 0),"
-    "(5, 5, 1, 0, 'spam', 'u@other.com', '/bin/spam', 'none', 0),"
-    "(5, 5, 1, 0, 'dw', 'd.com', '/bin/dw', 'none', 0),"
-    "(5, 5, 1, 0, 'dw', 'sub.d.com', '/bin/dw', 'none', 0),"
-    "(5, 4, 1, 0, 'g', 'all', '/bin/g', 'none', 0),"
-    "(5, 4, 1, 0, 'g', 'all-recipients', '/bin/g', 'none', 0)";
-
-// What the seed looks like through HandlersDB::Table().
-const Lines kSeedTable = {
-    "all g 1 0",        "all-recipients g 1 0", "d.com dw 1 0",
-    "sub.d.com dw 1 0", "u@d.com av 2 0",       "u@d.com spam 1 1",
-    "u@other.com spam 1 0", "v@sub.d.com spam 1 0", "w@xd.com spam 1 0",
-};
 
 TEST(HandlerOpsTest, AddStoresTheRecordAsTheMailSystemReadsIt) {
   LogRecorder log;

@@ -1,21 +1,15 @@
 #include "handlers/mail_handlers.h"
 
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <string>
 
-#include "handlers/mh_test_support.h"
 #include "util/test_support.h"
 
 namespace {
 
 using tavix::test::LogRecorder;
-using tavix::test::TempDir;
-using tavix::test::Walk;
 
 TEST(GlobalRecipientTest, OnlyTheTwoAllFormsOrNothingAreAccepted) {
   LogRecorder log;

@@ -4,7 +4,6 @@
 #define DRAVNIK_HANDLERS_MH_TEST_SUPPORT_H_
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <string>
 #include <vector>
@@ -29,14 +28,6 @@ class HandlersDB {
 
   const std::string& path() const { return path_; }
 
-  void Exec(const std::string& sql) const {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(path_.c_str(), &db));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr))
-        << sql << ": " << sqlite3_errmsg(db);
-    sqlite3_close(db);
-  }
-
   // Each row as "<address> <name> <enabled> <protected>", sorted.
   std::vector<std::string> Table() const {
     std::vector<std::string> rows;
@@ -52,15 +43,6 @@ class HandlersDB {
   std::string path_ = dir_.path("handlers/handlers.db");
   const char* const saved_ = mh_db_path;
 };
-
-// What `field` makes of each record, from the head of `list`.
-template <class Field>
-std::vector<std::string> Walk(const mh_list* list, Field field) {
-  std::vector<std::string> seen;
-  for (const mh_list_node* node = list->head; node; node = node->next)
-    seen.push_back(field(*node->data));
-  return seen;
-}
 
 }  // namespace test
 }  // namespace tavix

@@ -20,7 +20,6 @@ namespace {
 
 using tavix::test::LogRecorder;
 using tavix::test::QueryRows;
-using tavix::test::read_file;
 using tavix::test::Rows;
 
 const char kQmailDB[] = "/var/lib/tavix/mail/auth/passwd.db";

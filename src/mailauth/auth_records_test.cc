@@ -16,15 +16,10 @@ namespace {
 
 using tavix::test::kNull;
 using tavix::test::LogRecorder;
-using tavix::test::QueryRows;
-using tavix::test::Row;
-using tavix::test::Rows;
 using tavix::test::TempDir;
 
 constexpr uint8_t kRaw = MAIL_AUTH_RAW_PASSWORD;
 constexpr uint8_t kUserOff = MAIL_AUTH_USER_DISABLED;
-constexpr uint8_t kDomainOff = MAIL_AUTH_DOMAIN_DISABLED;
-const char kEncryptedPrefix[] = "$AES-256-CBC:PKCS$";
 
 // What the callback was handed: address, password and flags.
 using Seen = std::tuple<std::string, std::string, int>;
@@ -42,31 +37,26 @@ struct Recorder {
   }
 };
 
-// A fresh database and key in a temporary directory for every test.
-class AuthRecordsTest : public testing::Test {
+// A fresh database and key in a temporary directory for every test, with
+// users stored out of order, one without a password; b.test is disabled.
+// The callback sees the usable password (an encrypted one decrypted) and
+// flags built from the columns: raw 1, user disabled 2, domain disabled 4.
+class AuthLookupTest : public testing::Test {
  protected:
   void SetUp() override {
     mailAuthDBSetPath(db_.c_str());
     mailAuthKeySetPath(key_.c_str());
-    Reset();
+    ASSERT_EQ(0, mailAuthDBInit());
+    ASSERT_EQ(0, mailAuthKeyInit());
+    ASSERT_EQ(0, mailAuthSetRaw("zed", "b.test", "3", kRaw));
+    ASSERT_EQ(0, mailAuthSetRaw("amy", "b.test", "2", kRaw | kUserOff));
+    ASSERT_EQ(0, mailAuthSet("zed", "a.test", "1", 0));
+    ASSERT_EQ(0, mailAuthSetRaw("nopass", "a.test", nullptr, kRaw));
+    ASSERT_EQ(0, mailAuthDisableDomain("b.test"));
   }
   void TearDown() override {
     mailAuthDBSetPath(saved_db_);
     mailAuthKeySetPath(saved_key_);
-  }
-  // An empty database and a new key, for each case of a table.
-  void Reset() {
-    ASSERT_EQ(0, mailAuthDBInit());
-    ASSERT_EQ(0, mailAuthKeyInit());
-  }
-
-  Rows Domains() { return QueryRows(db_, "SELECT name, status FROM domains ORDER BY name"); }
-  // domain, mail name, userPassword, cmusaslsecretPLAIN, status
-  Rows Users() {
-    return QueryRows(db_,
-                     "SELECT d.name, u.name, u.userPassword, u.cmusaslsecretPLAIN, u.status "
-                     "FROM users AS u JOIN domains AS d ON u.dom_id = d.id "
-                     "ORDER BY d.name, u.name");
   }
 
   TempDir tmp_;
@@ -75,21 +65,6 @@ class AuthRecordsTest : public testing::Test {
   std::string key_ = tmp_.path("auth/passwd_db_key");
   const char* const saved_db_ = mailAuthDB;
   const char* const saved_key_ = mailAuthKey;
-};
-
-// Users stored out of order, one without a password; b.test is disabled.
-// The callback sees the usable password (an encrypted one decrypted) and
-// flags built from the columns: raw 1, user disabled 2, domain disabled 4.
-class AuthLookupTest : public AuthRecordsTest {
- protected:
-  void SetUp() override {
-    AuthRecordsTest::SetUp();
-    ASSERT_EQ(0, mailAuthSetRaw("zed", "b.test", "3", kRaw));
-    ASSERT_EQ(0, mailAuthSetRaw("amy", "b.test", "2", kRaw | kUserOff));
-    ASSERT_EQ(0, mailAuthSet("zed", "a.test", "1", 0));
-    ASSERT_EQ(0, mailAuthSetRaw("nopass", "a.test", nullptr, kRaw));
-    ASSERT_EQ(0, mailAuthDisableDomain("b.test"));
-  }
 };
 
 TEST_F(AuthLookupTest, CheckHandsOverOneUser) {

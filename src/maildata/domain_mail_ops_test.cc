@@ -13,8 +13,6 @@
 #include <vector>
 
 #include "mailauth/auth_db.h"
-#include "mailauth/auth_records.h"
-#include "mailauth/sqlite_test_support.h"
 #include "maildata/session_mail_data.h"
 #include "util/fs.h"
 #include "util/strings.h"
@@ -23,8 +21,6 @@
 namespace {
 
 using tavix::test::LogRecorder;
-using tavix::test::QueryRows;
-using tavix::test::Rows;
 using tavix::test::TempDir;
 using Names = std::vector<std::string>;
 
@@ -35,8 +31,6 @@ const char kDomain[] =
 const char kNoDomainAliases[] =
     R"({"domain":{"name":"example.com","dom_aliases":[],"maillists":[],)"
     R"("mails":[{"name":"info","aliases":["office"]}]}})";
-
-const uint8_t kRawUserOff = MAIL_AUTH_RAW_PASSWORD | MAIL_AUTH_USER_DISABLED;
 
 // A fresh authentication database for every test; the session object is
 // made by the test itself and released afterwards.
@@ -61,16 +55,6 @@ class DomainMailOpsTest : public testing::Test {
     ASSERT_TRUE(stream);
     ASSERT_EQ(0, read_session_mail_db_info(stream.get(), 0));
   }
-  // "name@domain", ordered by domain and name.
-  Names Records() { return Column("SELECT u.name || '@' || d.name FROM users AS u JOIN domains "
-                                  "AS d ON u.dom_id = d.id ORDER BY d.name, u.name"); }
-  Names Domains() { return Column("SELECT name || ':' || status FROM domains ORDER BY name"); }
-  Names Column(const char* sql) {
-    Names names;
-    for (const auto& row : QueryRows(db_, sql)) names.push_back(row[0]);
-    return names;
-  }
-
   TempDir tmp_;
   LogRecorder log_;
   std::string db_ = tmp_.path("auth/passwd.db");

@@ -18,19 +18,16 @@ namespace {
 
 using tavix::test::Attributes;
 using tavix::test::attributes_of;
-using tavix::test::CaptureStreams;
 using tavix::test::exists;
 using tavix::test::LogRecorder;
 using tavix::test::read_file;
 using tavix::test::RunInChild;
 using tavix::test::ScratchDir;
-using tavix::test::set_attributes;
 using tavix::test::write_file;
 
 const Attributes kDotqmailAttributes{110, 110, 0600};
 const char kCourierAgent[] = "/usr/bin/deliverquota";
 const char kDovecotAgent[] = "/usr/libexec/dovecot/dovecot-lda";
-const char kDovecotLine[] = "| /usr/libexec/dovecot/dovecot-lda -d \"$DELIVERED_TO\"\n";
 
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;

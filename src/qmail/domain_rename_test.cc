@@ -1,10 +1,8 @@
 #include "qmail/domain_rename.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -23,8 +21,6 @@
 namespace {
 
 using tavix::mail::qmail::dravnik_commands::renameDomain;
-using tavix::test::Attributes;
-using tavix::test::attributes_of;
 using tavix::test::AuthFlags;
 using tavix::test::exists;
 using tavix::test::LogRecorder;
@@ -36,14 +32,13 @@ using tavix::test::write_file;
 const std::string kPluginDir = "/usr/lib64/tavix-9.0/domain_rename";
 const std::string kMailnames = "/var/qmail/mailnames/";
 const std::string kRcpthosts = "/var/qmail/control/rcpthosts";
-const std::string kLocals = "/var/qmail/control/locals";
 const std::string kVirtualdomains = "/var/qmail/control/virtualdomains";
 const std::string kAssign = "/var/qmail/users/assign";
 const std::string kReject = "/var/qmail/control/rejectnonexist";
 const std::string kInitCalls = "/run/sandbox/log/init.calls";
 const char kHandlersDb[] = "/var/lib/tavix/mail/handlers/handlers.db";
 
-// A plug-in that leaves "<old> <new>" in its marker file and returns RESULT.
+// A plug-in that leaves "<old> <new>" in its marker file.
 const char kReportingPlugin[] = R"(
 #include <stdio.h>
 int rename_domain(const char* old_domain, const char* new_domain) {
@@ -52,26 +47,21 @@ int rename_domain(const char* old_domain, const char* new_domain) {
     fprintf(marker, "%s %s\n", old_domain, new_domain);
     fclose(marker);
   }
-  return RESULT;
+  return 0;
 }
 )";
 
 std::string Marker(const std::string& plugin) { return "/var/qmail/ran." + plugin; }
 
-// Compiles `source` into the plug-in directory with the system's compiler
-// (its temporary files go where the sandbox lets them).
-void Compile(const std::string& name, const std::string& source, const std::string& flags = "") {
-  std::string command = "TMPDIR=/var/qmail cc -shared -fPIC -x c " + flags + " -o " +
-                        kPluginDir + "/" + name + " -";
+// Compiles the plug-in into the plug-in directory with the system's
+// compiler (its temporary files go where the sandbox lets them).
+void CompilePlugin(const std::string& name) {
+  const std::string command = "TMPDIR=/var/qmail cc -shared -fPIC -x c -DMARKER='\"" +
+                              Marker(name) + "\"' -o " + kPluginDir + "/" + name + " -";
   FILE* compiler = popen(command.c_str(), "w");
   ASSERT_NE(nullptr, compiler) << command;
-  fputs(source.c_str(), compiler);
+  fputs(kReportingPlugin, compiler);
   ASSERT_EQ(0, pclose(compiler)) << command;
-}
-
-void ReturningPlugin(const std::string& name, int result) {
-  Compile(name, kReportingPlugin,
-          "-DMARKER='\"" + Marker(name) + "\"' -DRESULT=" + std::to_string(result));
 }
 
 size_t LineCount(const std::string& path) {
@@ -102,13 +92,17 @@ std::vector<std::string> HandlerAddresses() {
 // The state the panel leaves for a domain with one mail name, an alias of
 // it, a domain alias, a mailbox record, handlers, a reject list and a
 // rename plug-in; the qmail files owned as they must not stay.
-class DomainRenameTest : public testing::Test {
+//
+// A database that cannot be used ends the rename with the earlier steps
+// done and qmail not restarted; no plug-in runs after the authentication
+// database failed.
+class DomainRenameFailureTest : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     ASSERT_EQ(0, mailAuthDBInitStyle(0));
     ASSERT_EQ(0, mh_db_create());
     ASSERT_NE(nullptr, get_session_mail_db_info());
-    ReturningPlugin("ok.so", 0);
+    CompilePlugin("ok.so");
   }
   void TearDown() override { free_session_mail_db_info(); }
 
@@ -126,12 +120,6 @@ class DomainRenameTest : public testing::Test {
       set_attributes(file, {110, 110, 0600});
   }
 };
-
-// A database that cannot be used ends the rename with the earlier steps
-// done and qmail not restarted; no plug-in runs after the authentication
-// database failed.
-class DomainRenameFailureTest : public DomainRenameTest,
-                                public testing::WithParamInterface<bool> {};
 
 TEST_P(DomainRenameFailureTest, StopsWithEarlierStepsDone) {
   const bool auth_broken = GetParam();

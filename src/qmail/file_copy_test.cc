@@ -11,7 +11,6 @@
 
 namespace {
 
-using tavix::test::Attributes;
 using tavix::test::attributes_of;
 using tavix::test::CaptureStreams;
 using tavix::test::exists;

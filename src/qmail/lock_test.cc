@@ -14,9 +14,6 @@ namespace {
 using tavix::test::CaptureStreams;
 using tavix::test::exists;
 using tavix::test::LockDirHidden;
-using tavix::test::read_file;
-using tavix::test::ScratchDir;
-using tavix::test::write_file;
 
 TEST(LockTest, LockFileIsNamedByTheMd5OfThePathAsSpelled) {
   // md5("/var/qmail/control/rcpthosts"), computed independently.

@@ -9,13 +9,10 @@
 
 namespace {
 
-using tavix::test::Attributes;
-using tavix::test::attributes_of;
 using tavix::test::CaptureStreams;
 using tavix::test::exists;
 using tavix::test::read_file;
 using tavix::test::ScratchDir;
-using tavix::test::set_attributes;
 using tavix::test::write_file;
 
 TEST(SedEditFailureTest, BadExpressionOrMissingFileLeavesNothingBehind) {
