@@ -6,16 +6,13 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <ostream>
 #include <string>
 
@@ -39,37 +36,11 @@ class SandboxOnly : public testing::Environment {
 inline testing::Environment* const kSandboxOnly =
     testing::AddGlobalTestEnvironment(new SandboxOnly);
 
-// A fresh directory under /var/qmail (the sandbox's /tmp is read-only),
-// removed with everything in it at the end.
-class ScratchDir {
+// A fresh directory under /var/qmail (the sandbox's /tmp is read-only).
+class ScratchDir : public TempDir {
  public:
-  ScratchDir() {
-    char name[] = "/var/qmail/dravnik-test.XXXXXX";
-    if (mkdtemp(name) == nullptr)
-      ADD_FAILURE() << "mkdtemp under /var/qmail failed";
-    else
-      path_ = name;
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    if (!path_.empty())
-      std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  std::string path(const std::string& relative) const {
-    return path_ + "/" + relative;
-  }
-
- private:
-  std::string path_;
+  ScratchDir() : TempDir("/var/qmail") {}
 };
-
-inline bool exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
 
 struct Attributes {
   uid_t uid;
@@ -124,59 +95,6 @@ class LockDirHidden {
  private:
   bool mounted_ = false;
 };
-
-// Sends one standard stream to a memory file while alive. (GoogleTest's own
-// capture needs a writable /tmp, which the sandbox does not have.)
-class StreamCapture {
- public:
-  explicit StreamCapture(int target) : target_(target) {
-    fflush(stdout);
-    fflush(stderr);
-    memory_ = memfd_create("captured", MFD_CLOEXEC);
-    saved_ = dup(target);
-    if (memory_ < 0 || saved_ < 0 || dup2(memory_, target) < 0)
-      ADD_FAILURE() << "cannot capture descriptor " << target;
-  }
-  ~StreamCapture() { finish(); }
-  StreamCapture(const StreamCapture&) = delete;
-  StreamCapture& operator=(const StreamCapture&) = delete;
-
-  // Puts the stream back and returns what was written to it.
-  std::string finish() {
-    std::string text;
-    if (saved_ < 0)
-      return text;
-    fflush(stdout);
-    fflush(stderr);
-    dup2(saved_, target_);
-    close(saved_);
-    saved_ = -1;
-    char block[4096];
-    ssize_t got;
-    lseek(memory_, 0, SEEK_SET);
-    while ((got = read(memory_, block, sizeof(block))) > 0)
-      text.append(block, got);
-    close(memory_);
-    return text;
-  }
-
- private:
-  int target_;
-  int memory_ = -1;
-  int saved_ = -1;
-};
-
-// Runs `body` with standard output and standard error captured. Assertions
-// belong outside the body.
-template <typename Body>
-Captured<decltype(std::declval<Body>()())> CaptureStreams(Body body) {
-  StreamCapture out(STDOUT_FILENO);
-  StreamCapture err(STDERR_FILENO);
-  auto result = body();
-  std::string err_text = err.finish();
-  std::string out_text = out.finish();
-  return {result, out_text, err_text};
-}
 
 struct ChildOutcome {
   int status;          // as waitpid() gives it

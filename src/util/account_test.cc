@@ -9,7 +9,7 @@
 
 namespace {
 
-using tavix::test::CaptureOutput;
+using tavix::test::CaptureStreams;
 
 TEST(TavixGetpw, FillsWhatIsAskedOrReportsTheUnknownUser) {
   uid_t uid = 1;
@@ -23,7 +23,7 @@ TEST(TavixGetpw, FillsWhatIsAskedOrReportsTheUnknownUser) {
   EXPECT_EQ(0, tavix_getpw("root", nullptr, nullptr, nullptr));
 
   auto output =
-      CaptureOutput([&] { return tavix_getpw("no-such-user-x", &uid, nullptr, nullptr); });
+      CaptureStreams([&] { return tavix_getpw("no-such-user-x", &uid, nullptr, nullptr); });
   EXPECT_EQ(-1, output.result);
   EXPECT_EQ(0u, output.out.find("Unable to getpwnam for user no-such-user-x")) << output.out;
 
@@ -43,7 +43,7 @@ TEST(GetGroupId, LooksUpByNameOrNumber) {
       {"4000000", 0, "getgrgid(4000000)"},
   };
   for (const auto& c : cases) {
-    auto output = CaptureOutput([&] { return get_group_id(c.group); });
+    auto output = CaptureStreams([&] { return get_group_id(c.group); });
     EXPECT_EQ(c.id, output.result) << c.group;
     if (c.message)
       EXPECT_EQ(0u, output.out.find(c.message)) << output.out;

@@ -13,16 +13,11 @@
 namespace {
 
 using tavix::AtomicFile;
+using tavix::test::lstat_of;
 using tavix::test::read_file;
 using tavix::test::TempDir;
 using tavix::test::write_file;
 using Temp = AtomicFile::Temp;
-
-struct stat Lstat(const std::string& path) {
-  struct stat st = {};
-  EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
-  return st;
-}
 
 std::set<std::string> Entries(const std::string& dir) {
   std::set<std::string> names;
@@ -47,7 +42,7 @@ TEST(AtomicFileTest, CommitReplacesTheTargetWithOwnerModeAndContents) {
   ASSERT_TRUE(file.commit());
 
   EXPECT_EQ("new\n" + big, read_file(target));
-  struct stat st = Lstat(target);
+  struct stat st = lstat_of(target);
   EXPECT_EQ(65534u, st.st_uid);
   EXPECT_EQ(0640u, st.st_mode & 07777);
   EXPECT_EQ(std::set<std::string>{"assign"}, Entries(tmp.path()));

@@ -18,7 +18,7 @@
 namespace {
 
 using tavix::unique_free;
-using tavix::test::CaptureOutput;
+using tavix::test::CaptureStreams;
 using tavix::test::LogRecorder;
 using tavix::test::TempDir;
 
@@ -113,13 +113,13 @@ TEST(ExecvLog, ReportsFailureOnBothStreams) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.script);
     auto output =
-        CaptureOutput([&] { return fork_execv_log(kSh, ShArgv({c.script}).data(), c.quiet); });
+        CaptureStreams([&] { return fork_execv_log(kSh, ShArgv({c.script}).data(), c.quiet); });
     EXPECT_EQ(c.result, output.result);
     EXPECT_EQ(c.out, output.out);
     EXPECT_EQ(c.err, output.err);
   }
   // path_exec puts the path first; "arg" is the script's $0.
-  auto output = CaptureOutput(
+  auto output = CaptureStreams(
       [] { return path_exec(kSh, "-c", "echo \"$0:$1\" >&2; exit 6", "arg", kEnd); });
   EXPECT_EQ(6, output.result);
   EXPECT_EQ("/bin/sh execution failed:\narg:\n", output.out);
@@ -150,7 +150,7 @@ TEST(ExecvFd, FiltersAndReportsWhatTheChildSays) {
     tavix::test::write_file(tmp.path("in"), "hello\n");
     tavix::UniqueFd in(open(tmp.path("in").c_str(), O_RDONLY));
     tavix::UniqueFd out(open(tmp.path("out").c_str(), O_WRONLY | O_CREAT, 0600));
-    auto output = CaptureOutput([&] {
+    auto output = CaptureStreams([&] {
       return fork_execv_fd(c.in == kFile ? in.get() : c.in, c.out == kFile ? out.get() : c.out,
                            c.path, ShArgv({c.script}).data());
     });
@@ -171,7 +171,7 @@ TEST(PopenExec, OutputCodesInputAndReports) {
   EXPECT_EQ("line one\nline two\n", tavix::test::read_file(tmp.path("got")));
 
   const std::string input(1 << 20, 'z');  // more than a command that stops reading takes
-  auto output = CaptureOutput([&] {
+  auto output = CaptureStreams([&] {
     return std::vector<int>{popen_exec("true"), popen_exec("echo bad; exit 2"),
                             popen_exec("exit 1"), popen_exec_with_input("exit 0", input.c_str())};
   });

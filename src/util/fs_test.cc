@@ -12,21 +12,12 @@
 
 namespace {
 
-using tavix::test::CaptureOutput;
+using tavix::test::CaptureStreams;
+using tavix::test::exists;
+using tavix::test::lstat_of;
 using tavix::test::read_file;
 using tavix::test::TempDir;
 using tavix::test::write_file;
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-struct stat Lstat(const std::string& path) {
-  struct stat st = {};
-  EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
-  return st;
-}
 
 void MakeDir(const std::string& path) { ASSERT_EQ(0, mkdir(path.c_str(), 0755)) << path; }
 
@@ -43,16 +34,16 @@ TEST(MakeDirP, CreatesChainWithOwnerAndModeDespiteUmask) {
   umask(saved);
 
   for (const std::string& dir : {tmp.path("existing/p"), leaf}) {
-    struct stat st = Lstat(dir);
+    struct stat st = lstat_of(dir);
     EXPECT_TRUE(S_ISDIR(st.st_mode)) << dir;
     EXPECT_EQ(0750u, st.st_mode & 07777) << dir;
     EXPECT_EQ(65534u, st.st_uid) << dir;
     EXPECT_EQ(65534u, st.st_gid) << dir;
   }
   // An existing directory is not given away.
-  EXPECT_EQ(0u, Lstat(tmp.path("existing")).st_uid);
+  EXPECT_EQ(0u, lstat_of(tmp.path("existing")).st_uid);
   EXPECT_EQ(0, make_dir_p(leaf.c_str(), 0, 0, 0700));
-  EXPECT_EQ(65534u, Lstat(leaf).st_uid);
+  EXPECT_EQ(65534u, lstat_of(leaf).st_uid);
 }
 
 // A link that only root could have put there is followed (an operator's
@@ -91,8 +82,8 @@ TEST(RemoveStaleTemps, RemovesExactlyTheTemplatesNames) {
   MakeLink(tmp.path("target"), tmp.path("assign.mail.XyZ789"));
 
   EXPECT_EQ(2, tavix::remove_stale_temps(tmp.path("assign").c_str(), ".mail."));
-  EXPECT_FALSE(Exists(tmp.path("assign.mail.abc123")));
-  EXPECT_FALSE(Exists(tmp.path("assign.mail.XyZ789")));
+  EXPECT_FALSE(exists(tmp.path("assign.mail.abc123")));
+  EXPECT_FALSE(exists(tmp.path("assign.mail.XyZ789")));
   for (const std::string& name : keep)
     EXPECT_EQ(name, read_file(tmp.path(name)));
   EXPECT_EQ(-1, tavix::remove_stale_temps(tmp.path("missing/assign").c_str(), ".mail."));
@@ -124,19 +115,19 @@ TEST(CreateFileAndSetPerms, NeverTruncateIgnoreAMissingPathRefuseAnUnknownUser) 
   mode_t saved = umask(022);
   EXPECT_EQ(0, create_file(path.c_str()));
   umask(saved);
-  EXPECT_EQ(0644u, Lstat(path).st_mode & 07777);
+  EXPECT_EQ(0644u, lstat_of(path).st_mode & 07777);
   write_file(path, "data");
   EXPECT_EQ(0, create_file(path.c_str()));
   EXPECT_EQ("data", read_file(path));
 
   EXPECT_EQ(0, file_set_perms(path.c_str(), 65534, 65534, 0600));
-  struct stat st = Lstat(path);
+  struct stat st = lstat_of(path);
   EXPECT_EQ(65534u, st.st_uid);
   EXPECT_EQ(65534u, st.st_gid);
   EXPECT_EQ(0600u, st.st_mode & 07777);
   EXPECT_EQ(0, file_set_perms(tmp.path("none").c_str(), 0, 0, 0600));
   auto output =
-      CaptureOutput([&] { return file_set_user_mode(path.c_str(), "no-such-user-x", 0600); });
+      CaptureStreams([&] { return file_set_user_mode(path.c_str(), "no-such-user-x", 0600); });
   EXPECT_EQ(-1, output.result);
   EXPECT_NE(std::string::npos, output.out.find("user no-such-user-x not found"));
 }

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "util/test_support.h"
 #include "util/unique_free.h"
 
 namespace {
@@ -24,12 +25,7 @@ std::string take(char* heap) {
 // of the test output.
 template <class F>
 auto quietly(F body) -> decltype(body()) {
-  testing::internal::CaptureStderr();
-  testing::internal::CaptureStdout();
-  auto result = body();
-  testing::internal::GetCapturedStdout();
-  testing::internal::GetCapturedStderr();
-  return result;
+  return tavix::test::CaptureStreams(body).result;
 }
 
 TEST(IdnTest, Conversions) {
@@ -59,11 +55,10 @@ TEST(IdnTest, SafeConversionsFallBackToTheInput) {
   EXPECT_EQ(kAscii, take(idn_toascii_safe(kUnicode)));
   EXPECT_EQ(kLongLabel, quietly([] { return take(idn_toascii_safe(kLongLabel.c_str())); }));
 
-  testing::internal::CaptureStderr();
-  char* address = idn_email_toascii_safe(("x@" + kLongLabel).c_str());
-  std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_EQ("x@" + kLongLabel, take(address));
-  EXPECT_EQ("idn_email_toascii_safe(x@" + kLongLabel + ") failed: Invalid length\n", log);
+  auto run = tavix::test::CaptureStreams(
+      [] { return take(idn_email_toascii_safe(("x@" + kLongLabel).c_str())); });
+  EXPECT_EQ("x@" + kLongLabel, run.result);
+  EXPECT_EQ("idn_email_toascii_safe(x@" + kLongLabel + ") failed: Invalid length\n", run.err);
 }
 
 TEST(IdnTest, UrlConversion) {

@@ -5,27 +5,15 @@
 #include <string.h>
 #include <syslog.h>
 
-#include <functional>
 #include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "util/test_support.h"
 #include "util/traceback.h"
 
 namespace {
-
-struct Output {
-  std::string err, out;
-};
-
-Output capture(const std::function<void()>& body) {
-  testing::internal::CaptureStderr();
-  testing::internal::CaptureStdout();
-  body();
-  std::string out = testing::internal::GetCapturedStdout();
-  return {testing::internal::GetCapturedStderr(), out};
-}
 
 // Each test starts from the state the program has before tavix_log_init.
 class LogTest : public testing::Test {
@@ -63,7 +51,10 @@ TEST_F(LogTest, ConsoleWritersFollowLocationAndLevel) {
       tavix_log_init(c.location, c.level, LOG_MAIL, LOG_PERROR, "dravnik");
     else
       LogLevel = c.level;
-    Output output = capture([&] { tavix_log(c.priority, "m %d", c.priority); });
+    auto output = tavix::test::CaptureStreams([&] {
+      tavix_log(c.priority, "m %d", c.priority);
+      return 0;
+    });
     EXPECT_EQ(c.err, output.err);
     EXPECT_EQ(c.out, output.out);
   }

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -20,13 +23,13 @@
 namespace tavix {
 namespace test {
 
-// A fresh directory under /tmp, removed with everything in it at the end.
+// A fresh directory under `parent`, removed with everything in it at the end.
 class TempDir {
  public:
-  TempDir() {
-    char name[] = "/tmp/dravnik-test.XXXXXX";
-    if (mkdtemp(name) == nullptr)
-      ADD_FAILURE() << "mkdtemp failed";
+  explicit TempDir(const std::string& parent = "/tmp") {
+    std::string name = parent + "/dravnik-test.XXXXXX";
+    if (mkdtemp(&name[0]) == nullptr)
+      ADD_FAILURE() << "mkdtemp under " << parent << " failed";
     else
       path_ = name;
   }
@@ -46,6 +49,18 @@ class TempDir {
  private:
   std::string path_;
 };
+
+inline bool exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+// lstat() of `path`; a failure fails the test.
+inline struct stat lstat_of(const std::string& path) {
+  struct stat info = {};
+  EXPECT_EQ(0, lstat(path.c_str(), &info)) << path;
+  return info;
+}
 
 inline void write_file(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::binary);
@@ -109,18 +124,57 @@ struct Captured {
   std::string err;
 };
 
+// Sends one standard stream to a memory file while alive. (GoogleTest's own
+// capture needs a writable /tmp, which the sandbox does not have.)
+class StreamCapture {
+ public:
+  explicit StreamCapture(int target) : target_(target) {
+    fflush(stdout);
+    fflush(stderr);
+    memory_ = memfd_create("captured", MFD_CLOEXEC);
+    saved_ = dup(target);
+    if (memory_ < 0 || saved_ < 0 || dup2(memory_, target) < 0)
+      ADD_FAILURE() << "cannot capture descriptor " << target;
+  }
+  ~StreamCapture() { finish(); }
+  StreamCapture(const StreamCapture&) = delete;
+  StreamCapture& operator=(const StreamCapture&) = delete;
+
+  // Puts the stream back and returns what was written to it.
+  std::string finish() {
+    std::string text;
+    if (saved_ < 0)
+      return text;
+    fflush(stdout);
+    fflush(stderr);
+    dup2(saved_, target_);
+    close(saved_);
+    saved_ = -1;
+    char block[4096];
+    ssize_t got;
+    lseek(memory_, 0, SEEK_SET);
+    while ((got = read(memory_, block, sizeof(block))) > 0)
+      text.append(block, got);
+    close(memory_);
+    return text;
+  }
+
+ private:
+  int target_;
+  int memory_ = -1;
+  int saved_ = -1;
+};
+
 // Runs `body` with standard output and standard error captured. Assertions
 // belong outside the body: their own reports would be captured too.
 template <typename Body>
-Captured<decltype(std::declval<Body>()())> CaptureOutput(Body body) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
+Captured<decltype(std::declval<Body>()())> CaptureStreams(Body body) {
+  StreamCapture out(STDOUT_FILENO);
+  StreamCapture err(STDERR_FILENO);
   auto result = body();
-  fflush(stdout);
-  fflush(stderr);
-  std::string err = testing::internal::GetCapturedStderr();
-  std::string out = testing::internal::GetCapturedStdout();
-  return {result, out, err};
+  std::string err_text = err.finish();
+  std::string out_text = out.finish();
+  return {result, out_text, err_text};
 }
 
 }  // namespace test
