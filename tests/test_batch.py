@@ -223,11 +223,12 @@ def test_killed_batches_run_again_end_as_one_uninterrupted_run(boxes):
                                 start_new_session=True)
         time.sleep(rng.uniform(0.05, duration / 3))
         os.killpg(proc.pid, signal.SIGKILL)
-        reported = len(proc.communicate()[0].splitlines())
+        out = proc.communicate()[0]
+        reported = len(out.splitlines())
         if proc.returncode == -signal.SIGKILL and reported < len(lines):
             kills += 1
             continue
-        assert reported == len(lines)
+        assert reported == len(lines), out
         finished(killed)
         shutil.rmtree(killed.root)
         subprocess.run(["cp", "-a", str(pristine), str(killed.root)], check=True)

@@ -69,7 +69,9 @@ class Batch {
   void end_progress();
 
  private:
-  void run_command(size_t number, const Command& command);
+  // False when the checkpoint that a command run alone ends could not be
+  // reported.
+  bool run_command(size_t number, const Command& command);
   void show_progress();
 
   const Options& options_;
@@ -85,24 +87,28 @@ class Batch {
   bool retry_last_ = false;  // stopped on a failure, which is run again
 };
 
-void Batch::run_command(size_t number, const Command& command) {
+bool Batch::run_command(size_t number, const Command& command) {
   if (runs_alone(command)) {
-    flush();
+    if (!flush())
+      return false;
     done_.push_back({number, runner_.run(command), false});
-    flush();
-    return;
+    return true;
   }
   checkpoint_.open();
   int const asked_before = checkpoint_.requests().total();
   Outcome outcome = runner_.run(command);
   done_.push_back({number, std::move(outcome), checkpoint_.requests().total() > asked_before});
+  return true;
 }
 
 bool Batch::run_line(size_t number, const std::string& line) {
   Command command;
   std::string error;
+  bool alone = false;
   if (parse_command(line, &command, &error)) {
-    run_command(number, command);
+    alone = runs_alone(command);
+    if (!run_command(number, command))
+      return false;
   } else {
     Outcome outcome;
     outcome.status = 1;
@@ -115,7 +121,8 @@ bool Batch::run_line(size_t number, const std::string& line) {
     retry_last_ = true;
     return false;
   }
-  if (done_.size() >= static_cast<size_t>(options_.checkpoint) && !flush())
+  // A command run alone is its own checkpoint.
+  if ((alone || done_.size() >= static_cast<size_t>(options_.checkpoint)) && !flush())
     return false;
   show_progress();
   return true;
@@ -136,7 +143,7 @@ bool Batch::flush() {
   Checkpoint::Result const result = checkpoint_.close();
   std::string const message = result.message();
   std::string report;
-  std::string recorded;
+  size_t recorded = 0;  // how much of the report goes into the journal
   size_t last = 0;
   for (Done& done : done_) {
     if (!message.empty() && (done.asked_qmail || result.databases_failed)) {
@@ -151,14 +158,14 @@ bool Batch::flush() {
     // The failure the batch stopped at is not recorded as done: the same
     // batch run again, once its cause is mended, starts with it.
     if (&done != &done_.back() || !retry_last_) {
-      recorded = report;
+      recorded = report.size();
       last = done.line;
     }
   }
   done_.clear();
   // Recorded after the checkpoint is closed: a kill before the record runs
   // this checkpoint again, a kill after does not.
-  return write_all(runner_.output_fd(), report) && journal_->record(recorded, last);
+  return write_all(runner_.output_fd(), report) && journal_->record(report.substr(0, recorded), last);
 }
 
 void Batch::show_progress() {

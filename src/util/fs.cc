@@ -485,7 +485,7 @@ void tidy_stale_temps(const char* path, const char* infix) {
   int stale = remove_stale_temps(path, infix);
   if (stale > 0)
     tavix_log(6, "Removed %d temporary files left beside %s by interrupted runs", stale, path);
-  else if (stale < 0)
+  else if (stale < 0 && errno != ENOENT)  // no directory, nothing left in it
     tavix_log(4, "Unable to remove the temporary files left beside %s: %s", path,
               strerror(errno));
 }
