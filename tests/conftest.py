@@ -6,7 +6,10 @@ host's own /var/qmail, /etc/zon, ... are exactly as they were before the
 session, so that a leak out of the sandbox fails loudly."""
 
 import os
+import shutil
+import subprocess
 import sys
+import tempfile
 from pathlib import Path
 
 import pytest
@@ -72,3 +75,15 @@ def mail_sandbox(sandbox):
     """A fresh sandbox with the authentication and handlers databases."""
     sandbox.init_databases()
     return sandbox
+
+
+def sandbox_copy(root):
+    """A sandbox on a copy of a prepared sandbox's tree `root` (a module's
+    costly set-up, made once), removed after the test; for a fixture to
+    `yield from`."""
+    directory = Path(tempfile.mkdtemp(prefix="dravnik-copy-"))
+    try:
+        subprocess.run(["cp", "-a", "--", str(root), str(directory / "root")], check=True)
+        yield sandbox_module.Sandbox(directory)
+    finally:
+        shutil.rmtree(directory)

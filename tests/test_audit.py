@@ -10,11 +10,11 @@ import json
 import os
 import shutil
 import subprocess
-import tempfile
 from pathlib import Path
 
 import pytest
 
+from conftest import sandbox_copy
 from sandbox import REPO, Sandbox
 from test_domain_commands import (AUTH_DB, DOMAIN, add_auth_user, add_domain, add_domain_alias,
                                   add_handler, add_mailbox, add_mailname, break_db, mail_state,
@@ -135,12 +135,8 @@ def prepared():
 
 @pytest.fixture
 def sb(prepared):
-    directory = Path(tempfile.mkdtemp(prefix="dravnik-audit-"))
-    try:
-        subprocess.run(["cp", "-a", "--", str(prepared), str(directory / "root")], check=True)
-        yield Sandbox(directory)
-    finally:
-        shutil.rmtree(directory)
+    """A copy of the prepared tree, for one case."""
+    yield from sandbox_copy(prepared)
 
 
 @pytest.mark.parametrize("kind", FAULTS)

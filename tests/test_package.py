@@ -9,7 +9,6 @@ name groups the sandbox lacks) are left out."""
 import gzip
 import hashlib
 import os
-import re
 import shutil
 import stat
 import subprocess

@@ -10,12 +10,10 @@ nothing in the decoy may change, nor be read into a file the user can read."""
 import hashlib
 import os
 import shutil
-import subprocess
-import tempfile
-from pathlib import Path
 
 import pytest
 
+from conftest import sandbox_copy
 from sandbox import Sandbox
 from test_domain_commands import DOMAIN, add_domain, add_mailbox
 
@@ -124,13 +122,8 @@ def prepared():
 
 @pytest.fixture
 def sb(prepared):
-    """A copy of the prepared tree, for one attack."""
-    directory = Path(tempfile.mkdtemp(prefix="dravnik-attack-"))
-    try:
-        subprocess.run(["cp", "-a", "--", str(prepared), str(directory / "root")], check=True)
-        yield Sandbox(directory)
-    finally:
-        shutil.rmtree(directory)
+    """A copy of the prepared tree, for one case."""
+    yield from sandbox_copy(prepared)
 
 
 @pytest.mark.parametrize("attack, command", [(a, c) for a in ATTACKS for c in ATTACKS[a][2]])
