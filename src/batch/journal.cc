@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
+
+#include "util/strings.h"
 
 namespace tavix {
 namespace batch {
@@ -23,25 +25,14 @@ bool fail(std::string* error, const std::string& text) {
 }
 
 std::string digest_hex(const std::vector<std::string>& lines) {
-  EVP_MD_CTX* context = EVP_MD_CTX_new();
+  std::string text;
+  for (const std::string& line : lines)
+    text += line + "\n";
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  bool ok = context && EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1;
-  for (const std::string& line : lines) {
-    ok = ok && EVP_DigestUpdate(context, line.data(), line.size()) == 1 &&
-         EVP_DigestUpdate(context, "\n", 1) == 1;
-  }
-  ok = ok && EVP_DigestFinal_ex(context, digest, &length) == 1;
-  EVP_MD_CTX_free(context);
-  if (!ok)
+  if (EVP_Digest(text.data(), text.size(), digest, &length, EVP_sha256(), nullptr) != 1)
     return std::string();
-  std::string hex;
-  char pair[3];
-  for (unsigned int i = 0; i < length; ++i) {
-    snprintf(pair, sizeof pair, "%02x", digest[i]);
-    hex += pair;
-  }
-  return hex;
+  return hex_string(digest, length);
 }
 
 // The input line number of a report line, which starts {"line": N, ...};

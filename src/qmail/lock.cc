@@ -14,6 +14,7 @@
 
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/strings.h"
 
 const char* const kLockDir = "/run/lock/files";
 
@@ -27,12 +28,9 @@ char* lock_file_for(const char* path) {
   if (EVP_Digest(path, strlen(path), digest, &digest_length, EVP_md5(),
                  nullptr) != 1)
     return nullptr;
-  char hex[2 * EVP_MAX_MD_SIZE + 1];
-  for (unsigned int i = 0; i < digest_length; ++i)
-    snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-  hex[2 * digest_length] = '\0';
+  std::string hex = tavix::hex_string(digest, digest_length);
   char* name = nullptr;
-  if (asprintf(&name, "%s/%s", kLockDir, hex) < 0)
+  if (asprintf(&name, "%s/%s", kLockDir, hex.c_str()) < 0)
     return nullptr;
   return name;
 }

@@ -107,4 +107,14 @@ std::string json_quote(const std::string& text) {
   return out + "\"";
 }
 
+std::string hex_string(const unsigned char* bytes, size_t length) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  for (size_t i = 0; i < length; ++i) {
+    hex += kDigits[bytes[i] >> 4];
+    hex += kDigits[bytes[i] & 0xf];
+  }
+  return hex;
+}
+
 }  // namespace tavix

@@ -31,6 +31,9 @@ namespace tavix {
 // written as they are (the programs' JSON output is UTF-8 when the names are).
 std::string json_quote(const std::string& text);
 
+// `length` bytes as lower-case hexadecimal, two digits each.
+std::string hex_string(const unsigned char* bytes, size_t length);
+
 }  // namespace tavix
 
 #endif  // DRAVNIK_UTIL_STRINGS_H_
