@@ -295,3 +295,27 @@ def test_readme_example_runs_as_shown(mail_sandbox):
                      stdin=session("example.com"))
     r = run_batch(mail_sandbox, [c + "\n" for c in commands])
     assert r.rc == 0 and r.out.splitlines() == outputs, r
+
+
+def test_one_checkpoint_of_thousands_of_mailboxes(mail_sandbox):
+    sandbox = mail_sandbox
+    # A checkpoint's transaction spans all its commands; the statements
+    # that change many rows of it must not need a temporary directory,
+    # which the sandbox (like a hardened server) does not offer.
+    domain = "many.test"
+    names = ["m%04d" % k for k in range(1500)]
+    lines = [json.dumps({"argv": ["--add-domain", "--domain-name=" + domain, "--wait-stdin"],
+                         "stdin": json.loads(session(domain))}) + "\n"]
+    for name in names:
+        common = ["--domain-name=" + domain, "--mailname=" + name]
+        lines.append(json.dumps({"argv": ["--add-mailname", *common, "--disk-quota=-1"]}) + "\n")
+        lines.append(json.dumps({"argv": ["--add-mailbox", *common, "--mail-addresses", name],
+                                 "password": "pw"}) + "\n")
+    lines.append(json.dumps({"argv": ["--remove-domain", "--domain-name=" + domain,
+                                      "--wait-stdin"],
+                             "stdin": json.loads(session(domain, [], {n: [] for n in names}))})
+                 + "\n")
+    r = run_batch(sandbox, lines, "--checkpoint", str(len(lines)))
+    assert r.rc == 0, r.err + "\n".join(line for line in r.out.splitlines()
+                                         if '"status": 0' not in line)[:3000]
+    assert query(sandbox, AUTH_DB, "SELECT COUNT(*) FROM users") == [(0,)]

@@ -102,8 +102,13 @@ int Database::open_shared(const char* path, int flags, const char* failure_forma
     auto db = std::make_unique<Database>();
     if (db->open_with(path, flags, failure_format) != 0)
       return -1;
+    // Inside the long transaction each statement keeps a journal of its own
+    // changes, to undo them alone should it fail; SQLite moves a large one
+    // into a temporary file, and a server need not offer it a directory for
+    // that (nor may the working directory a command left matter).
     std::string message;
-    if (db->exec("BEGIN IMMEDIATE", &message) != SQLITE_OK) {
+    if (db->exec("PRAGMA temp_store = MEMORY", &message) != SQLITE_OK ||
+        db->exec("BEGIN IMMEDIATE", &message) != SQLITE_OK) {
       tavix_log(LOG_ERR, failure_format, path, message.c_str());
       return -1;
     }
