@@ -77,6 +77,7 @@ RCPTHOSTS = "/var/qmail/control/rcpthosts"
 VIRTUALDOMAINS = "/var/qmail/control/virtualdomains"
 REJECTNONEXIST = "/var/qmail/control/rejectnonexist"
 QMAIL_NEWU = "/var/qmail/bin/qmail-newu"
+LOCK_DIR = "/run/lock/files"
 WORK = RECORD_DIR + "/bench"             # the driver, its plans and results
 CHECKER = WORK + "/qmail-newu-checker"   # the stand-in, kept to time and to check
 PASSWORD = "bench-password-1"
@@ -472,16 +473,21 @@ class BenchSandbox(Sandbox):
     """A sandbox whose mail names tree can live on a memory file system:
     a million directories on a disk mounted with online discard take half an
     hour to delete.  users/assign, the control files and the databases stay
-    on disk, so the rewrites and their fsyncs are timed as they are."""
+    on disk, so the rewrites and their fsyncs are timed as they are.  The
+    lock directory goes on the memory file system too, as /run is one on
+    every server the package installs on."""
 
     def __init__(self, dravnik, tree_dir=None):
         self.tree_dir = Path(tree_dir) if tree_dir else None
+        self.lock_dir = Path(str(tree_dir) + "-locks") if tree_dir else None
         super().__init__(dravnik=dravnik)
         if self.tree_dir:
-            # The new tree starts as the sandbox's own would: root's, 0755.
+            # Both start as the sandbox's own would: root's, 0755.
             super().path(MAILNAMES_ROOT).mkdir(mode=0o755, parents=True, exist_ok=True)
-            os.chown(self.tree_dir, 0, 0)
-            os.chmod(self.tree_dir, 0o755)
+            self.lock_dir.mkdir(mode=0o755)
+            for top in (self.tree_dir, self.lock_dir):
+                os.chown(top, 0, 0)
+                os.chmod(top, 0o755)
 
     def path(self, sandbox_path):
         normal = os.path.normpath(sandbox_path)
@@ -504,12 +510,13 @@ class BenchSandbox(Sandbox):
         args = super().bwrap_args()
         if self.tree_dir:
             at = args.index("--chdir")
-            args[at:at] = ["--bind", str(self.tree_dir), MAILNAMES_ROOT]
+            args[at:at] = ["--bind", str(self.tree_dir), MAILNAMES_ROOT,
+                           "--bind", str(self.lock_dir), LOCK_DIR]
         return args
 
     def cleanup(self):
         # rm is several times faster than shutil.rmtree on a million entries.
-        for top in (self.tree_dir, self.dir):
+        for top in (self.tree_dir, self.lock_dir, self.dir):
             if top and top.exists():
                 subprocess.run(["rm", "-rf", "--", str(top)], check=False)
         super().cleanup()
@@ -523,7 +530,7 @@ def new_sandbox(opts):
         sb = BenchSandbox(opts.dravnik, tree_dir)
     except BaseException:
         if tree_dir:
-            subprocess.run(["rm", "-rf", "--", tree_dir], check=False)
+            subprocess.run(["rm", "-rf", "--", tree_dir, tree_dir + "-locks"], check=False)
         raise
     try:
         sb.init_databases()
