@@ -146,7 +146,8 @@ bool Batch::flush() {
   size_t recorded = 0;  // how much of the report goes into the journal
   size_t last = 0;
   for (Done& done : done_) {
-    if (!message.empty() && (done.asked_qmail || result.databases_failed)) {
+    if (!message.empty() &&
+        (done.asked_qmail || result.databases_failed || result.quotas_failed)) {
       done.outcome.status = done.outcome.status ? done.outcome.status : 1;
       done.outcome.output += message;
     }

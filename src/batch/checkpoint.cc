@@ -4,6 +4,7 @@
 
 #include "mailauth/sqlite_db.h"
 #include "qmail/line_file.h"
+#include "qmail/maildirpp.h"
 #include "qmail/paths.h"
 
 namespace tavix {
@@ -33,6 +34,7 @@ void Checkpoint::open() {
     list.push_back(path.c_str());
   list.push_back(nullptr);
   line_files_hold(list.data());
+  maildirsize_hold();
   qmail_defer(true);
   sqlite::begin_transactions();
   open_ = true;
@@ -45,6 +47,8 @@ Checkpoint::Result Checkpoint::close() {
   if (!open_)
     return result;
   open_ = false;
+  // The quota files first: the compile below opens the new mailboxes to mail.
+  result.quotas_failed = maildirsize_write_held() != 0;
   result.files_failed = line_files_write_held() != 0;
   qmail_defer(false);
   result.failed = qmail_run_deferred();
@@ -56,6 +60,8 @@ std::string Checkpoint::Result::message() const {
   std::string text;
   if (files_failed)
     text += "dravnik-batch: the qmail files of this checkpoint could not be written\n";
+  if (quotas_failed)
+    text += "dravnik-batch: the quota files of this checkpoint's mailboxes could not all be written\n";
   if (databases_failed)
     text += "dravnik-batch: the database changes of this checkpoint could not be committed\n";
   if (failed.newu)

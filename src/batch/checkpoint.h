@@ -2,9 +2,10 @@
 // are written together. While one is open, users/assign and the control
 // files are edited in memory under their locks, qmail-newu, the init
 // script and the SIGHUP to qmail-send are only noted, and each database's
-// changes go into one transaction; closing it writes each changed file
-// once, then compiles once, restarts or reloads once, sends at most one
-// SIGHUP, and commits.
+// changes go into one transaction, and each mailbox's maildirsize waits
+// for its last limits; closing it writes each changed file once, then
+// compiles once, restarts or reloads once, sends at most one SIGHUP, and
+// commits.
 //
 // A batch killed at any instant thus leaves every file whole; the files
 // are written before the compile, so a kill between the two leaves a
@@ -38,6 +39,7 @@ class Checkpoint {
 
   struct Result {
     bool files_failed = false;
+    bool quotas_failed = false;  // a mailbox's maildirsize
     bool databases_failed = false;
     QmailRequests failed;  // which deferred runs failed
     // The text for the commands that a failure here concerns.

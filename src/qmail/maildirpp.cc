@@ -14,9 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "qmail/lock.h"
 #include "qmail/paths.h"
@@ -552,64 +554,164 @@ int store_maildirpp_quota_raw(const char* maildir, int64_t quota) {
                                      0);
 }
 
-int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
-                                int64_t size_limit, int64_t count_limit) {
-  DirVisit visit;
-  if (!visit.enter(maildir, "Maildir folder"))
-    return 0;
+namespace {
+
+struct QuotaFile {
+  uid_t uid;
+  gid_t gid;
+  int64_t size_limit;
+  int64_t count_limit;
+};
+
+// Writes the maildirsize of the Maildir that is the current directory;
+// `maildir` names it in messages.
+bool write_here(const char* maildir, const QuotaFile& quota) {
   char host[HOST_NAME_MAX + 1];
   if (gethostname(host, sizeof(host)) != 0) {
     say("Unable to receive hostname");
-    return 0;
+    return false;
   }
   host[HOST_NAME_MAX] = '\0';
 
   tavix::ScopedLock lock(lock_maildirsize());
   if (!lock.locked()) {
     say("unable to lock %s/maildirsize: %s", maildir, strerror(errno));
-    return 0;
+    return false;
   }
   remove_stale_maildirsize_temps(maildir, host);
   tavix::AtomicFile temp;
   if (!create_maildirsize(host, &temp))
-    return 0;
-  if (!temp.set_owner(uid, gid) || !temp.set_mode(0644)) {
+    return false;
+  if (!temp.set_owner(quota.uid, quota.gid) || !temp.set_mode(0644)) {
     say("unable to set owner and mode of %s/%s: %s", maildir,
         temp.temp_path().c_str(), strerror(errno));
-    return 0;
+    return false;
   }
   int64_t bytes;
   int64_t count;
   time_t scanned;
   if (!get_maildirpp_messages_usage(&bytes, &count, &scanned))
-    return 0;
+    return false;
 
   char text[kMaxMaildirsizeText + 1];
   int length = snprintf(text, sizeof(text),
                         "%" PRId64 "S,%" PRId64 "C\n%12" PRId64 "%12" PRId64
                         "\n",
-                        size_limit, count_limit, bytes, count);
+                        quota.size_limit, quota.count_limit, bytes, count);
   if (length < 1 || static_cast<size_t>(length) > kMaxMaildirsizeText) {
     errno = EINVAL;
     say("maildirsize contents do not fit in %zu characters",
         kMaxMaildirsizeText);
-    return 0;
+    return false;
   }
   if (!temp.write(std::string_view(text, length))) {
     say("unable to write data to file");
-    return 0;
+    return false;
   }
   if (!temp.sync()) {
     say("unable to commit written data to file");
-    return 0;
+    return false;
   }
   if (!temp.commit()) {
     say("unable to rename %s/%s to maildirsize: %s", maildir, temp.temp_path().c_str(),
         strerror(errno));
-    return 0;
+    return false;
   }
   outdate_if_changed(maildir, scanned);
-  return 1;
+  return true;
+}
+
+// While held, a Maildir's maildirsize is written once, with the last
+// limits asked for: a batch gives a new mailbox its file, its password and
+// its quota in three commands, and each would rewrite (and recount) it.
+// Each entry keeps the Maildir open, so the write lands where the mailbox
+// is even if it was renamed since; a Maildir removed since is skipped.
+struct HeldQuota {
+  UniqueFd dir;
+  std::string name;  // as the caller spelled it, for messages
+  QuotaFile quota;
+};
+
+// Few enough to stay far from the descriptor limit.
+const size_t kMaxHeldQuotas = 256;
+
+struct QuotaHolding {
+  bool active = false;
+  std::map<std::pair<dev_t, ino_t>, HeldQuota> files;
+};
+
+QuotaHolding& quota_holding() {
+  static QuotaHolding state;
+  return state;
+}
+
+bool write_held_quotas() {
+  QuotaHolding& state = quota_holding();
+  if (state.files.empty())
+    return true;
+  UniqueFd saved(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!saved) {
+    say("unable to get current working directory");
+    return false;
+  }
+  bool ok = true;
+  for (auto& entry : state.files) {
+    HeldQuota& held = entry.second;
+    struct stat info;
+    if (fstat(held.dir.get(), &info) != 0 || fchdir(held.dir.get()) != 0) {
+      say("unable to change to Maildir folder %s: %s", held.name.c_str(), strerror(errno));
+      ok = false;
+      continue;
+    }
+    if (info.st_nlink == 0)
+      continue;  // removed since: nothing left to write
+    ok = write_here(held.name.c_str(), held.quota) && ok;
+  }
+  state.files.clear();
+  if (fchdir(saved.get()) != 0) {
+    say("unable to change back to the previous working directory: %s", strerror(errno));
+    ok = false;
+  }
+  return ok;
+}
+
+// Holds the write of the Maildir that is the current directory.
+bool hold_quota(const char* maildir, const QuotaFile& quota) {
+  QuotaHolding& state = quota_holding();
+  UniqueFd dir(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat info;
+  if (!dir || fstat(dir.get(), &info) != 0) {
+    say("unable to open Maildir folder %s: %s", maildir, strerror(errno));
+    return false;
+  }
+  auto key = std::make_pair(info.st_dev, info.st_ino);
+  if (state.files.count(key) == 0 && state.files.size() >= kMaxHeldQuotas &&
+      !write_held_quotas())
+    return false;
+  state.files[key] = HeldQuota{std::move(dir), maildir, quota};
+  return true;
+}
+
+}  // namespace
+
+int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
+                                int64_t size_limit, int64_t count_limit) {
+  DirVisit visit;
+  if (!visit.enter(maildir, "Maildir folder"))
+    return 0;
+  QuotaFile quota{uid, gid, size_limit, count_limit};
+  if (quota_holding().active)
+    return hold_quota(maildir, quota) ? 1 : 0;
+  return write_here(maildir, quota) ? 1 : 0;
+}
+
+void maildirsize_hold() { quota_holding().active = true; }
+
+int maildirsize_write_held() {
+  QuotaHolding& state = quota_holding();
+  bool ok = write_held_quotas();
+  state.active = false;
+  return ok ? 0 : 1;
 }
 
 int get_maildirpp_messages_usage(int64_t* bytes, int64_t* count,
@@ -656,6 +758,8 @@ int get_maildirpp_folder_mtime(const char* folder, time_t* newest_mtime) {
 int get_maildirpp_usage_and_limits(const char* maildir, int no_recount,
                                    int64_t* bytes, int64_t* count,
                                    int64_t* size_limit, int64_t* count_limit) {
+  if (!write_held_quotas())
+    return 0;
   DirVisit visit;
   if (!visit.enter(maildir, "Maildir folder"))
     return 0;

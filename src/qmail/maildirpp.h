@@ -40,6 +40,14 @@ int store_maildirpp_quota_raw(const char* maildir, int64_t quota);
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
                                 int64_t size_limit, int64_t count_limit);
 
+// From maildirsize_hold() on, write_maildirpp_maildirsize() only notes the
+// limits; maildirsize_write_held() writes each noted Maildir's file once,
+// with the last limits noted for it, and ends the holding. Every reader of
+// a maildirsize writes the noted files first. 0, or 1 after reporting a
+// failed write.
+void maildirsize_hold();
+int maildirsize_write_held();
+
 // Whether `name` in a Maildir's tmp/ is a temporary maildirsize that this
 // program wrote on `host`: "<digits>.<digits>.<host>-maildirsize".
 bool is_maildirsize_temp(const char* name, const char* host);

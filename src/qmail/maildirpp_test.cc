@@ -224,6 +224,33 @@ TEST(WriteMaildirsizeTest, RemovesOnlyOurOwnStaleTemporaries) {
     EXPECT_EQ(!t.removed, exists(maildir.path + "/tmp/" + t.name)) << t.name;
 }
 
+// Held, a Maildir's file is written once, with the last limits, where the
+// Maildir is by then; a reader sees it written; a removed one is skipped.
+TEST(WriteMaildirsizeTest, HeldWritesLandOnceWithTheLastLimits) {
+  const ScratchMaildir moved, removed, read;
+  moved.add("cur/1,S=10", 10);
+  maildirsize_hold();
+  for (int64_t limit : {100, 200}) {
+    for (const ScratchMaildir* m : {&moved, &removed, &read})
+      ASSERT_EQ(1, write_maildirpp_maildirsize(m->path.c_str(), 0, 0, limit, 0));
+  }
+  EXPECT_FALSE(exists(moved.size_file()));
+  fs::rename(moved.path, moved.dir.path("Renamed"));
+  fs::remove_all(removed.path);
+
+  EXPECT_EQ(200, read_usage(read.path, 1).size_limit);  // written for the reader
+  ASSERT_EQ(1, write_maildirpp_maildirsize(read.path.c_str(), 0, 0, 300, 0));
+  EXPECT_EQ(0, maildirsize_write_held());
+  EXPECT_EQ("200S,0C\n          10           1\n",
+            read_file(moved.dir.path("Renamed/maildirsize")));
+  EXPECT_FALSE(exists(removed.path));
+  EXPECT_EQ(300, read_usage(read.path, 1).size_limit);
+
+  // No longer held: written at once.
+  ASSERT_EQ(1, write_maildirpp_maildirsize(read.path.c_str(), 0, 0, 400, 0));
+  EXPECT_EQ(400, read_usage(read.path, 1).size_limit);
+}
+
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
   const struct {
     const char* maildirsize;  // "" for none
