@@ -278,6 +278,31 @@ bool finish_reading(AtomicFile* temp, UniqueFile in, const char* path) {
 
 enum class RenameReport { kLogPath, kPrintTemp };
 
+// Files up to this size are read whole before a removal, to see whether it
+// removes anything at all.
+const off_t kSmallFile = 64 * 1024;
+
+// Whether `in`, a small file read from its start, has nothing that
+// `copies` would drop or repeat, so that a rewrite would write it again
+// as it is. Left at its start when it has.
+bool keeps_everything(FILE* in, const CopyCount& copies) {
+  struct stat info;
+  if (fstat(fileno(in), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > kSmallFile)
+    return false;
+  std::string text(static_cast<size_t>(kSmallFile) + 1, '\0');
+  text.resize(fread(&text[0], 1, text.size(), in));
+  bool kept = !ferror(in) && text.size() <= static_cast<size_t>(kSmallFile);
+  for (std::string_view rest(text); kept && !rest.empty();) {
+    size_t length = piece_length(rest, true);
+    std::string_view piece = rest.substr(0, length);
+    kept = piece.find('\0') == std::string_view::npos && copies(piece) == 1;
+    rest.remove_prefix(length);
+  }
+  if (!kept)
+    rewind(in);
+  return kept;
+}
+
 // The removals' common body: copies `path` to its temporary file piece by
 // piece, each piece as often as `copies` says, and renames the result over
 // `path`. False after reporting a failure.
@@ -287,6 +312,15 @@ bool rewrite_filtered(const char* path, const CopyCount& copies,
   UniqueFile in(open_old(path, &in_buffer));
   if (!in)
     return false;
+  // Nothing to remove leaves the file alone (a mailbox's .qmail is edited
+  // so by most commands), but not the temporary a killed rewrite left.
+  if (keeps_everything(in.get(), copies)) {
+    if (tavix::unlink_nofollow(temp_name(path).c_str()) != 0 && errno != ENOENT) {
+      print_error("Unable to open file %s: %s\n", temp_name(path));
+      return false;
+    }
+    return close_reported(std::move(in), path);
+  }
   AtomicFile temp;
   if (!create_temp(path, &temp, &out_buffer))
     return false;

@@ -1,6 +1,7 @@
 #include "qmail/line_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,6 +46,39 @@ TEST(FileStringsLockTest, UnreadablePathKeepsTheLock) {
   lock_handle* attempt = mk_nonblock_lock(path.c_str(), 1);
   EXPECT_TRUE(is_already_locked(attempt));
   free_lock(attempt);
+}
+
+// A removal that finds nothing leaves the file itself alone (the same
+// inode), but still clears a killed rewrite's temporary; one that finds
+// something rewrites it.
+TEST(FileStringsRemoveTest, RewritesOnlyWhenALineGoes) {
+  ScratchDir dir;
+  std::string path = dir.path(".qmail");
+  write_file(path, "| true\nx\n");
+  write_file(path + ".tmp", "left by a killed run");
+  auto inode = [&] {
+    struct stat st = {};
+    EXPECT_EQ(0, stat(path.c_str(), &st));
+    return st.st_ino;
+  };
+  const auto before = inode();
+  const struct {
+    int op, how;
+    const char* line;
+    bool rewritten;
+  } cases[] = {
+      {kLinesRemove, 0, "| tru", false},
+      {kLinesRemoveBy, kMatchPrefix, "y", false},
+      {kLinesRemoveBy, kMatchSubstring, "x", true},
+  };
+  for (const auto& c : cases) {
+    const auto old = inode();
+    EXPECT_EQ(0, file_str(path.c_str(), c.line, c.op, c.how)) << c.line;
+    EXPECT_EQ(c.rewritten, inode() != old) << c.line;
+    EXPECT_FALSE(exists(path + ".tmp")) << c.line;
+  }
+  EXPECT_NE(before, inode());
+  EXPECT_EQ("| true\n", read_file(path));
 }
 
 // Several processes keep their own lines in one file at the same time with
