@@ -14,6 +14,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mailauth/auth_records.h"
@@ -157,22 +158,39 @@ MailUser add_mailname_user;
   _exit(1);
 }
 
-void make_popuser_dir(const char* mailname, const char* domain, const std::string& home,
-                      const char* sub, const MailUser& user) {
-  // The mail user owns the mailbox and may have swapped any of it for a
-  // link: neither the mkdir nor the chown follows one.
-  std::string path = sub ? sub : home;
-  if (tavix::mkdir_nofollow(path.c_str(), 0700) != 0 && errno != EEXIST) {
-    if (sub)
-      undo_add(mailname, domain, "Unable to make %s/%s dir: %s", home.c_str(), sub,
-               strerror(errno));
-    undo_add(mailname, domain, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
-  }
-  if (tavix::chown_nofollow(path.c_str(), user.uid, user.gid) != 0) {
-    if (sub)
-      undo_add(mailname, domain, "Unable to chown %s/%s dir: %s", home.c_str(), sub,
-               strerror(errno));
-    undo_add(mailname, domain, "Unable to chown %s dir: %s", home.c_str(), strerror(errno));
+// Makes the directory `name` in `at` for the mail user; `sub` is its path in
+// the mailbox `home` (null for the mailbox itself), for the messages. The
+// mail user owns the mailbox and may have swapped any of it for a link:
+// neither the mkdir nor the chown follows one.
+tavix::UniqueFd make_popuser_dir(const char* mailname, const char* domain,
+                                 const std::string& home, const char* sub, int at,
+                                 const char* name, const MailUser& user) {
+  bool chown_failed = false;
+  tavix::UniqueFd dir(tavix::make_owned_dir(at, name, 0700, user.uid, user.gid, &chown_failed));
+  if (dir)
+    return dir;
+  const char* step = chown_failed ? "chown" : "make";
+  if (sub)
+    undo_add(mailname, domain, "Unable to %s %s/%s dir: %s", step, home.c_str(), sub,
+             strerror(errno));
+  undo_add(mailname, domain, "Unable to %s %s dir: %s", step, home.c_str(), strerror(errno));
+}
+
+// The mailbox's own directories, each made through its parent's descriptor.
+void make_mailbox_dirs(const char* mailname, const char* domain, const std::string& home,
+                       int home_fd, const MailUser& user) {
+  std::vector<std::pair<std::string, tavix::UniqueFd>> made;
+  for (const char* sub : kMailboxDirs) {
+    std::string parent_path;
+    std::string name;
+    tavix::split_path(sub, &parent_path, &name);
+    int parent = home_fd;
+    for (const auto& dir : made) {
+      if (dir.first == parent_path)
+        parent = dir.second.get();
+    }
+    made.emplace_back(sub, make_popuser_dir(mailname, domain, home, sub, parent,
+                                            name.c_str(), user));
   }
 }
 
@@ -373,21 +391,23 @@ int add_mailname(const char* mailname, const char* domain) {
 
   std::string home = mailname_dir(ascii, mailname);
   lower_case(&home);
-  make_popuser_dir(mailname, ascii, home, nullptr, user);
+  tavix::PathParent parent;
+  if (!tavix::open_parent_nofollow(home.c_str(), &parent))
+    undo_add(mailname, ascii, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
+  tavix::UniqueFd home_fd = make_popuser_dir(mailname, ascii, home, nullptr, parent.dir.get(),
+                                             parent.name.c_str(), user);
 
   char saved_cwd[PATH_MAX];
   if (getcwd(saved_cwd, sizeof(saved_cwd)) == nullptr)
     undo_add(mailname, ascii, "Unable to getcwd: %s", strerror(errno));
-  tavix::UniqueFd home_fd(tavix::open_dir_nofollow(home.c_str()));
-  if (!home_fd || fchdir(home_fd.get()) != 0)
+  if (fchdir(home_fd.get()) != 0)
     undo_add(mailname, ascii, "Unable to chdir %s: %s", home.c_str(), strerror(errno));
 
   char dotqmail[4096];
   if (get_dotqmail_path(dotqmail, sizeof(dotqmail), mailname, ascii) != 0 ||
       dotqmail_reset(dotqmail) != 0)
     return -1;
-  for (const char* sub : kMailboxDirs)
-    make_popuser_dir(mailname, ascii, home, sub, user);
+  make_mailbox_dirs(mailname, ascii, home, home_fd.get(), user);
   if (rm_mbox_quota(ascii, mailname) == 0)
     undo_add(mailname, ascii, "Unable to initialize quota settings for %s@%s", mailname, ascii);
   if (chdir(saved_cwd) != 0)

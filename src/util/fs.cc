@@ -167,6 +167,19 @@ int chmod_nofollow(const char* path, mode_t mode) {
   return fd ? fchmod(fd.get(), mode) : -1;
 }
 
+UniqueFd make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
+                        bool* chown_failed) {
+  *chown_failed = false;
+  if (mkdirat(dir_fd, name, mode) != 0 && errno != EEXIST)
+    return UniqueFd();
+  *chown_failed = true;
+  UniqueFd fd(openat_nofollow(dir_fd, name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+  if (!fd || fchown(fd.get(), uid, gid) != 0)
+    return UniqueFd();
+  *chown_failed = false;
+  return fd;
+}
+
 }  // namespace tavix
 
 namespace {

@@ -140,6 +140,14 @@ int unlink_nofollow(const char* path);
 int chown_nofollow(const char* path, uid_t uid, gid_t gid);
 int chmod_nofollow(const char* path, mode_t mode);
 
+// Makes the directory `name` in `dir_fd` with `mode` (one already there
+// will do), opens it and gives it to uid:gid, as mkdir_nofollow() and
+// chown_nofollow() would. The open entry, through which its own entries can
+// be made in turn; none with errno set and `*chown_failed` telling which of
+// the two steps failed.
+UniqueFd make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
+                        bool* chown_failed);
+
 // Removes the entries beside `path` named "<name of path><infix>" and six
 // more characters, what mkstemp() makes of a "<path><infix>XXXXXX"
 // template: the temporary files of runs killed before their rename. Only
