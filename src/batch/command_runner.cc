@@ -34,23 +34,28 @@ UniqueFd duplicate(int fd) {
   return copy;
 }
 
-// An anonymous file holding `text`, read from its start.
-UniqueFd memory_file(const char* name, const std::string& text) {
+UniqueFd memory_file(const char* name) {
   UniqueFd fd(memfd_create(name, MFD_CLOEXEC));
   if (!fd)
     fail("cannot make a memory file");
-  if (!write_all(fd.get(), text))
-    fail("cannot write a memory file");
-  if (lseek(fd.get(), 0, SEEK_SET) != 0)
-    fail("cannot rewind a memory file");
   return fd;
 }
 
-std::string read_all(int fd) {
-  if (lseek(fd, 0, SEEK_SET) != 0)
-    fail("cannot rewind the command's output");
-  std::string text;
-  if (!read_to_end(fd, &text))
+// Empties the memory file `fd`, or fills it with `text`, and rewinds it.
+void refill(int fd, const std::string& text) {
+  if (lseek(fd, 0, SEEK_SET) != 0 || ftruncate(fd, 0) != 0)
+    fail("cannot empty a memory file");
+  if (!text.empty() && (!write_all(fd, text) || lseek(fd, 0, SEEK_SET) != 0))
+    fail("cannot write a memory file");
+}
+
+// What the command wrote to `fd`, which its output shares an offset with.
+std::string written(int fd) {
+  off_t length = lseek(fd, 0, SEEK_CUR);
+  if (length < 0)
+    fail("cannot read the command's output");
+  std::string text(static_cast<size_t>(length), '\0');
+  if (length > 0 && pread(fd, &text[0], text.size(), 0) != length)
     fail("cannot read the command's output");
   return text;
 }
@@ -112,7 +117,12 @@ pid_t runner_pid = 0;
 CommandRunner::CommandRunner()
     : saved_in_(duplicate(STDIN_FILENO)),
       saved_out_(duplicate(STDOUT_FILENO)),
-      saved_err_(duplicate(STDERR_FILENO)) {
+      saved_err_(duplicate(STDERR_FILENO)),
+      no_input_(open("/dev/null", O_RDONLY | O_CLOEXEC)),
+      input_(memory_file("stdin")),
+      output_(memory_file("output")) {
+  if (!no_input_)
+    fail("cannot open /dev/null");
   runner_pid = getpid();
   tavix_set_fatal_handler(end_command);
 }
@@ -136,11 +146,9 @@ void CommandRunner::restore() {
 }
 
 Outcome CommandRunner::run(const Command& command) {
-  UniqueFd in = command.stdin_text ? memory_file("stdin", *command.stdin_text)
-                                   : UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  if (!in)
-    fail("cannot open /dev/null");
-  UniqueFd out = memory_file("output", "");
+  if (command.stdin_text)
+    refill(input_.get(), *command.stdin_text);
+  refill(output_.get(), std::string());
 
   std::vector<std::string> words{"dravnik"};
   words.insert(words.end(), command.argv.begin(), command.argv.end());
@@ -150,13 +158,13 @@ Outcome CommandRunner::run(const Command& command) {
   argv.push_back(nullptr);
 
   Outcome outcome;
-  redirect(in.get(), out.get());
+  redirect(command.stdin_text ? input_.get() : no_input_.get(), output_.get());
   hand_passwords(command);
   outcome.status = run_command(static_cast<int>(words.size()), argv.data());
   drop_passwords();
   free_session_mail_db_info();
   restore();
-  outcome.output = read_all(out.get());
+  outcome.output = written(output_.get());
   return outcome;
 }
 

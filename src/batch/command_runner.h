@@ -41,6 +41,11 @@ class CommandRunner {
   UniqueFd saved_in_;
   UniqueFd saved_out_;
   UniqueFd saved_err_;
+  // Kept for the whole batch: the command's standard input when it has no
+  // document, its document, and what it prints.
+  UniqueFd no_input_;
+  UniqueFd input_;
+  UniqueFd output_;
 };
 
 }  // namespace batch
