@@ -140,6 +140,7 @@ bool Batch::resume() {
 }
 
 bool Batch::flush() {
+  runner_.restore();
   Checkpoint::Result const result = checkpoint_.close();
   std::string const message = result.message();
   std::string report;

@@ -127,22 +127,36 @@ CommandRunner::CommandRunner()
   tavix_set_fatal_handler(end_command);
 }
 
-CommandRunner::~CommandRunner() { tavix_set_fatal_handler(nullptr); }
+CommandRunner::~CommandRunner() {
+  restore();
+  tavix_set_fatal_handler(nullptr);
+}
 
-void CommandRunner::redirect(int in, int out) {
+// Standard output and error stay on the output file from one command to
+// the next; standard input changes only when the kind of input does (the
+// document file is refilled in place, and the descriptor shares its offset).
+void CommandRunner::redirect(int in) {
   flush_streams();
   forget_input();
-  move_fd(in, STDIN_FILENO);
-  move_fd(out, STDOUT_FILENO);
-  move_fd(out, STDERR_FILENO);
+  if (!redirected_) {
+    move_fd(output_.get(), STDOUT_FILENO);
+    move_fd(output_.get(), STDERR_FILENO);
+  }
+  if (!redirected_ || in != input_now_)
+    move_fd(in, STDIN_FILENO);
+  input_now_ = in;
+  redirected_ = true;
 }
 
 void CommandRunner::restore() {
+  if (!redirected_)
+    return;
   flush_streams();
   forget_input();
   move_fd(saved_in_.get(), STDIN_FILENO);
   move_fd(saved_out_.get(), STDOUT_FILENO);
   move_fd(saved_err_.get(), STDERR_FILENO);
+  redirected_ = false;
 }
 
 Outcome CommandRunner::run(const Command& command) {
@@ -158,12 +172,12 @@ Outcome CommandRunner::run(const Command& command) {
   argv.push_back(nullptr);
 
   Outcome outcome;
-  redirect(command.stdin_text ? input_.get() : no_input_.get(), output_.get());
+  redirect(command.stdin_text ? input_.get() : no_input_.get());
   hand_passwords(command);
   outcome.status = run_command(static_cast<int>(words.size()), argv.data());
   drop_passwords();
   free_session_mail_db_info();
-  restore();
+  flush_streams();
   outcome.output = written(output_.get());
   return outcome;
 }

@@ -28,15 +28,17 @@ class CommandRunner {
   CommandRunner(const CommandRunner&) = delete;
   CommandRunner& operator=(const CommandRunner&) = delete;
 
+  // Leaves the standard streams on the command's files, for the next
+  // command; restore() gives them back before anything else may print.
   Outcome run(const Command& command);
+  void restore();
 
   // The process's standard output and error as they were at construction.
   int output_fd() const { return saved_out_.get(); }
   int error_fd() const { return saved_err_.get(); }
 
  private:
-  void redirect(int in, int out);
-  void restore();
+  void redirect(int in);
 
   UniqueFd saved_in_;
   UniqueFd saved_out_;
@@ -46,6 +48,8 @@ class CommandRunner {
   UniqueFd no_input_;
   UniqueFd input_;
   UniqueFd output_;
+  bool redirected_ = false;
+  int input_now_ = -1;
 };
 
 }  // namespace batch

@@ -73,15 +73,44 @@ tavix::UniqueFd open_lock_dir(const std::string& dir) {
   return fd;
 }
 
+// The lock directory stays open for the next lock: a run takes several, a
+// batch thousands. It is used again only while its path still names that
+// very directory, still root's alone.
+struct LockDir {
+  std::string path;
+  tavix::UniqueFd fd;
+  struct stat st;
+};
+
+bool still_same(const LockDir& cached, const std::string& dir) {
+  struct stat st;
+  return cached.fd && cached.path == dir && lstat(dir.c_str(), &st) == 0 &&
+         st.st_dev == cached.st.st_dev && st.st_ino == cached.st.st_ino &&
+         st.st_uid == cached.st.st_uid && st.st_mode == cached.st.st_mode;
+}
+
+int lock_dir_fd(const std::string& dir) {
+  static LockDir cached;
+  if (still_same(cached, dir))
+    return cached.fd.get();
+  cached.fd = open_lock_dir(dir);
+  cached.path = dir;
+  if (!cached.fd || fstat(cached.fd.get(), &cached.st) != 0) {
+    cached.fd.reset();
+    return -1;
+  }
+  return cached.fd.get();
+}
+
 // Opens the lock file `path` with `open_flags`, never through a link.
 int open_lock_file(const char* path, int open_flags) {
   std::string dir;
   std::string name;
   tavix::split_path(path, &dir, &name);
-  tavix::UniqueFd dir_fd(open_lock_dir(dir));
-  if (!dir_fd)
+  int dir_fd = lock_dir_fd(dir);
+  if (dir_fd < 0)
     return -1;
-  return openat(dir_fd.get(), name.c_str(), open_flags | O_NOFOLLOW | O_CLOEXEC, 0644);
+  return openat(dir_fd, name.c_str(), open_flags | O_NOFOLLOW | O_CLOEXEC, 0644);
 }
 
 }  // namespace

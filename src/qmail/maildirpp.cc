@@ -63,11 +63,6 @@ void say(const char* format, ...) {
   errno = saved;
 }
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using UniqueDir = std::unique_ptr<DIR, DirCloser>;
-
 // Work on a Maildir is done from inside it. enter() saves the working
 // directory and changes into another; the destructor goes back, on every
 // way out, so no caller is left in a mailbox.
@@ -150,9 +145,9 @@ struct Usage {
 
 // Adds the messages of one message directory (new/ or cur/) to `usage`.
 bool scan_messages(const std::string& dir, Usage* usage) {
-  UniqueDir listing(opendir(dir.c_str()));
+  tavix::DirReader listing(UniqueFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   struct stat info;
-  if (!listing || fstat(dirfd(listing.get()), &info) != 0) {
+  if (!listing || fstat(listing.fd(), &info) != 0) {
     say("unable to read Maildir folder %s: %s", dir.c_str(), strerror(errno));
     return false;
   }
@@ -160,7 +155,7 @@ bool scan_messages(const std::string& dir, Usage* usage) {
   std::string path;
   for (;;) {
     errno = 0;
-    struct dirent* entry = readdir(listing.get());
+    const struct dirent64* entry = listing.next();
     if (!entry)
       break;
     if (is_dot_or_dotdot(entry->d_name))
@@ -212,14 +207,14 @@ bool scan_folder(const std::string& folder, Usage* usage) {
 // or after `listing_failure` was reported when the Maildir cannot be listed.
 template <typename Visit>
 bool for_each_folder_entry(const char* listing_failure, Visit visit) {
-  UniqueDir maildir(opendir("."));
+  tavix::DirReader maildir(UniqueFd(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!maildir) {
     say("%s", listing_failure);
     return false;
   }
   for (;;) {
     errno = 0;
-    struct dirent* entry = readdir(maildir.get());
+    const struct dirent64* entry = maildir.next();
     if (!entry)
       break;
     if (is_counted_folder(entry->d_name) && !visit(*entry))
@@ -241,7 +236,7 @@ bool newest_message_dir_mtime(const char* maildir, time_t* newest) {
     return false;
   return for_each_folder_entry(
       "Unable to open Maildir folder. Has it just been removed?",
-      [&](const struct dirent& entry) {
+      [&](const struct dirent64& entry) {
         bool is_dir = entry.d_type == DT_DIR;
         if (entry.d_type == DT_UNKNOWN) {
           struct stat info;
@@ -337,20 +332,18 @@ namespace {
 // killed before their rename; only with the maildirsize lock held. Failures
 // are reported but do not stop the write.
 void remove_stale_maildirsize_temps(const char* maildir, const char* host) {
-  UniqueFd tmp(tavix::open_dir_nofollow("tmp"));
-  UniqueDir listing(tmp ? fdopendir(tmp.get()) : nullptr);
+  tavix::DirReader listing(tavix::open_dir_nofollow("tmp"));
   if (!listing) {
     say("unable to read %s/tmp: %s", maildir, strerror(errno));
     return;
   }
-  tmp.release();  // the listing owns it now
   for (;;) {
     errno = 0;
-    struct dirent* entry = readdir(listing.get());
+    const struct dirent64* entry = listing.next();
     if (!entry)
       break;
     if (is_maildirsize_temp(entry->d_name, host) &&
-        unlinkat(dirfd(listing.get()), entry->d_name, 0) != 0 && errno != ENOENT)
+        unlinkat(listing.fd(), entry->d_name, 0) != 0 && errno != ENOENT)
       say("unable to remove %s/tmp/%s: %s", maildir, entry->d_name, strerror(errno));
   }
   if (errno != 0)
@@ -675,13 +668,13 @@ bool write_held_quotas() {
   return ok;
 }
 
-// Holds the write of the Maildir that is the current directory.
+// Holds the write of `maildir`, opened as entering it would.
 bool hold_quota(const char* maildir, const QuotaFile& quota) {
   QuotaHolding& state = quota_holding();
-  UniqueFd dir(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd dir(tavix::open_dir_nofollow(maildir));
   struct stat info;
   if (!dir || fstat(dir.get(), &info) != 0) {
-    say("unable to open Maildir folder %s: %s", maildir, strerror(errno));
+    say("unable to change to Maildir folder %s: %s", maildir, strerror(errno));
     return false;
   }
   auto key = std::make_pair(info.st_dev, info.st_ino);
@@ -696,12 +689,12 @@ bool hold_quota(const char* maildir, const QuotaFile& quota) {
 
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
                                 int64_t size_limit, int64_t count_limit) {
-  DirVisit visit;
-  if (!visit.enter(maildir, "Maildir folder"))
-    return 0;
   QuotaFile quota{uid, gid, size_limit, count_limit};
   if (quota_holding().active)
     return hold_quota(maildir, quota) ? 1 : 0;
+  DirVisit visit;
+  if (!visit.enter(maildir, "Maildir folder"))
+    return 0;
   return write_here(maildir, quota) ? 1 : 0;
 }
 
@@ -724,7 +717,7 @@ int get_maildirpp_messages_usage(int64_t* bytes, int64_t* count,
     return 0;
   bool listed = for_each_folder_entry(
       "unable to list the folders of the Maildir",
-      [&](const struct dirent& entry) {
+      [&](const struct dirent64& entry) {
         return entry.d_type != DT_DIR || scan_folder(entry.d_name, &usage);
       });
   if (!listed)

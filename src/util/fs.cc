@@ -167,6 +167,22 @@ int chmod_nofollow(const char* path, mode_t mode) {
   return fd ? fchmod(fd.get(), mode) : -1;
 }
 
+const struct dirent64* DirReader::next() {
+  if (at_ == end_) {
+    ssize_t got = getdents64(fd_.get(), buffer_, sizeof buffer_);
+    if (got <= 0) {
+      if (got == 0)
+        errno = 0;
+      return nullptr;
+    }
+    at_ = 0;
+    end_ = static_cast<size_t>(got);
+  }
+  auto entry = reinterpret_cast<const struct dirent64*>(buffer_ + at_);
+  at_ += entry->d_reclen;
+  return entry;
+}
+
 UniqueFd make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
                         bool* chown_failed) {
   *chown_failed = false;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <set>
 #include <string>
 
 #include "util/test_support.h"
@@ -87,6 +88,24 @@ TEST(RemoveStaleTemps, RemovesExactlyTheTemplatesNames) {
   for (const std::string& name : keep)
     EXPECT_EQ(name, read_file(tmp.path(name)));
   EXPECT_EQ(-1, tavix::remove_stale_temps(tmp.path("missing/assign").c_str(), ".mail."));
+}
+
+// More entries than one buffer holds come out once each.
+TEST(DirReader, ReadsEveryEntryOnce) {
+  TempDir dir;
+  std::set<std::string> made = {".", ".."};
+  for (int k = 0; k < 300; ++k) {
+    const std::string name = std::string(60, 'n') + std::to_string(k);
+    made.insert(name);
+    write_file(dir.path(name), "");
+  }
+  tavix::DirReader reader(tavix::open_dir_nofollow(dir.path().c_str()));
+  ASSERT_TRUE(reader);
+  std::multiset<std::string> seen;
+  while (const struct dirent64* entry = reader.next())
+    seen.insert(entry->d_name);
+  EXPECT_EQ(0, errno);
+  EXPECT_EQ(std::multiset<std::string>(made.begin(), made.end()), seen);
 }
 
 TEST(GetStreamContents, ReadsWholeStreamsOfEverySize) {
