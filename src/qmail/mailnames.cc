@@ -158,17 +158,17 @@ MailUser add_mailname_user;
   _exit(1);
 }
 
-// Makes the directory `name` in `at` for the mail user; `sub` is its path in
-// the mailbox `home` (null for the mailbox itself), for the messages. The
-// mail user owns the mailbox and may have swapped any of it for a link:
-// neither the mkdir nor the chown follows one.
-tavix::UniqueFd make_popuser_dir(const char* mailname, const char* domain,
-                                 const std::string& home, const char* sub, int at,
-                                 const char* name, const MailUser& user) {
+// Makes the directory `name` in `at` for the mail user, and opens it when
+// `opened` is given; `sub` is its path in the mailbox `home` (null for the
+// mailbox itself), for the messages. The mail user owns the mailbox and may
+// have swapped any of it for a link: neither the mkdir nor the chown
+// follows one.
+void make_popuser_dir(const char* mailname, const char* domain, const std::string& home,
+                      const char* sub, int at, const char* name, const MailUser& user,
+                      tavix::UniqueFd* opened) {
   bool chown_failed = false;
-  tavix::UniqueFd dir(tavix::make_owned_dir(at, name, 0700, user.uid, user.gid, &chown_failed));
-  if (dir)
-    return dir;
+  if (tavix::make_owned_dir(at, name, 0700, user.uid, user.gid, opened, &chown_failed) == 0)
+    return;
   const char* step = chown_failed ? "chown" : "make";
   if (sub)
     undo_add(mailname, domain, "Unable to %s %s/%s dir: %s", step, home.c_str(), sub,
@@ -176,21 +176,28 @@ tavix::UniqueFd make_popuser_dir(const char* mailname, const char* domain,
   undo_add(mailname, domain, "Unable to %s %s dir: %s", step, home.c_str(), strerror(errno));
 }
 
-// The mailbox's own directories, each made through its parent's descriptor.
+// The mailbox's own directories, each made through its parent's descriptor;
+// only those with directories of their own are kept open.
 void make_mailbox_dirs(const char* mailname, const char* domain, const std::string& home,
                        int home_fd, const MailUser& user) {
-  std::vector<std::pair<std::string, tavix::UniqueFd>> made;
+  std::vector<std::pair<std::string, tavix::UniqueFd>> parents;
   for (const char* sub : kMailboxDirs) {
     std::string parent_path;
     std::string name;
     tavix::split_path(sub, &parent_path, &name);
     int parent = home_fd;
-    for (const auto& dir : made) {
+    for (const auto& dir : parents) {
       if (dir.first == parent_path)
         parent = dir.second.get();
     }
-    made.emplace_back(sub, make_popuser_dir(mailname, domain, home, sub, parent,
-                                            name.c_str(), user));
+    bool has_children = false;
+    for (const char* other : kMailboxDirs)
+      has_children |= strncmp(other, sub, strlen(sub)) == 0 && other[strlen(sub)] == '/';
+    tavix::UniqueFd opened;
+    make_popuser_dir(mailname, domain, home, sub, parent, name.c_str(), user,
+                     has_children ? &opened : nullptr);
+    if (has_children)
+      parents.emplace_back(sub, std::move(opened));
   }
 }
 
@@ -394,8 +401,9 @@ int add_mailname(const char* mailname, const char* domain) {
   tavix::PathParent parent;
   if (!tavix::open_parent_nofollow(home.c_str(), &parent))
     undo_add(mailname, ascii, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
-  tavix::UniqueFd home_fd = make_popuser_dir(mailname, ascii, home, nullptr, parent.dir.get(),
-                                             parent.name.c_str(), user);
+  tavix::UniqueFd home_fd;
+  make_popuser_dir(mailname, ascii, home, nullptr, parent.dir.get(), parent.name.c_str(), user,
+                   &home_fd);
 
   char saved_cwd[PATH_MAX];
   if (getcwd(saved_cwd, sizeof(saved_cwd)) == nullptr)

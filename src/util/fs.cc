@@ -183,17 +183,28 @@ const struct dirent64* DirReader::next() {
   return entry;
 }
 
-UniqueFd make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                        bool* chown_failed) {
+int make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
+                   UniqueFd* opened, bool* chown_failed) {
   *chown_failed = false;
-  if (mkdirat(dir_fd, name, mode) != 0 && errno != EEXIST)
-    return UniqueFd();
+  bool made = mkdirat(dir_fd, name, mode) == 0;
+  if (!made && errno != EEXIST)
+    return -1;
   *chown_failed = true;
+  if (made && !opened) {
+    // Ours a moment ago; should the mail user have swapped it for a link
+    // since, the link itself changes owner, never what it points to.
+    if (fchownat(dir_fd, name, uid, gid, AT_SYMLINK_NOFOLLOW) != 0)
+      return -1;
+    *chown_failed = false;
+    return 0;
+  }
   UniqueFd fd(openat_nofollow(dir_fd, name, O_RDONLY | O_NONBLOCK | O_NOCTTY));
   if (!fd || fchown(fd.get(), uid, gid) != 0)
-    return UniqueFd();
+    return -1;
   *chown_failed = false;
-  return fd;
+  if (opened)
+    *opened = std::move(fd);
+  return 0;
 }
 
 }  // namespace tavix
@@ -487,27 +498,22 @@ int remove_stale_temps(const char* path, const char* infix) {
     return -1;
   const std::string prefix = parent.name + infix;
   const size_t length = prefix.size() + 6;  // "XXXXXX" filled in
-  // The stream takes a descriptor of its own; `parent.dir` stays ours.
-  DirStream dir(open_dir_at(parent.dir.get(), "."));
-  if (!dir.get())
-    return -1;
+  DirReader dir(std::move(parent.dir));
   int removed = 0;
-  bool ok = for_each_entry(dir, [&](int dir_fd, const char* entry) {
-    if (strlen(entry) != length || strncmp(entry, prefix.c_str(), prefix.size()) != 0)
-      return true;
-    if (unlinkat(dir_fd, entry, 0) == 0)
+  for (;;) {
+    errno = 0;
+    const struct dirent64* entry = dir.next();
+    if (!entry)
+      break;
+    if (strlen(entry->d_name) != length ||
+        strncmp(entry->d_name, prefix.c_str(), prefix.size()) != 0)
+      continue;
+    if (unlinkat(dir.fd(), entry->d_name, 0) == 0)
       ++removed;
     else if (errno != ENOENT)
-      return false;
-    return true;
-  });
-  if (!ok) {
-    int saved = errno;  // closing must not hide why the walk stopped
-    dir.close();
-    errno = saved;
-    return -1;
+      return -1;
   }
-  return dir.close() == 0 ? removed : -1;
+  return errno == 0 ? removed : -1;
 }
 
 void tidy_stale_temps(const char* path, const char* infix) {

@@ -144,12 +144,12 @@ int chown_nofollow(const char* path, uid_t uid, gid_t gid);
 int chmod_nofollow(const char* path, mode_t mode);
 
 // Makes the directory `name` in `dir_fd` with `mode` (one already there
-// will do), opens it and gives it to uid:gid, as mkdir_nofollow() and
-// chown_nofollow() would. The open entry, through which its own entries can
-// be made in turn; none with errno set and `*chown_failed` telling which of
-// the two steps failed.
-UniqueFd make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                        bool* chown_failed);
+// will do) and gives it to uid:gid, as mkdir_nofollow() and
+// chown_nofollow() would; with `opened`, the directory is opened, so that
+// its own entries can be made through it. 0, or -1 with errno set and
+// `*chown_failed` telling which of the two steps failed.
+int make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
+                   UniqueFd* opened, bool* chown_failed);
 
 // Removes the entries beside `path` named "<name of path><infix>" and six
 // more characters, what mkstemp() makes of a "<path><infix>XXXXXX"
@@ -165,6 +165,8 @@ void tidy_stale_temps(const char* path, const char* infix);
 // Reads the entries of an open directory with getdents64() into a buffer
 // of its own. opendir() costs an allocation of 32 KiB and an fstat() per
 // directory, which counts where thousands of small Maildirs are counted.
+// The buffer (8 KiB) is part of the object: for reading one directory, not
+// for a recursive walk, whose depth the mail user decides.
 class DirReader {
  public:
   explicit DirReader(UniqueFd dir) : fd_(std::move(dir)) {}
