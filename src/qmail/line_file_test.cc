@@ -22,9 +22,12 @@ using tavix::test::read_file;
 using tavix::test::ScratchDir;
 using tavix::test::write_file;
 
+// Also once a lock was taken there: the directory kept open from then on
+// must not outlive the one its path names.
 TEST(FileStringsLockTest, MissingLockDirectoryFailsEveryEdit) {
   ScratchDir dir;
   std::string path = dir.path("rcpthosts");
+  ASSERT_EQ(0, file_str(dir.path("before").c_str(), "a", 0, 1));
   LockDirHidden hidden;
   ASSERT_TRUE(hidden.ok());
   auto run = CaptureStreams([&] { return file_str(path.c_str(), "a", 0, 1); });
