@@ -319,3 +319,19 @@ def test_one_checkpoint_of_thousands_of_mailboxes(mail_sandbox):
     assert r.rc == 0, r.err + "\n".join(line for line in r.out.splitlines()
                                          if '"status": 0' not in line)[:3000]
     assert query(sandbox, AUTH_DB, "SELECT COUNT(*) FROM users") == [(0,)]
+
+
+def test_what_a_checkpoint_close_prints_stays_out_of_the_report(sandbox):
+    # Run without the sandbox's stand-in qmail-send, the SIGHUP of the
+    # checkpoint's close fails and killall says why: that goes with the
+    # failure to the command that asked for the signal, never between the
+    # report's lines.
+    line = json.dumps({"argv": ["--add-domain", "--domain-name=ok.test", "--wait-stdin"],
+                       "stdin": json.loads(session("ok.test"))}) + "\n"
+    sandbox.write(INPUT, line, mode=0o600)
+    p = subprocess.run(sandbox.bwrap_args() + [str(BATCH), INPUT], capture_output=True,
+                       text=True, timeout=120)
+    (report,) = [json.loads(text) for text in p.stdout.splitlines()]
+    assert p.returncode == 1 and report["status"] == 1, p
+    assert "qmail-send: no process found" in report["output"], report
+    assert "could not be told to re-read its files" in report["output"], report

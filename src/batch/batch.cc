@@ -140,9 +140,15 @@ bool Batch::resume() {
 }
 
 bool Batch::flush() {
-  runner_.restore();
-  Checkpoint::Result const result = checkpoint_.close();
-  std::string const message = result.message();
+  Checkpoint::Result result;
+  std::string const printed = runner_.capture([&] { result = checkpoint_.close(); });
+  // What the close printed explains a failure it reports; otherwise it
+  // belongs to no command, and goes to standard error.
+  std::string message = result.message();
+  if (!message.empty())
+    message = printed + message;
+  else if (!printed.empty())
+    (void)write_all(runner_.error_fd(), printed);
   std::string report;
   size_t recorded = 0;  // how much of the report goes into the journal
   size_t last = 0;

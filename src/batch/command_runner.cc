@@ -164,6 +164,21 @@ void CommandRunner::restore() {
   redirected_ = false;
 }
 
+std::string CommandRunner::capture(const std::function<void()>& work) {
+  refill(output_.get(), std::string());
+  redirect(no_input_.get());
+  try {
+    work();
+  } catch (...) {
+    restore();
+    throw;
+  }
+  flush_streams();
+  std::string printed = written(output_.get());
+  restore();
+  return printed;
+}
+
 Outcome CommandRunner::run(const Command& command) {
   if (command.stdin_text)
     refill(input_.get(), *command.stdin_text);

@@ -5,6 +5,7 @@
 #ifndef DRAVNIK_BATCH_COMMAND_RUNNER_H_
 #define DRAVNIK_BATCH_COMMAND_RUNNER_H_
 
+#include <functional>
 #include <string>
 
 #include "batch/batch_input.h"
@@ -32,6 +33,11 @@ class CommandRunner {
   // command; restore() gives them back before anything else may print.
   Outcome run(const Command& command);
   void restore();
+
+  // Runs `work` (a checkpoint's close) with the standard streams on the
+  // output file, as a command runs, and gives back what it printed: the
+  // message printer writes standard output too, which carries the report.
+  std::string capture(const std::function<void()>& work);
 
   // The process's standard output and error as they were at construction.
   int output_fd() const { return saved_out_.get(); }
