@@ -164,8 +164,30 @@ void CommandRunner::restore() {
   redirected_ = false;
 }
 
+// The same document again needs only its offset back at the start.
+void CommandRunner::load_input(const std::string& text) {
+  if (input_loaded_ && text == input_text_) {
+    if (lseek(input_.get(), 0, SEEK_SET) != 0)
+      fail("cannot rewind a memory file");
+    return;
+  }
+  input_loaded_ = false;
+  refill(input_.get(), text);
+  input_text_ = text;
+  input_loaded_ = true;
+}
+
+// Everything printed goes through the one shared offset, so a command
+// whose output was read as empty left the file empty. Until that is known
+// again, the file counts as used.
+void CommandRunner::clear_output() {
+  if (output_used_)
+    refill(output_.get(), std::string());
+  output_used_ = true;
+}
+
 std::string CommandRunner::capture(const std::function<void()>& work) {
-  refill(output_.get(), std::string());
+  clear_output();
   redirect(no_input_.get());
   try {
     work();
@@ -175,14 +197,15 @@ std::string CommandRunner::capture(const std::function<void()>& work) {
   }
   flush_streams();
   std::string printed = written(output_.get());
+  output_used_ = !printed.empty();
   restore();
   return printed;
 }
 
 Outcome CommandRunner::run(const Command& command) {
   if (command.stdin_text)
-    refill(input_.get(), *command.stdin_text);
-  refill(output_.get(), std::string());
+    load_input(*command.stdin_text);
+  clear_output();
 
   std::vector<std::string> words{"dravnik"};
   words.insert(words.end(), command.argv.begin(), command.argv.end());
@@ -199,6 +222,7 @@ Outcome CommandRunner::run(const Command& command) {
   free_session_mail_db_info();
   flush_streams();
   outcome.output = written(output_.get());
+  output_used_ = !outcome.output.empty();
   return outcome;
 }
 

@@ -45,6 +45,8 @@ class CommandRunner {
 
  private:
   void redirect(int in);
+  void load_input(const std::string& text);
+  void clear_output();
 
   UniqueFd saved_in_;
   UniqueFd saved_out_;
@@ -56,6 +58,11 @@ class CommandRunner {
   UniqueFd output_;
   bool redirected_ = false;
   int input_now_ = -1;
+  // What the input file holds (commands of a batch mostly repeat their
+  // document), and whether the output file may hold anything.
+  std::string input_text_;
+  bool input_loaded_ = false;
+  bool output_used_ = true;
 };
 
 }  // namespace batch

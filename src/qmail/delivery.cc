@@ -237,13 +237,17 @@ int dotqmail_add_delivery(const char* path) {
   const ImapPop3Server* server = detected_server();
   if (server == nullptr)
     return -1;
-  if (dotqmail_remove_delivery_strings(path) != 0)
-    return -1;
-  if (file_str(path, server->delivery_line, kLinesAdd, kAddAppend) != 0) {
-    tavix_log(kLogError, "Unable to add delivery string to '%s'", path);
-    return -1;
+  const char* const lines[] = {server->delivery_line, nullptr};
+  switch (file_remove_append(path, kDeliveryLines, lines)) {
+    case 0:
+      return give_to_mailbox_owner(path);
+    case kRemoveFailed:
+      tavix_log(kLogWarning, "Unable to remove old delivery strings from '%s'", path);
+      return -1;
+    default:
+      tavix_log(kLogError, "Unable to add delivery string to '%s'", path);
+      return -1;
   }
-  return give_to_mailbox_owner(path);
 }
 
 int dotqmail_remove_delivery(const char* path) {

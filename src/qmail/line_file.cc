@@ -303,6 +303,15 @@ bool keeps_everything(FILE* in, const CopyCount& copies) {
   return kept;
 }
 
+// The temporary file a killed rewrite left, when there is one.
+bool remove_stale_temp(const char* path) {
+  if (tavix::unlink_nofollow(temp_name(path).c_str()) != 0 && errno != ENOENT) {
+    print_error("Unable to open file %s: %s\n", temp_name(path));
+    return false;
+  }
+  return true;
+}
+
 // The removals' common body: copies `path` to its temporary file piece by
 // piece, each piece as often as `copies` says, and renames the result over
 // `path`. False after reporting a failure.
@@ -314,13 +323,8 @@ bool rewrite_filtered(const char* path, const CopyCount& copies,
     return false;
   // Nothing to remove leaves the file alone (a mailbox's .qmail is edited
   // so by most commands), but not the temporary a killed rewrite left.
-  if (keeps_everything(in.get(), copies)) {
-    if (tavix::unlink_nofollow(temp_name(path).c_str()) != 0 && errno != ENOENT) {
-      print_error("Unable to open file %s: %s\n", temp_name(path));
-      return false;
-    }
-    return close_reported(std::move(in), path);
-  }
+  if (keeps_everything(in.get(), copies))
+    return remove_stale_temp(path) && close_reported(std::move(in), path);
   AtomicFile temp;
   if (!create_temp(path, &temp, &out_buffer))
     return false;
@@ -406,6 +410,36 @@ bool append(const char* path, const char* const* lines) {
     return false;
   }
   return close_reported(std::move(out), path);
+}
+
+// An exact removal of `drop` followed by an append of `lines`, on a file
+// that exists; `*failed` tells which of the two failed. A small file that
+// holds none of `drop` (a new mailbox's .qmail) is read and appended to
+// through one descriptor.
+bool remove_append(const char* path, const char* const* drop, const char* const* lines,
+                   int* failed) {
+  *failed = kRemoveFailed;
+  CopyCount copies = [drop](std::string_view piece) {
+    return copies_unless_given(piece, drop);
+  };
+  UniqueFile file(open_stream(path, O_RDWR | O_APPEND, "a+"));
+  if (file && keeps_everything(file.get(), copies)) {
+    if (!remove_stale_temp(path))
+      return false;
+    *failed = kAppendFailed;
+    // The read ended at the end of the file, where a write may follow it.
+    if ((!feof(file.get()) && fseek(file.get(), 0, SEEK_END) != 0) ||
+        write_strings(file.get(), lines) != 0) {
+      log_error("Unable to fputs to file %s: %s\n", path);
+      return false;
+    }
+    return close_reported(std::move(file), path);
+  }
+  file.reset();  // the removal reads it again and reports its failures
+  if (!rewrite_filtered(path, copies, RenameReport::kLogPath))
+    return false;
+  *failed = kAppendFailed;
+  return append(path, lines);
 }
 
 // Changes the contents as (op, how) says. False after reporting a failure.
@@ -787,6 +821,27 @@ int file_remove_prepend_watch(const char* path, const char* const* drop,
     return 1;
   // A missing file fails at the prepend, as it would after the removal.
   return edit_locked(path, [=](bool) { return prepend(path, lines, drop, watch); });
+}
+
+int file_remove_append(const char* path, const char* const* drop, const char* const* lines) {
+  if (!drop)
+    drop = kNoLines;
+  if (!lines)
+    lines = kNoLines;
+  bool failed = false;
+  if (HeldFile* file = held_file(path, &failed)) {
+    if (!edit_held(file, path, drop, kLinesRemove, 0))
+      return kRemoveFailed;
+    return edit_held(file, path, lines, kLinesAdd, kAddAppend) ? 0 : kAppendFailed;
+  }
+  if (failed)
+    return kRemoveFailed;
+  int failed_step = kRemoveFailed;
+  int result = edit_locked(path, [&](bool existed) {
+    // Nothing to remove from, and nothing worth a message.
+    return existed && remove_append(path, drop, lines, &failed_step);
+  });
+  return result == 0 ? 0 : failed_step;
 }
 
 int file_str(const char* path, const char* line, int op, int how) {

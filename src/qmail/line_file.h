@@ -53,6 +53,13 @@ int file_remove_prepend(const char* path, const char* const* drop,
 int file_remove_prepend_watch(const char* path, const char* const* drop,
                               const char* const* lines, const char* suffix, bool* seen);
 
+// Takes every line equal to one of `drop` out of `path` (as (1, _) does)
+// and appends `lines` (as (0, 1) does), under one lock: the result is byte
+// for byte that of the two edits in turn. The file must exist. Returns 0;
+// kRemoveFailed (nothing appended) or kAppendFailed after reporting.
+enum { kRemoveFailed = 1, kAppendFailed = 2 };
+int file_remove_append(const char* path, const char* const* drop, const char* const* lines);
+
 // file_strings() with a one-line list.
 int file_str(const char* path, const char* line, int op, int how);
 

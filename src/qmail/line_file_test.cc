@@ -84,6 +84,40 @@ TEST(FileStringsRemoveTest, RewritesOnlyWhenALineGoes) {
   EXPECT_EQ("| true\n", read_file(path));
 }
 
+// The delivery line's idiom in one edit: the same text as a removal and
+// an append in turn, in place when nothing goes, and nothing made from a
+// missing file.
+TEST(FileRemoveAppendTest, EqualsRemovalThenAppend) {
+  ScratchDir dir;
+  const char* const drop[] = {"a", "b", nullptr};
+  const char* const add[] = {"a", nullptr};
+  const struct {
+    const char* before;
+    const char* after;
+    bool in_place;
+  } cases[] = {
+      {"| true\n", "| true\na\n", true},
+      {"a\n| true\nb\na\n", "| true\na\n", false},
+      {"x", "xa\n", true},
+      {"", "a\n", true},
+  };
+  for (const auto& c : cases) {
+    std::string path = dir.path(".qmail");
+    write_file(path, c.before);
+    write_file(path + ".tmp", "left by a killed run");
+    struct stat before = {}, after = {};
+    ASSERT_EQ(0, stat(path.c_str(), &before));
+    EXPECT_EQ(0, file_remove_append(path.c_str(), drop, add)) << c.before;
+    ASSERT_EQ(0, stat(path.c_str(), &after));
+    EXPECT_EQ(c.after, read_file(path)) << c.before;
+    EXPECT_EQ(c.in_place, before.st_ino == after.st_ino) << c.before;
+    EXPECT_FALSE(exists(path + ".tmp")) << c.before;
+  }
+  std::string missing = dir.path("missing");
+  EXPECT_EQ(kRemoveFailed, file_remove_append(missing.c_str(), drop, add));
+  EXPECT_FALSE(exists(missing));
+}
+
 // Several processes keep their own lines in one file at the same time with
 // the callers' idiom: remove, then append or prepend. No edit may be lost
 // and no line doubled.

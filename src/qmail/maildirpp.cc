@@ -81,8 +81,9 @@ class DirVisit {
     errno = saved_errno;
   }
 
-  // `what` names the directory in the failure message.
-  bool enter(const char* path, const char* what) {
+  // `what` names the directory in the failure message; a relative `path`
+  // starts at the directory `at`.
+  bool enter(const char* path, const char* what, int at = AT_FDCWD) {
     UniqueFd here(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!here) {
       say("unable to get current working directory");
@@ -90,7 +91,7 @@ class DirVisit {
     }
     // The mail user owns the mailbox: a directory of it swapped for a link
     // must not take the run (and the files it writes) elsewhere.
-    UniqueFd there(tavix::open_dir_nofollow(path));
+    UniqueFd there(tavix::open_dir_nofollow(path, at));
     if (!there || fchdir(there.get()) != 0) {
       say("unable to change to %s %s: %s", what, path, strerror(errno));
       return false;
@@ -358,13 +359,14 @@ int64_t size_limit_for(int64_t quota) {
   return quota == 0 ? 1 : 0;
 }
 
-// Attachments kept beside the Maildir take their share of the quota
-// (in the current directory, the mailbox).
-bool subtract_attachments(int64_t* quota) {
+// Attachments kept beside the Maildir (in the mailbox `home`) take their
+// share of the quota.
+bool subtract_attachments(int home, int64_t* quota) {
   struct stat info;
-  if (lstat("@attachments", &info) != 0 || !S_ISDIR(info.st_mode))
+  if (fstatat(home, "@attachments", &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+      !S_ISDIR(info.st_mode))
     return true;
-  long long size = get_dir_size("@attachments", 0);
+  long long size = get_dir_size_at(home, "@attachments", 0);
   if (size < 0) {
     say("unable to count attachments folder size");
     return false;
@@ -514,6 +516,19 @@ bool exceeds(int64_t usage, int64_t add, int64_t limit) {
   return total > limit;
 }
 
+// write_maildirpp_maildirsize() with a relative `maildir` starting at the
+// directory `at`.
+int write_maildirsize_at(int at, const char* maildir, uid_t uid, gid_t gid,
+                         int64_t size_limit, int64_t count_limit);
+
+int store_quota_at(int at, const char* maildir, int64_t quota) {
+  uid_t uid;
+  gid_t gid;
+  if (tavix_getpw("popuser", &uid, &gid, nullptr) != 0)
+    return 0;
+  return write_maildirsize_at(at, maildir, uid, gid, size_limit_for(quota), 0);
+}
+
 }  // namespace
 
 int store_mbox_quota(const char* domain, const char* mailname, int64_t quota) {
@@ -530,21 +545,21 @@ int store_mbox_quota(const char* domain, const char* mailname, int64_t quota) {
     say("domain and/or user name too long to be stored on the filesystem");
     return 0;
   }
-  DirVisit visit;
-  if (!visit.enter(mailbox.c_str(), "mbox folder"))
+  // Everything below is reached through the mailbox's descriptor: the mail
+  // user owns the mailbox, and a directory swapped for a link is not
+  // entered.
+  UniqueFd home(tavix::open_dir_nofollow(mailbox.c_str()));
+  if (!home) {
+    say("unable to change to mbox folder %s: %s", mailbox.c_str(), strerror(errno));
     return 0;
-  if (quota >= 0 && !subtract_attachments(&quota))
+  }
+  if (quota >= 0 && !subtract_attachments(home.get(), &quota))
     return 0;
-  return store_maildirpp_quota_raw("./Maildir", quota);
+  return store_quota_at(home.get(), "./Maildir", quota);
 }
 
 int store_maildirpp_quota_raw(const char* maildir, int64_t quota) {
-  uid_t uid;
-  gid_t gid;
-  if (tavix_getpw("popuser", &uid, &gid, nullptr) != 0)
-    return 0;
-  return write_maildirpp_maildirsize(maildir, uid, gid, size_limit_for(quota),
-                                     0);
+  return store_quota_at(AT_FDCWD, maildir, quota);
 }
 
 namespace {
@@ -669,9 +684,9 @@ bool write_held_quotas() {
 }
 
 // Holds the write of `maildir`, opened as entering it would.
-bool hold_quota(const char* maildir, const QuotaFile& quota) {
+bool hold_quota(int at, const char* maildir, const QuotaFile& quota) {
   QuotaHolding& state = quota_holding();
-  UniqueFd dir(tavix::open_dir_nofollow(maildir));
+  UniqueFd dir(tavix::open_dir_nofollow(maildir, at));
   struct stat info;
   if (!dir || fstat(dir.get(), &info) != 0) {
     say("unable to change to Maildir folder %s: %s", maildir, strerror(errno));
@@ -685,17 +700,22 @@ bool hold_quota(const char* maildir, const QuotaFile& quota) {
   return true;
 }
 
+int write_maildirsize_at(int at, const char* maildir, uid_t uid, gid_t gid,
+                         int64_t size_limit, int64_t count_limit) {
+  QuotaFile quota{uid, gid, size_limit, count_limit};
+  if (quota_holding().active)
+    return hold_quota(at, maildir, quota) ? 1 : 0;
+  DirVisit visit;
+  if (!visit.enter(maildir, "Maildir folder", at))
+    return 0;
+  return write_here(maildir, quota) ? 1 : 0;
+}
+
 }  // namespace
 
 int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
                                 int64_t size_limit, int64_t count_limit) {
-  QuotaFile quota{uid, gid, size_limit, count_limit};
-  if (quota_holding().active)
-    return hold_quota(maildir, quota) ? 1 : 0;
-  DirVisit visit;
-  if (!visit.enter(maildir, "Maildir folder"))
-    return 0;
-  return write_here(maildir, quota) ? 1 : 0;
+  return write_maildirsize_at(AT_FDCWD, maildir, uid, gid, size_limit, count_limit);
 }
 
 void maildirsize_hold() { quota_holding().active = true; }

@@ -528,15 +528,19 @@ void tidy_stale_temps(const char* path, const char* infix) {
 }  // namespace tavix
 
 long long get_dir_size(const char* path, int in_blocks) {
+  return get_dir_size_at(AT_FDCWD, path, in_blocks);
+}
+
+long long get_dir_size_at(int at, const char* path, int in_blocks) {
   struct stat st;
-  if (lstat(path, &st) != 0) {
+  if (fstatat(at, path, &st, AT_SYMLINK_NOFOLLOW) != 0) {
     tavix_log(3, "Unable to check directory entry %s: %s", path,
               strerror(errno));
     return -1;
   }
   long long total = size_of(st, in_blocks != 0);
   if (S_ISDIR(st.st_mode) &&
-      !add_dir_size_at(AT_FDCWD, path, path, in_blocks != 0, &total))
+      !add_dir_size_at(at, path, path, in_blocks != 0, &total))
     return -1;
   return total;
 }
@@ -567,6 +571,14 @@ int set_perms_fd(int fd, const char* path, uid_t uid, gid_t gid, mode_t mode) {
 }  // namespace
 
 int file_set_perms(const char* path, uid_t uid, gid_t gid, mode_t mode) {
+  // Nothing to change needs no descriptor (a mailbox's .qmail is given to
+  // its owner by every delivery edit). A look cannot change anything, so
+  // it may follow a link in the path; a link at the name itself is left to
+  // the refusal below.
+  struct stat now;
+  if (lstat(path, &now) == 0 && !S_ISLNK(now.st_mode) && now.st_uid == uid &&
+      now.st_gid == gid && (now.st_mode & 07777) == mode)
+    return 0;
   errno = 0;
   // One descriptor for both changes: the file chowned is the file chmodded.
   UniqueFd fd(tavix::open_for_attributes(path));

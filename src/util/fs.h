@@ -39,6 +39,8 @@ int rm_tree(const char* path, int remove_top);
 // the sizes in bytes or, with `in_blocks`, of the allocated 512-byte blocks
 // times 512. -1 on failure (logged).
 long long get_dir_size(const char* path, int in_blocks);
+// The same for `path` relative to the directory `at`.
+long long get_dir_size_at(int at, const char* path, int in_blocks);
 
 // Creates `path` with mode 0644 if missing, without truncating it.
 // Returns 0 or -1 (reported).
