@@ -12,10 +12,12 @@ namespace sqlite {
 
 namespace {
 
-// The connections of transaction mode, by path as given.
+// The connections of transaction mode, by path as given, and the
+// statements prepared on them that no Statement holds now.
 struct Shared {
   bool active = false;
   std::map<std::string, std::unique_ptr<Database>> connections;
+  std::multimap<std::pair<sqlite3*, std::string>, sqlite3_stmt*> idle;
 };
 
 Shared& shared() {
@@ -34,12 +36,38 @@ const char* nested_sql(sqlite3* db, const char* sql) {
   return sql;
 }
 
+bool is_shared(sqlite3* db) {
+  if (!shared().active || db == nullptr)
+    return false;
+  for (const auto& entry : shared().connections) {
+    if (entry.second->get() == db)
+      return true;
+  }
+  return false;
+}
+
+// A kept statement of `db` for `sql`, taken out of the idle ones; null
+// when there is none.
+sqlite3_stmt* take_idle(sqlite3* db, const std::string& sql) {
+  auto& idle = shared().idle;
+  auto found = idle.find(std::make_pair(db, sql));
+  if (found == idle.end())
+    return nullptr;
+  sqlite3_stmt* stmt = found->second;
+  idle.erase(found);
+  return stmt;
+}
+
 }  // namespace
 
 void begin_transactions() { shared().active = true; }
 
 int commit_transactions() {
   Shared& state = shared();
+  // A connection with statements left unfinalized would not close.
+  for (auto& entry : state.idle)
+    sqlite3_finalize(entry.second);
+  state.idle.clear();
   int result = 0;
   for (auto& entry : state.connections) {
     std::string message;
@@ -163,11 +191,29 @@ int Statement::prepare(const Database& db, const char* sql) {
 }
 
 int Statement::prepare_quietly(const Database& db, const char* sql) {
-  sqlite3_finalize(stmt_);
-  stmt_ = nullptr;
+  release();
   db_ = db.get();
   sql = nested_sql(db_, sql);
+  reusable_ = is_shared(db_);
+  if (reusable_) {
+    sql_ = sql;
+    if ((stmt_ = take_idle(db_, sql_)) != nullptr)
+      return SQLITE_OK;
+  }
   return retry_while_busy([&] { return sqlite3_prepare_v2(db_, sql, -1, &stmt_, nullptr); });
+}
+
+void Statement::release() {
+  if (stmt_ && reusable_ && is_shared(db_)) {
+    // What the last step reported is the caller's business, not the reset's.
+    (void)sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+    shared().idle.emplace(std::make_pair(db_, sql_), stmt_);
+  } else {
+    sqlite3_finalize(stmt_);
+  }
+  stmt_ = nullptr;
+  reusable_ = false;
 }
 
 int Statement::step() {

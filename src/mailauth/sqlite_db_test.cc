@@ -96,6 +96,27 @@ TEST_F(SqliteDbTest, FailuresAreReported) {
   EXPECT_STREQ("one", stmt.column_text(0));
 }
 
+// In transaction mode a statement is kept for the next prepare of its SQL,
+// without the last one's bindings, and the commit still closes the
+// connection and keeps every change.
+TEST_F(SqliteDbTest, TransactionModeReusesStatements) {
+  tavix::sqlite::begin_transactions();
+  int runs = 0;
+  for (const char* value : std::initializer_list<const char*>{"two", "three", nullptr}) {
+    Database db;
+    ASSERT_EQ(0, db.open(path_.c_str()));
+    Statement insert;
+    ASSERT_EQ(0, insert.prepare(db, "INSERT INTO t VALUES (?)"));
+    EXPECT_EQ(runs++, sqlite3_stmt_status(insert.get(), SQLITE_STMTSTATUS_RUN, 0));
+    if (value) {
+      ASSERT_TRUE(insert.bind_text(1, value, "unused %s"));
+    }
+    ASSERT_EQ(SQLITE_DONE, insert.step());
+  }
+  EXPECT_EQ(0, tavix::sqlite::commit_transactions());
+  EXPECT_EQ((Rows{{"one"}, {"two"}, {"three"}, {tavix::test::kNull}}),
+            QueryRows(path_, "SELECT v FROM t ORDER BY rowid"));
+}
 
 // Each primitive waits for another connection's lock, well beyond SQLite's
 // own busy timeout, and then succeeds.
