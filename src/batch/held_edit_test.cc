@@ -1,7 +1,7 @@
 // Held editing must leave byte for byte what the same edits leave on disk,
 // also where pieces and lines differ: a last line without its newline, a
-// line longer than the editor's piece buffer, several strings in a removal
-// by match.
+// line longer than the editor's piece buffer, a NUL byte, several strings
+// in a removal by match.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -84,6 +84,8 @@ INSTANTIATE_TEST_SUITE_P(
              {{{"end"}, kLinesRemove, 0}, {{"x"}, kLinesRemoveBy, kMatchPrefix}}},
         Case{"remove_prepend_takes_the_line_out_once", "=b\n=a\n=b\n",
              {{{"=b"}, 0, 0, true}, {{"=c"}, 0, 0, true}}},
+        Case{"nul_byte_ends_what_is_kept_of_a_piece", std::string("a\0b\nc\n", 6),
+             {{{"c"}, kLinesRemove, 0}}},
         Case{"empty_file", "",
              {{{"x"}, kLinesRemove, 0}, {{"x"}, kLinesAdd, kAddPrepend}}}),
     [](const testing::TestParamInfo<Case>& info) { return std::string(info.param.name); });

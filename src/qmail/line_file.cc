@@ -514,66 +514,83 @@ int edit_locked(const char* path, const std::function<bool(bool existed)>& edit)
 
 // The pieces of a held file, with how often each line occurs, so that an
 // exact removal of lines the file does not hold (adding a new name to a
-// large users/assign) costs no pass over the file.
+// large users/assign) costs no pass over the file. The pieces point into
+// the text read from the file or into pieces added since, kept in a deque
+// (which never moves its elements): loading users/assign, a line per
+// address of the server, makes no copy of each line.
 class HeldLines {
  public:
-  const std::deque<std::string>& pieces() const { return pieces_; }
+  const std::deque<std::string_view>& pieces() const { return pieces_; }
 
-  void push_back(std::string piece) {
-    ++count_[key(piece)];
-    pieces_.push_back(std::move(piece));
+  // The pieces copy_pieces() would judge in `text`: each one read as
+  // fgets() reads it, counting up to a NUL byte in it.
+  void load(std::string text) {
+    text_ = std::move(text);
+    for (std::string_view rest(text_); !rest.empty();) {
+      size_t length = piece_length(rest, true);
+      std::string_view piece = rest.substr(0, length);
+      push_back_view(piece.substr(0, piece.find('\0')));
+      rest.remove_prefix(length);
+    }
   }
+  void push_back(std::string piece) { push_back_view(own(std::move(piece))); }
   void push_front(std::string piece) {
-    ++count_[key(piece)];
-    pieces_.push_front(std::move(piece));
+    std::string_view view = own(std::move(piece));
+    ++count_[key(view)];
+    pieces_.push_front(view);
   }
   // The last piece when it lacks its newline (taken out), else empty.
   std::string take_unfinished() {
-    if (pieces_.empty() || pieces_.back().back() == '\n')
+    if (pieces_.empty() || (!pieces_.back().empty() && pieces_.back().back() == '\n'))
       return std::string();
-    std::string last = std::move(pieces_.back());
+    std::string last(pieces_.back());
+    forget(pieces_.back());
     pieces_.pop_back();
-    forget(last);
     return last;
   }
   // True when a piece is one of `lines` (as is_given_line() judges).
   bool holds_any(const char* const* lines) const {
     for (; *lines; ++lines) {
       std::string_view given(*lines);
-      if (count_.count(std::string(given.substr(0, given.find('\n')))) != 0)
+      if (count_.count(given.substr(0, given.find('\n'))) != 0)
         return true;
     }
     return false;
   }
   // Keeps each piece as often as `copies` says.
   void filter(const CopyCount& copies) {
-    std::deque<std::string> kept;
-    for (std::string& piece : pieces_) {
+    std::deque<std::string_view> kept;
+    for (std::string_view piece : pieces_) {
       size_t n = copies(piece);
       if (n == 0)
         forget(piece);
-      for (size_t i = 1; i < n; ++i) {
+      for (size_t i = 1; i < n; ++i)
         ++count_[key(piece)];
-        kept.push_back(piece);
-      }
-      if (n > 0)
-        kept.push_back(std::move(piece));
+      kept.insert(kept.end(), n, piece);
     }
     pieces_.swap(kept);
   }
 
  private:
-  static std::string key(std::string_view piece) {
-    return std::string(without_newline(piece));
+  static std::string_view key(std::string_view piece) { return without_newline(piece); }
+  std::string_view own(std::string piece) {
+    owned_.push_back(std::move(piece));
+    return owned_.back();
   }
-  void forget(const std::string& piece) {
+  void push_back_view(std::string_view piece) {
+    ++count_[key(piece)];
+    pieces_.push_back(piece);
+  }
+  void forget(std::string_view piece) {
     auto found = count_.find(key(piece));
     if (found != count_.end() && --found->second == 0)
       count_.erase(found);
   }
 
-  std::deque<std::string> pieces_;
-  std::unordered_map<std::string, size_t> count_;
+  std::string text_;
+  std::deque<std::string> owned_;
+  std::deque<std::string_view> pieces_;
+  std::unordered_map<std::string_view, size_t> count_;
 };
 
 struct HeldFile {
@@ -619,18 +636,21 @@ std::string lines_text(const char* const* lines) {
 }
 
 bool read_pieces(const char* path, HeldLines* lines) {
-  StreamBuffer buffer;
-  UniqueFile in(open_old(path, &buffer));
-  if (!in)
+  UniqueFd in(tavix::open_nofollow(path, O_RDONLY));
+  if (!in) {
+    log_error("Unable to open file %s: %s\n", path);
     return false;
-  char piece[kPieceBuffer];
-  while (fgets(piece, sizeof(piece), in.get()))
-    lines->push_back(piece);
-  if (ferror(in.get())) {
+  }
+  struct stat info;
+  std::string text;
+  if (fstat(in.get(), &info) == 0 && S_ISREG(info.st_mode))
+    text.reserve(static_cast<size_t>(info.st_size));
+  if (!tavix::read_to_end(in.get(), &text)) {
     log_error("Unable to read file %s: %s\n", path);
     return false;
   }
-  return close_reported(std::move(in), path);
+  lines->load(std::move(text));
+  return true;
 }
 
 // The held copy of `path`, loaded under its lock on first use. Null with
@@ -685,7 +705,7 @@ bool prepend_held(HeldFile* file, const char* path, const char* const* lines,
     });
   }
   if (watch.suffix) {
-    for (const std::string& piece : file->lines.pieces())
+    for (std::string_view piece : file->lines.pieces())
       watch.look(piece);
   }
   std::vector<std::string> pieces = text_pieces(lines_text(lines));
@@ -743,8 +763,8 @@ bool write_held(const std::string& path, const HeldFile& file) {
   AtomicFile temp;
   if (!create_temp(path.c_str(), &temp, &buffer))
     return false;
-  for (const std::string& piece : file.lines.pieces()) {
-    if (fputs(piece.c_str(), temp.stream()) == EOF) {
+  for (std::string_view piece : file.lines.pieces()) {
+    if (!write_bytes(temp.stream(), piece.data(), piece.size())) {
       log_error("Unable to fputs to file %s: %s\n", temp_name(path.c_str()).c_str());
       return false;
     }
