@@ -41,11 +41,14 @@ UniqueFd memory_file(const char* name) {
   return fd;
 }
 
-// Empties the memory file `fd`, or fills it with `text`, and rewinds it.
+// Makes the memory file `fd` hold `text` alone, and rewinds it. The text
+// goes over the old one before the file is cut to its length: emptying the
+// file first would give back its page only to take a new one for the text.
 void refill(int fd, const std::string& text) {
-  if (lseek(fd, 0, SEEK_SET) != 0 || ftruncate(fd, 0) != 0)
-    fail("cannot empty a memory file");
-  if (!text.empty() && (!write_all(fd, text) || lseek(fd, 0, SEEK_SET) != 0))
+  bool ok = lseek(fd, 0, SEEK_SET) == 0 && (text.empty() || write_all(fd, text)) &&
+            ftruncate(fd, static_cast<off_t>(text.size())) == 0 &&
+            (text.empty() || lseek(fd, 0, SEEK_SET) == 0);
+  if (!ok)
     fail("cannot write a memory file");
 }
 
