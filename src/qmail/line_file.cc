@@ -641,10 +641,7 @@ bool read_pieces(const char* path, HeldLines* lines) {
     log_error("Unable to open file %s: %s\n", path);
     return false;
   }
-  struct stat info;
   std::string text;
-  if (fstat(in.get(), &info) == 0 && S_ISREG(info.st_mode))
-    text.reserve(static_cast<size_t>(info.st_size));
   if (!tavix::read_to_end(in.get(), &text)) {
     log_error("Unable to read file %s: %s\n", path);
     return false;

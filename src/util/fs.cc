@@ -238,41 +238,31 @@ class UmaskGuard {
   mode_t saved_;
 };
 
-// An open directory stream whose close is checked by the caller; the
-// destructor only covers paths that leave early.
+// An open directory whose close is checked by the caller; the destructor
+// only covers paths that leave early. Its reader lives on the heap: the
+// walks below go as deep as the mail user's directories do.
 class DirStream {
  public:
-  explicit DirStream(DIR* dir) : dir_(dir) {}
-  ~DirStream() {
-    if (dir_)
-      closedir(dir_);
-  }
-  DirStream(const DirStream&) = delete;
-  DirStream& operator=(const DirStream&) = delete;
+  explicit DirStream(UniqueFd fd)
+      : reader_(fd ? std::make_unique<tavix::DirReader>(std::move(fd)) : nullptr) {}
 
-  DIR* get() const { return dir_; }
-  int fd() const { return dirfd(dir_); }
+  bool is_open() const { return reader_ != nullptr; }
+  int fd() const { return reader_->fd(); }
+  const struct dirent64* next() { return reader_->next(); }
   int close() {
-    DIR* dir = dir_;
-    dir_ = nullptr;
-    return closedir(dir);
+    int result = reader_->close();
+    reader_.reset();
+    return result;
   }
 
  private:
-  DIR* dir_;
+  std::unique_ptr<tavix::DirReader> reader_;
 };
 
-// Opens the directory `name` under `parent_fd` as a stream, refusing to
-// follow a symbolic link. Null with errno set on failure.
-DIR* open_dir_at(int parent_fd, const char* name) {
-  UniqueFd fd(openat(parent_fd, name,
-                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd)
-    return nullptr;
-  DIR* dir = fdopendir(fd.get());
-  if (dir)
-    fd.release();
-  return dir;
+// Opens the directory `name` under `parent_fd`, refusing to follow a
+// symbolic link. Empty with errno set on failure.
+UniqueFd open_dir_at(int parent_fd, const char* name) {
+  return UniqueFd(openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 bool is_dot_or_dotdot(const char* name) {
@@ -286,7 +276,7 @@ template <typename Visit>
 bool for_each_entry(DirStream& dir, Visit visit) {
   for (;;) {
     errno = 0;
-    struct dirent* entry = readdir(dir.get());
+    const struct dirent64* entry = dir.next();
     if (!entry)
       return errno == 0;
     if (is_dot_or_dotdot(entry->d_name))
@@ -302,7 +292,7 @@ bool for_each_entry(DirStream& dir, Visit visit) {
 void remove_dir_at(int parent_fd, const char* name, const std::string& path,
                    bool remove_top) {
   DirStream dir(open_dir_at(parent_fd, name));
-  if (!dir.get()) {
+  if (!dir.is_open()) {
     if (errno != ENOENT)
       messlog2(1, 1, "Unable to open dir %s: %s\n", path.c_str(),
                strerror(errno));
@@ -348,7 +338,7 @@ long long size_of(const struct stat& st, bool in_blocks) {
 bool add_dir_size_at(int parent_fd, const char* name, const std::string& path,
                      bool in_blocks, long long* total) {
   DirStream dir(open_dir_at(parent_fd, name));
-  if (!dir.get()) {
+  if (!dir.is_open()) {
     if (errno == ENOENT)
       return true;
     tavix_log(3, "Unable to open dir %s: %s", path.c_str(), strerror(errno));
@@ -656,6 +646,11 @@ char* get_file_contents(const char* path, size_t* length) {
 namespace tavix {
 
 bool read_to_end(int fd, std::string* text) {
+  // A file's size is known: room for all of it at once (users/assign and a
+  // batch's input run to megabytes).
+  struct stat info;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0)
+    text->reserve(text->size() + static_cast<size_t>(info.st_size));
   char buffer[65536];
   for (;;) {
     ssize_t n = read(fd, buffer, sizeof buffer);

@@ -177,6 +177,8 @@ class DirReader {
   // The next entry, "." and ".." included. Null at the end with errno 0,
   // or after a failed read with errno set.
   const struct dirent64* next();
+  // Closes the directory: 0, or -1 with errno set.
+  int close() { return fd_.close(); }
 
  private:
   UniqueFd fd_;
