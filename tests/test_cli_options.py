@@ -62,6 +62,8 @@ GOOD_MAILNAME = ("--domain-name=example.com", "--mailname=john")
     (("--add-mailname", "--domain-name=", "--mailname=john"), "domain-name"),
     (("--remove-mailname", *GOOD_MAILNAME, "--mail-addresses="), "mail-addresses"),
     (("--add-mailname", "--domain-name=example.com", "--mailname=jo hn"), "mailname"),
+    (("--add-mailname", "--domain-name= example.com", "--mailname=john"), "domain-name"),
+    (("--add-mailname", "--domain-name=example.com", "--mailname=john\t"), "mailname"),
     (("--remove-domain", "--domain-name=example.com",
       "--domain-aliases=a.example", "--domain-aliases=b.example"), "domain-aliases"),
     # The three commands that run the parser themselves.
@@ -70,6 +72,7 @@ GOOD_MAILNAME = ("--domain-name=example.com", "--mailname=john")
     (("--del-domain-alias", "--domain-name=example.com",
       "--domain-alias-name=alias.example", "--set-reject"), "--set-reject"),
 ], ids=["unknown", "abbreviation", "repeated", "empty-value", "empty-list", "blank-in-name",
+        "leading-blank", "trailing-tab",
         "domain-aliases-twice", "add-alias-unknown", "remove-alias-empty",
         "del-domain-alias-no-action"])
 def test_option_error(sandbox, args, option):

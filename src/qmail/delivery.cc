@@ -203,7 +203,9 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
                           tavix::qmail::dotqmail_file, ".qmail path");
 }
 
-int dotqmail_reset(const char* path) {
+namespace {
+
+int reset_locked(const char* path, bool tidy) {
   // The lock the delivery line edits take (qmail/line_file.h): a reset
   // does not race them, and every temporary beside the file is written
   // under it.
@@ -214,7 +216,8 @@ int dotqmail_reset(const char* path) {
   }
   // A run killed between writing its new .qmail and the rename left the
   // temporary file behind; under the file's lock none of them is in use.
-  tavix::tidy_stale_temps(path, kResetTempInfix);
+  if (tidy)
+    tavix::tidy_stale_temps(path, kResetTempInfix);
   int result = write_reset(path);
   if (lock.release() != 0) {
     tavix_log(kLogError, "Error occurred while unlocking the file %s: %s", path,
@@ -223,6 +226,12 @@ int dotqmail_reset(const char* path) {
   }
   return result;
 }
+
+}  // namespace
+
+int dotqmail_reset(const char* path) { return reset_locked(path, true); }
+
+int dotqmail_reset_new(const char* path) { return reset_locked(path, false); }
 
 int dotqmail_remove_delivery_strings(const char* path) {
   if (file_strings(path, kDeliveryLines, kLinesRemove, 1) != 0) {

@@ -42,6 +42,9 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
 // at all. Done under the file's lock, which also lets it remove the
 // temporary files of resets killed before their rename. 0 or -1 (logged).
 int dotqmail_reset(const char* path);
+// dotqmail_reset() in a directory this run has just made: no killed run
+// can have left a temporary beside the file, so none is looked for.
+int dotqmail_reset_new(const char* path);
 
 // Makes the detected server's delivery line the only one in the existing
 // .qmail at `path`, which then belongs to popuser with mode 0600.

@@ -71,14 +71,17 @@ std::string temp_name(const char* path) { return std::string(path) + ".tmp"; }
 
 // A stream on `path`; a link that the mail user planted there (a .qmail
 // pointing at /etc/shadow) is neither read nor written through.
-UniqueFile open_stream(const char* path, int flags, const char* mode) {
-  UniqueFd fd(tavix::open_nofollow(path, flags, 0666));
+UniqueFile stream_of(UniqueFd fd, const char* mode) {
   if (!fd)
     return nullptr;
   UniqueFile stream(fdopen(fd.get(), mode));
   if (stream)
     fd.release();
   return stream;
+}
+
+UniqueFile open_stream(const char* path, int flags, const char* mode) {
+  return stream_of(tavix::open_nofollow(path, flags, 0666), mode);
 }
 
 // The new contents of `path` start in "<path>.tmp". A temporary file that
@@ -422,10 +425,19 @@ bool remove_append(const char* path, const char* const* drop, const char* const*
   CopyCount copies = [drop](std::string_view piece) {
     return copies_unless_given(piece, drop);
   };
-  UniqueFile file(open_stream(path, O_RDWR | O_APPEND, "a+"));
+  // The file and its temporary are reached through one open of their
+  // directory.
+  tavix::PathParent parent;
+  UniqueFile file;
+  if (tavix::open_parent_nofollow(path, &parent))
+    file = stream_of(tavix::openat_nofollow(parent.dir.get(), parent.name.c_str(),
+                                            O_RDWR | O_APPEND, 0666),
+                     "a+");
   if (file && keeps_everything(file.get(), copies)) {
-    if (!remove_stale_temp(path))
+    if (unlinkat(parent.dir.get(), (parent.name + ".tmp").c_str(), 0) != 0 && errno != ENOENT) {
+      print_error("Unable to open file %s: %s\n", temp_name(path));
       return false;
+    }
     *failed = kAppendFailed;
     // The read ended at the end of the file, where a write may follow it.
     if ((!feof(file.get()) && fseek(file.get(), 0, SEEK_END) != 0) ||

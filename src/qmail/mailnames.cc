@@ -171,9 +171,10 @@ MailUser add_mailname_user;
 // follows one.
 void make_popuser_dir(const char* mailname, const char* domain, const std::string& home,
                       const char* sub, int at, const char* name, const MailUser& user,
-                      tavix::UniqueFd* opened) {
+                      tavix::UniqueFd* opened, bool* made = nullptr) {
   bool chown_failed = false;
-  if (tavix::make_owned_dir(at, name, 0700, user.uid, user.gid, opened, &chown_failed) == 0)
+  if (tavix::make_owned_dir(at, name, 0700, user.uid, user.gid, opened, &chown_failed, made) ==
+      0)
     return;
   const char* step = chown_failed ? "chown" : "make";
   if (sub)
@@ -408,8 +409,9 @@ int add_mailname(const char* mailname, const char* domain) {
   if (!tavix::open_parent_nofollow(home.c_str(), &parent))
     undo_add(mailname, ascii, "Unable to make %s dir: %s", home.c_str(), strerror(errno));
   tavix::UniqueFd home_fd;
+  bool made = false;
   make_popuser_dir(mailname, ascii, home, nullptr, parent.dir.get(), parent.name.c_str(), user,
-                   &home_fd);
+                   &home_fd, &made);
 
   char saved_cwd[PATH_MAX];
   if (getcwd(saved_cwd, sizeof(saved_cwd)) == nullptr)
@@ -419,7 +421,7 @@ int add_mailname(const char* mailname, const char* domain) {
 
   char dotqmail[4096];
   if (get_dotqmail_path(dotqmail, sizeof(dotqmail), mailname, ascii) != 0 ||
-      dotqmail_reset(dotqmail) != 0)
+      (made ? dotqmail_reset_new(dotqmail) : dotqmail_reset(dotqmail)) != 0)
     return -1;
   make_mailbox_dirs(mailname, ascii, home, home_fd.get(), user);
   if (rm_mbox_quota(ascii, mailname) == 0)

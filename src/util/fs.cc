@@ -184,11 +184,13 @@ const struct dirent64* DirReader::next() {
 }
 
 int make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                   UniqueFd* opened, bool* chown_failed) {
+                   UniqueFd* opened, bool* chown_failed, bool* made_now) {
   *chown_failed = false;
   bool made = mkdirat(dir_fd, name, mode) == 0;
   if (!made && errno != EEXIST)
     return -1;
+  if (made_now)
+    *made_now = made;
   *chown_failed = true;
   if (made && !opened) {
     // Ours a moment ago; should the mail user have swapped it for a link

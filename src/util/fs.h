@@ -149,9 +149,10 @@ int chmod_nofollow(const char* path, mode_t mode);
 // will do) and gives it to uid:gid, as mkdir_nofollow() and
 // chown_nofollow() would; with `opened`, the directory is opened, so that
 // its own entries can be made through it. 0, or -1 with errno set and
-// `*chown_failed` telling which of the two steps failed.
+// `*chown_failed` telling which of the two steps failed. With `made`,
+// `*made` tells whether this call made the directory.
 int make_owned_dir(int dir_fd, const char* name, mode_t mode, uid_t uid, gid_t gid,
-                   UniqueFd* opened, bool* chown_failed);
+                   UniqueFd* opened, bool* chown_failed, bool* made = nullptr);
 
 // Removes the entries beside `path` named "<name of path><infix>" and six
 // more characters, what mkstemp() makes of a "<path><infix>XXXXXX"
