@@ -1,8 +1,10 @@
 #include "mailauth/cipher.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +18,7 @@
 
 #include "mailauth/auth_db.h"
 #include "mailauth/base64.h"
+#include "util/fs.h"
 #include "util/log.h"
 #include "util/unique_free.h"
 
@@ -195,23 +198,27 @@ bool LookUpCipher(const std::string& spec, const EVP_CIPHER** cipher) {
   return true;
 }
 
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
-
-// Reads exactly `len` bytes from the start of the key file.
+// Reads exactly `len` bytes from the start of the key file, straight into
+// `buf`: no stdio buffer keeps a copy of the key.
 bool ReadKeyFile(const char* path, unsigned char* buf, size_t len) {
-  std::unique_ptr<FILE, FileCloser> file(fopen(path, "r"));
-  if (!file) {
+  tavix::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) {
     const int err = errno;
     tavix_log(LOG_ERR, "Can't read encryption key from '%s': %s (%d)", path, strerror(err), err);
     return false;
   }
-  if (fread(buf, len, 1, file.get()) != 1) {
-    const int err = errno;
-    tavix_log(LOG_ERR, "Failed to read entire encryption key from '%s': %s (%d)", path,
-              strerror(err), err);
-    return false;
+  size_t done = 0;
+  while (done < len) {
+    ssize_t got = read(fd.get(), buf + done, len - done);
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got <= 0) {
+      const int err = got == 0 ? 0 : errno;
+      tavix_log(LOG_ERR, "Failed to read entire encryption key from '%s': %s (%d)", path,
+                strerror(err), err);
+      return false;
+    }
+    done += static_cast<size_t>(got);
   }
   return true;
 }

@@ -123,6 +123,7 @@ TEST_F(CipherTest, UnusableKeysAndCiphersAreRefused) {
     std::string reason;
   } cases[] = {
       {kSpec, -1, "Can't read encryption key from '" + path + "': No such file or directory (2)"},
+      {kSpec, 16, "Failed to read entire encryption key from '" + path + "': Success (0)"},
       {"AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT", 32,
        "Unknown encryption cipher: 'AES-256-CBC:PKCS-AND-MUCH-MORE-TEXT'"},
   };
