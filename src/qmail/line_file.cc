@@ -532,6 +532,11 @@ int edit_locked(const char* path, const std::function<bool(bool existed)>& edit)
 // address of the server, makes no copy of each line.
 class HeldLines {
  public:
+  HeldLines() = default;
+  // The views would go on pointing into the original's text.
+  HeldLines(const HeldLines&) = delete;
+  HeldLines& operator=(const HeldLines&) = delete;
+
   const std::deque<std::string_view>& pieces() const { return pieces_; }
 
   // The pieces copy_pieces() would judge in `text`: each one read as
