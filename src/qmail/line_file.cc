@@ -306,9 +306,12 @@ bool keeps_everything(FILE* in, const CopyCount& copies) {
   return kept;
 }
 
-// The temporary file a killed rewrite left, when there is one.
-bool remove_stale_temp(const char* path) {
-  if (tavix::unlink_nofollow(temp_name(path).c_str()) != 0 && errno != ENOENT) {
+// The temporary file a killed rewrite left, when there is one; through
+// `parent` (the file's directory, opened) when the caller has it.
+bool remove_stale_temp(const char* path, const tavix::PathParent* parent = nullptr) {
+  int rc = parent ? unlinkat(parent->dir.get(), (parent->name + ".tmp").c_str(), 0)
+                  : tavix::unlink_nofollow(temp_name(path).c_str());
+  if (rc != 0 && errno != ENOENT) {
     print_error("Unable to open file %s: %s\n", temp_name(path));
     return false;
   }
@@ -434,10 +437,8 @@ bool remove_append(const char* path, const char* const* drop, const char* const*
                                             O_RDWR | O_APPEND, 0666),
                      "a+");
   if (file && keeps_everything(file.get(), copies)) {
-    if (unlinkat(parent.dir.get(), (parent.name + ".tmp").c_str(), 0) != 0 && errno != ENOENT) {
-      print_error("Unable to open file %s: %s\n", temp_name(path));
+    if (!remove_stale_temp(path, &parent))
       return false;
-    }
     *failed = kAppendFailed;
     // The read ended at the end of the file, where a write may follow it.
     if ((!feof(file.get()) && fseek(file.get(), 0, SEEK_END) != 0) ||
