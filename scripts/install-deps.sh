@@ -10,7 +10,7 @@ packages=(
   libgtest-dev googletest
   clang libclang-rt-14-dev
   python3 python3-pytest python3-cryptography
-  bubblewrap psmisc sed
+  bubblewrap psmisc sed strace
   man-db groff-base dpkg-dev file
   courier-base dovecot-core
 )
