@@ -1,6 +1,8 @@
 // dravnik-audit: reads qmail's files, the mail tree and the databases, and
 // reports where they disagree; with --repair also sets right what can be set
 // right without losing anything.
+#include <errno.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,12 +15,14 @@
 #include "audit/checks.h"
 #include "audit/repair.h"
 #include "mailauth/auth_db.h"
+#include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "util/account.h"
 #include "util/log.h"
 
 namespace po = boost::program_options;
 using namespace tavix::audit;
+using tavix::ScopedLock;
 
 namespace {
 
@@ -69,6 +73,13 @@ ServerState Read(const Options& options) {
   return state;
 }
 
+bool Repairable(const std::vector<Finding>& findings) {
+  for (const Finding& f : findings)
+    if (f.fix != Fix::kNone)
+      return true;
+  return false;
+}
+
 // Tells what could not be read; true when anything.
 bool ReportUnreadable(const ServerState& state) {
   bool any = false;
@@ -97,7 +108,23 @@ int Run(const Options& options) {
       PrintText(findings, std::cout);
     return unreadable ? 2 : findings.empty() ? 0 : 1;
   }
-  std::vector<Repaired> repaired = Repair(findings, state.lock_wait_ms);
+  std::vector<Repaired> repaired;
+  if (Repairable(findings)) {
+    // What was read without the setup lock may be a run half-way through a
+    // change (a users/assign line whose password record is yet to come):
+    // with no run in flight, read again and repair only what is still true.
+    bool held = false;
+    ScopedLock setup(lock_setup_exclusive(state.lock_wait_ms, &held));
+    if (setup.get()) {
+      findings = Check(Read(options));  // what cannot be read is told by the last read
+      repaired = Repair(findings, state.lock_wait_ms);
+    } else {
+      std::cerr << "dravnik-audit: nothing repaired: "
+                << (held ? "dravnik runs kept the mail setup busy"
+                         : "cannot lock the mail setup: " + std::string(strerror(errno)))
+                << "\n";
+    }
+  }
   for (const Repaired& r : repaired) {
     if (options.json)
       PrintJson(*r.finding, (r.ok ? "" : "failed: ") + r.what, std::cout);

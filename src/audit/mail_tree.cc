@@ -66,6 +66,8 @@ class Walker {
  private:
   template <class Visit>
   void ForEach(UniqueFd fd, const std::string& path, Visit visit) {
+    if (!fd)  // gone since it was listed, or reported by OpenDir()
+      return;
     int dir_fd = fd.get();
     UniqueDir dir(fdopendir(dir_fd));
     if (!dir) {
@@ -175,7 +177,7 @@ class Walker {
     if (!fd) {
       if (errno == ELOOP)  // replaced by a link since it was listed
         tree_->symlinks.push_back(path);
-      else if (errno != ENOENT)
+      else if (errno != ENOENT && errno != ENOTDIR)  // not removed or replaced meanwhile
         Unreadable(path);
     }
     return fd;

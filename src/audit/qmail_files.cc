@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -46,7 +45,7 @@ std::vector<std::string> SplitColons(const std::string& text) {
 bool ReadLines(const std::string& path, int lock_wait_ms, QmailFiles* files,
                std::vector<std::string>* lines) {
   bool held = false;
-  ScopedLock lock(LockWithin(path, lock_wait_ms, &held));
+  ScopedLock lock(mk_lock_within(path.c_str(), lock_wait_ms, &held));
   if (!lock.get() && held)
     files->held_locks.push_back(path);
   else if (!lock.get())
@@ -122,7 +121,7 @@ void FindTemporaries(const char* dir_suffix, int lock_wait_ms, QmailFiles* files
       continue;
     std::string path = dir + "/" + name;
     bool held = false;
-    ScopedLock lock(LockWithin(target, lock_wait_ms, &held));
+    ScopedLock lock(mk_lock_within(target.c_str(), lock_wait_ms, &held));
     struct stat st;
     if (lock.get() && lstat(path.c_str(), &st) == 0)
       files->temporaries.emplace_back(path, target);
@@ -144,23 +143,6 @@ AssignLine ParseAssignLine(const std::string& text) {
   line.user = fields[1];
   line.home = fields[4];
   return line;
-}
-
-lock_handle* LockWithin(const std::string& path, int wait_ms, bool* held) {
-  for (int waited = 0;; waited += 20) {
-    lock_handle* handle = mk_nonblock_lock(path.c_str(), 1);
-    if (is_locked(handle))
-      return handle;
-    *held = handle && is_already_locked(handle);
-    int saved = errno;
-    if (handle)
-      free_lock(handle);
-    errno = saved;
-    if (!*held || waited >= wait_ms)
-      return nullptr;
-    struct timespec pause = {0, 20 * 1000 * 1000};
-    nanosleep(&pause, nullptr);
-  }
 }
 
 QmailFiles ReadQmailFiles(int lock_wait_ms) {

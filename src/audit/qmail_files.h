@@ -17,8 +17,6 @@
 #include <utility>
 #include <vector>
 
-struct lock_handle;
-
 namespace tavix {
 namespace audit {
 
@@ -60,10 +58,6 @@ extern const char* const kEditedFiles[];
 // Reads them all. `lock_wait_ms` bounds the wait for each lock.
 QmailFiles ReadQmailFiles(int lock_wait_ms);
 
-// Waits up to `wait_ms` for the lock of `path`. Null when it stayed taken
-// (`*held` set) or could not be taken at all (`*held` clear, errno tells
-// why). The caller releases it with rm_lock() (or through a ScopedLock).
-lock_handle* LockWithin(const std::string& path, int wait_ms, bool* held);
 
 }  // namespace audit
 }  // namespace tavix

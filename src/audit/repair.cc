@@ -48,7 +48,7 @@ Repaired RemoveTemporary(const Finding& f, int lock_wait_ms) {
   // Under the lock of the file it was meant to replace: no living run is
   // writing it then.
   bool held = false;
-  ScopedLock lock(LockWithin(f.target, lock_wait_ms, &held));
+  ScopedLock lock(mk_lock_within(f.target.c_str(), lock_wait_ms, &held));
   if (!lock.get())
     return {&f, false, held ? "the lock of " + f.target + " stays taken"
                             : Errno("cannot lock " + f.target)};

@@ -13,6 +13,7 @@
 #include "batch/checkpoint.h"
 #include "batch/command_runner.h"
 #include "batch/journal.h"
+#include "qmail/lock.h"
 #include "util/fs.h"
 #include "util/strings.h"
 
@@ -241,6 +242,11 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
   std::string error;
   if (!journal.open(lines, &error)) {
     fprintf(stderr, "dravnik-batch: %s\n", error.c_str());
+    return 2;
+  }
+  // Held for the whole batch, before any command runs: see qmail/lock.h.
+  if (hold_setup_lock_shared() != 0) {
+    fprintf(stderr, "dravnik-batch: cannot lock the mail setup: %s\n", strerror(errno));
     return 2;
   }
   Batch batch(options, &journal, total);

@@ -1,6 +1,8 @@
 #include "main/dispatch.h"
 
 #include <cxxabi.h>
+#include <errno.h>
+#include <string.h>
 
 #include <exception>
 #include <iostream>
@@ -11,6 +13,7 @@
 #include "commands/commands.h"
 #include "commands/usage.h"
 #include "mailauth/auth_db.h"
+#include "qmail/lock.h"
 #include "util/error_stream.h"
 #include "util/exception.h"
 #include "util/log.h"
@@ -82,6 +85,13 @@ int do_main(int argc, char** argv) {
   // Every known command, help included, works on the qmail-style
   // authentication database.
   mailAuthDBSelectStyle(0);
+
+  // A run that may change the mail setup holds its lock shared (see
+  // qmail/lock.h); the help texts and the size report change nothing.
+  bool const reads_only = word == "--get-mailbox-size" || word == "-h" ||
+                          word.compare(0, 6, "--help") == 0;
+  if (!reads_only && hold_setup_lock_shared() != 0)
+    messlog2(1, 1, "Unable to lock the mail setup: %s", strerror(errno));
 
   return found->second(argc - 1, argv + 1);
 }

@@ -7,11 +7,13 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <new>
 #include <string>
 
+#include "qmail/paths.h"
 #include "util/fs.h"
 #include "util/log.h"
 #include "util/strings.h"
@@ -154,6 +156,47 @@ lock_handle* mk_lock(const char* path, int use_lock_dir) {
 lock_handle* mk_nonblock_lock(const char* path, int use_lock_dir) {
   return mk_lock_(path, O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB,
                   use_lock_dir);
+}
+
+lock_handle* mk_lock_within(const char* path, int wait_ms, bool* held, int operation) {
+  if (operation == 0)
+    operation = LOCK_EX;
+  for (int waited = 0;; waited += 20) {
+    lock_handle* handle = mk_lock_(path, O_RDWR | O_CREAT | O_TRUNC, operation | LOCK_NB, 1);
+    if (is_locked(handle))
+      return handle;
+    *held = handle && is_already_locked(handle);
+    int saved = errno;
+    if (handle)
+      free_lock(handle);
+    errno = saved;
+    if (!*held || waited >= wait_ms)
+      return nullptr;
+    struct timespec pause = {0, 20 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+int hold_setup_lock_shared() {
+  static tavix::UniqueFd held;
+  if (held)
+    return 0;
+  lock_handle* handle =
+      mk_lock_(tavix::qmail::mailnames_root().c_str(), O_RDWR | O_CREAT | O_TRUNC, LOCK_SH, 1);
+  if (!is_locked(handle)) {
+    int saved = errno;
+    free_lock(handle);
+    errno = saved;
+    return -1;
+  }
+  held.reset(handle->descriptor);
+  handle->descriptor = -1;  // now owned by `held`
+  rm_lock(handle);
+  return 0;
+}
+
+lock_handle* lock_setup_exclusive(int wait_ms, bool* held) {
+  return mk_lock_within(tavix::qmail::mailnames_root().c_str(), wait_ms, held, LOCK_EX);
 }
 
 int is_locked(const lock_handle* handle) {

@@ -36,6 +36,27 @@ lock_handle* mk_nonblock_lock(const char* path, int use_lock_dir);
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
                       int use_lock_dir);
 
+// Exclusive lock on `path` (in the lock directory), waiting up to `wait_ms`
+// milliseconds. Null when it stayed taken (`*held` set) or could not be
+// taken at all (`*held` clear, errno tells why). With `operation` LOCK_SH
+// the lock is shared instead.
+lock_handle* mk_lock_within(const char* path, int wait_ms, bool* held, int operation = 0);
+
+// The lock of the mail setup as a whole (the mail names root as its path).
+// Each run that may change the setup holds it shared from its start to its
+// end, so runs never wait on each other for it; dravnik-audit --repair takes
+// it exclusive, so that what it found is looked at again and acted on while
+// no run is half-way through a change. A command changes several stores one
+// after the other (users/assign, then the password record; the record, then
+// the line), and between two of them an outside reader sees an address that
+// is only half there.
+//
+// hold_setup_lock_shared() takes the shared lock once and keeps it until the
+// process ends (later calls do nothing): 0, or -1 with errno set.
+int hold_setup_lock_shared();
+// The exclusive lock, waiting up to `wait_ms`; see mk_lock_within().
+lock_handle* lock_setup_exclusive(int wait_ms, bool* held);
+
 // 1 when `handle` holds its lock.
 int is_locked(const lock_handle* handle);
 // 1 when a non-blocking attempt found the lock taken (or there is no
