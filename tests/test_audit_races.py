@@ -110,3 +110,21 @@ def test_repair_racing_runs_removes_nothing_alive(mail_sandbox):
     assert {"=%s-%s" % (DOMAIN, n) for n in boxes} <= keys
     rows = {address.split("@")[0] for _, address in handlers(sb)}
     assert boxes <= rows, boxes - rows
+
+
+def test_directory_renamed_during_the_walk_is_no_read_failure(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_mailbox(sb, "john")
+    # The walk opens each mailbox by its name relative to the domain's
+    # directory, which is what strace's path filter sees.
+    thread, box = in_background(lambda: sb.run_raw(
+        [STRACE, "-f", "-o", "/dev/null", "-P", "john",
+         "-e", "trace=openat", "-e", "inject=openat:delay_enter=1500000:when=1",
+         AUDIT, "--json"]))
+    time.sleep(0.5)  # the audit has listed example.com and waits to open john
+    ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
+       "--new-mailname=jack", "--mail-addresses=john", env={"ZON_PASSWORD": "secret"})
+    thread.join()
+    audit = box["result"]
+    assert audit.rc in (0, 1) and "cannot read" not in audit.err, audit
