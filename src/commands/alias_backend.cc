@@ -117,8 +117,14 @@ int renameDomainAlias(std::string const& domain, std::string const& oldAlias,
   bool failed = rename_domain_alias(domain.c_str(), oldAlias.c_str(), newAlias.c_str()) != 0;
   failed = !listRejectingAlias(action, newAlias) || failed;
 
-  mh_db_clone(nullptr, nullptr, oldAlias.c_str(), nullptr, newAlias.c_str());
-  mh_db_remove_addr(nullptr, oldAlias.c_str());
+  // The old alias's handlers go only once their copies are in: a copy that
+  // failed leaves them all where they were, for the next run to move. Mail
+  // is delivered without them, so the command does not fail on it.
+  if (mh_db_clone(nullptr, nullptr, oldAlias.c_str(), nullptr, newAlias.c_str()) == 0)
+    mh_db_remove_addr(nullptr, oldAlias.c_str());
+  else
+    tavix_log(LOG_ERR, "Unable to move domain alias handlers from %s to %s, kept them under %s",
+              oldAlias.c_str(), newAlias.c_str(), oldAlias.c_str());
   // Whatever the rename managed to change has to reach qmail.
   failed = qmail_refresh() != 0 || failed;
 

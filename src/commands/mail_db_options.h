@@ -5,7 +5,7 @@
 //   --mail-addresses=<mail_name1,alias11,alias12,...;mail_name2,alias21,...;...>
 //
 // Names are split at blanks, tabs and commas; nothing here lower-cases or
-// checks them.
+// checks them: MailDbOptionsProcessor does, as it takes them.
 #ifndef DRAVNIK_COMMANDS_MAIL_DB_OPTIONS_H_
 #define DRAVNIK_COMMANDS_MAIL_DB_OPTIONS_H_
 

@@ -11,6 +11,8 @@
 #include "commands/command_options.h"
 #include "commands/mail_db_options.h"
 #include "maildata/session_mail_data.h"
+#include "util/idn.h"
+#include "util/strings.h"
 
 namespace tavix {
 namespace mail {
@@ -56,6 +58,32 @@ sj_string_array keptArray(std::vector<std::string> const& names) {
   return array;
 }
 
+// The names of the mail data options reach qmail's files and the mail
+// tree as lines and paths, so each passes the check the command's own names
+// pass; a refused one stops the command before anything is changed. Shown
+// quoted: the value may hold a line break or nothing at all.
+[[noreturn]] void refuse(char const* option, std::string const& name, char const* text) {
+  throw std::runtime_error(std::string(option) + ": " + tavix::json_quote(name) + text);
+}
+
+std::string checkedDomainName(char const* option, std::string const& word) {
+  std::string name;
+  try {
+    if (normalizeDomainName(word, &name))
+      return name;
+  } catch (tavix::idn::IdnaError const&) {
+    name = word;
+  }
+  refuse(option, name, kBadDomainNameText);
+}
+
+std::string checkedMailname(char const* option, std::string const& word) {
+  std::string name;
+  if (!normalizeMailname(word, &name))
+    refuse(option, name, kBadMailnameText);
+  return name;
+}
+
 void readOrThrow(int probe) {
   if (read_session_mail_db_info(stdin, probe) != 0)
     throw std::runtime_error(kReadFailure);
@@ -66,10 +94,21 @@ void readOrThrow(int probe) {
 MailDbOptionsProcessor::MailDbOptionsProcessor(ProgramOptionsHelper const& helper)
     : defaultDomainQuota_(-1), waitStdin_(false), enough_(false) {
   auto const& vm = helper.variables();
-  if (vm.count("domain-aliases"))
-    domainAliases_ = vm["domain-aliases"].as<MailDbDomainAliasesList>().aliases;
-  if (vm.count("mail-addresses"))
-    mails_ = vm["mail-addresses"].as<MailDbMailAddressesList>().mails;
+  if (vm.count("domain-aliases")) {
+    for (std::string const& alias : vm["domain-aliases"].as<MailDbDomainAliasesList>().aliases)
+      appendUnique(domainAliases_, checkedDomainName("--domain-aliases", alias));
+  }
+  if (vm.count("mail-addresses")) {
+    for (auto const& entry : vm["mail-addresses"].as<MailDbMailAddressesList>().mails) {
+      // Names equal but for case are one name; the later one's aliases win,
+      // as for a name given twice.
+      std::vector<std::string>& aliases =
+          mails_[checkedMailname("--mail-addresses", entry.first)];
+      aliases.clear();
+      for (std::string const& alias : entry.second)
+        appendUnique(aliases, checkedMailname("--mail-addresses", alias));
+    }
+  }
   if (vm.count("default-domain-quota"))
     defaultDomainQuota_ = vm["default-domain-quota"].as<long>();
   waitStdin_ = vm.count("wait-stdin") != 0;

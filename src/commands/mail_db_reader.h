@@ -22,6 +22,9 @@ class MailDbOptionsProcessor {
  public:
   typedef std::map<std::string, std::vector<std::string>> Mails;
 
+  // Takes the mail data options, each name lower-cased (a domain alias in
+  // its ASCII form) and checked as the command's own names are; throws
+  // std::runtime_error naming the option and the value that failed.
   explicit MailDbOptionsProcessor(ProgramOptionsHelper const& helper);
 
   MailDbOptionsProcessor& withDomain(std::string const& domain);

@@ -91,8 +91,9 @@ int renameMailname(std::string const& domain, std::string const& oldMailname,
                                   password.password);
   std::string const oldAddress = mailAddress(oldMailname, domain);
 
-  // The handlers follow the mail name: copied to the new address first, so
-  // that a failed copy leaves the old ones in place.
+  // The handlers follow the mail name: copied to the new address first, and
+  // removed from the old one only once every copy is in, so that a failed
+  // copy leaves them all in place.
   bool moved = mh_db_clone(nullptr, oldMailname.c_str(), domain.c_str(), newMailname.c_str(),
                            domain.c_str()) >= 0;
   if (moved)

@@ -120,19 +120,32 @@ void standardOptionsParse(ProgramOptionsHelper& helper, int argc, char** argv) {
   }
 }
 
+char const kBadMailnameText[] = " - local part of mailname has incorrect format.";
+char const kBadDomainNameText[] = " - domain has incorrect format.";
+
+bool normalizeMailname(std::string const& word, std::string* name) {
+  *name = lowerCased(word);
+  return is_mailname_valid(name->c_str()) == 1;
+}
+
+bool normalizeDomainName(std::string const& word, std::string* name) {
+  *name = lowerCased(tavix::idn::toAscii(word));
+  return is_domain_name_valid(name->c_str()) == 1;
+}
+
 void validate(boost::any& v, std::vector<std::string> const& values, MailNameTOpt*, int) {
   po::validators::check_first_occurrence(v);
-  std::string const name = lowerCased(singleWord(values));
-  if (!is_mailname_valid(name.c_str()))
-    throw std::runtime_error(name + " - local part of mailname has incorrect format.");
+  std::string name;
+  if (!normalizeMailname(singleWord(values), &name))
+    throw std::runtime_error(name + kBadMailnameText);
   v = boost::any(MailNameTOpt{name});
 }
 
 void validate(boost::any& v, std::vector<std::string> const& values, DomainNameTOpt*, int) {
   po::validators::check_first_occurrence(v);
-  std::string const domain = lowerCased(tavix::idn::toAscii(singleWord(values)));
-  if (!is_domain_name_valid(domain.c_str()))
-    throw std::runtime_error(domain + " - domain has incorrect format.");
+  std::string domain;
+  if (!normalizeDomainName(singleWord(values), &domain))
+    throw std::runtime_error(domain + kBadDomainNameText);
   v = boost::any(DomainNameTOpt{domain});
 }
 

@@ -94,6 +94,17 @@ struct DomainNameTOpt {
   std::string value;
 };
 
+// The one check of a name from the command line, the command's own options
+// and the mail data alike: `word` lower-cased (a domain first converted to
+// its ASCII form, which throws tavix::idn::IdnaError when it cannot be) goes
+// to `*name`; false when that fails the name check.
+bool normalizeMailname(std::string const& word, std::string* name);
+bool normalizeDomainName(std::string const& word, std::string* name);
+
+// What follows the refused name in the report of a failed check.
+extern char const kBadMailnameText[];
+extern char const kBadDomainNameText[];
+
 // The option library's conversion hooks, found by argument-dependent lookup.
 // A value that is not exactly one word is an invalid option value; a word
 // that fails the name check throws std::runtime_error, which is deliberately

@@ -44,6 +44,7 @@ const char kSelect[] =
     "SELECT executable, context, name FROM handlers WHERE queue=? AND type=? AND enabled=? AND address=? ORDER BY priority DESC";
 const char kBegin[] = "BEGIN TRANSACTION;";
 const char kEnd[] = "END TRANSACTION;";
+const char kRollback[] = "ROLLBACK TRANSACTION;";
 
 // Names of the statements in bind failure reports.
 const char kInsertQuery[] = "the 'INSERT' query";
@@ -236,6 +237,43 @@ int select_domain_copies(const Connection& db, mh_list* out, const char* old_dom
   });
 }
 
+// Undoes what the open transaction of `db` did. A failed write may have
+// ended it already: SQLite rolls back by itself after an I/O error or a
+// full disk, and a second rollback would only fail.
+void roll_back(const Connection& db) {
+  if (sqlite3_get_autocommit(db.get()))
+    return;
+  if (execute(db.get(), kRollback, nullptr, {}, "Unable to roll back sqlite transaction: %s") != 0)
+    return;
+  // Inside a longer transaction of the process the operation's own is a
+  // savepoint, which stays open after being rolled back to.
+  if (!sqlite3_get_autocommit(db.get()))
+    execute(db.get(), kEnd, nullptr, {}, "Unable to end sqlite transaction: %s");
+}
+
+// Like mh_db_do(), but all or nothing: the transaction is committed only
+// when `op` succeeded for every record, and rolled back otherwise. A copy
+// that is about to replace the originals must not arrive in part.
+int apply_to_all(mh_list* list, sqlite3* given, int (*op)(sqlite3*, mh_data*)) {
+  Connection db;
+  if (db.open(given) != 0)
+    return -1;
+  if (execute(db.get(), kBegin, nullptr, {}, "Unable to begin sqlite transaction: %s") != 0)
+    return -1;
+  for (mh_list_node* node = list->head; node; node = node->next) {
+    if (op(db.get(), node->data) != 0) {
+      roll_back(db);
+      return -1;
+    }
+  }
+  if (execute(db.get(), kEnd, nullptr, {}, "Unable to end sqlite transaction: %s") != 0) {
+    // A commit that failed before its end leaves the transaction open.
+    roll_back(db);
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int mh_db_add(sqlite3* db, mh_data* rec) {
@@ -373,7 +411,9 @@ int mh_db_clone(sqlite3* given, const char* old_mailname, const char* old_domain
   }
   if (selected != 0)
     return -1;
-  if (mh_db_do(copies.get(), db.get(), mh_db_add) != 0) {
+  // Callers remove the originals once the copy is made: a copy that failed
+  // for one record is no copy at all.
+  if (apply_to_all(copies.get(), db.get(), mh_db_add) != 0) {
     tavix_log(LOG_ERR, "%s", kCopyFailed);
     return -1;
   }

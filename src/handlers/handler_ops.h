@@ -45,7 +45,8 @@ int mh_db_remove_all(sqlite3* db, const char* domain);
 // `new_mailname` is null). Without: those of every address that contains
 // `old_domain` go to the same local part at `new_domain`, and the
 // domain-wide ones of `old_domain` to `new_domain`. Copies are never
-// protected.
+// protected. All or nothing: 0 only when every copy was committed; when
+// one failed, none is kept.
 int mh_db_clone(sqlite3* db, const char* old_mailname, const char* old_domain,
                 const char* new_mailname, const char* new_domain);
 

@@ -33,6 +33,10 @@ const char* nested_sql(sqlite3* db, const char* sql) {
     return "SAVEPOINT operation;";
   if (strcmp(sql, "END TRANSACTION;") == 0)
     return "RELEASE operation;";
+  // Undoes the operation alone, not the whole run's work; the savepoint
+  // stays open until released.
+  if (strcmp(sql, "ROLLBACK TRANSACTION;") == 0)
+    return "ROLLBACK TO operation;";
   return sql;
 }
 

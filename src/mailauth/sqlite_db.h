@@ -53,7 +53,8 @@ const char* errmsg(sqlite3* db);
 // transaction (BEGIN IMMEDIATE: it writes, so it takes the write lock at
 // once instead of meeting another writer half-way), and close() only lets
 // go of it. An operation's own BEGIN TRANSACTION and END TRANSACTION
-// become a savepoint inside it. commit_transactions() commits and closes
+// become a savepoint inside it, and its ROLLBACK TRANSACTION a rollback to
+// that savepoint (which it then still has to end). commit_transactions() commits and closes
 // each connection and ends the mode. A process killed before that leaves
 // the databases as they were at begin_transactions().
 void begin_transactions();

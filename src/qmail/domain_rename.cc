@@ -186,6 +186,7 @@ void rename_in_rejectnonexist(const std::string& old_domain, const std::string& 
   set_root_file(path);
 }
 
+// The old domain's handlers are removed only once every copy is in.
 int move_handlers(const std::string& old_domain, const std::string& new_domain) {
   if (mh_db_clone(nullptr, nullptr, old_domain.c_str(), nullptr, new_domain.c_str()) != 0 ||
       mh_db_remove_all(nullptr, old_domain.c_str()) != 0) {

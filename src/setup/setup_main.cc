@@ -2,7 +2,6 @@
 // what is missing or wrong. Safe to run again at any time: it changes only
 // what is missing or wrong, and replaces an existing database or key only
 // when told to with --force.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <exception>
@@ -14,6 +13,7 @@
 #include "setup/accounts.h"
 #include "setup/host_items.h"
 #include "setup/setup.h"
+#include "util/fs.h"
 #include "util/log.h"
 
 namespace po = boost::program_options;
@@ -128,7 +128,7 @@ int main(int argc, char** argv) {
   tavix_log_init("stderr", 6, 16, 0, name);
   // What is created here is read by the mail system's own accounts, whatever
   // the umask of the operator's shell.
-  umask(022);
+  use_program_umask();
   try {
     return Run(argc, argv);
   } catch (const std::exception& e) {

@@ -15,6 +15,12 @@
 #include "util/log.h"
 #include "util/unique_free.h"
 
+void use_program_umask() {
+  // Group and others never get write access from a mode this program asks
+  // for; anything narrower is set explicitly where it matters.
+  umask(022);
+}
+
 namespace tavix {
 
 void UniqueFd::reset(int fd) {

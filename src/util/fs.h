@@ -14,6 +14,12 @@
 #include <string>
 #include <utility>
 
+// Sets the umask every program of the package runs under, whatever its
+// caller's: the modes it asks for are the ones the files and directories
+// get (0700 mailboxes, 0644 control files, ...), neither narrowed by an
+// operator's umask 077 nor widened by a 0. Called at the start of main().
+void use_program_umask();
+
 // Creates every missing component of `path` with mode 0755. A component that
 // exists but is not a directory fails with errno ENOTDIR. Returns 1 on
 // success, 0 on failure (errno tells why).
