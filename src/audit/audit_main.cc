@@ -18,6 +18,7 @@
 #include "qmail/lock.h"
 #include "qmail/paths.h"
 #include "util/account.h"
+#include "util/fs.h"
 #include "util/log.h"
 
 namespace po = boost::program_options;
@@ -151,7 +152,7 @@ int main(int argc, char** argv) {
   PROGNAME = name;
   // Library reports go to standard error: standard output is the report.
   tavix_log_init("stderr", 6, 16, 0, name);
-  umask(022);
+  use_program_umask();
   Options options;
   po::options_description descriptions = Descriptions(&options);
   po::variables_map given;

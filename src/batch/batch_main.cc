@@ -8,6 +8,7 @@
 
 #include "batch/batch.h"
 #include "commands/password.h"
+#include "util/fs.h"
 #include "util/log.h"
 
 namespace {
@@ -67,6 +68,7 @@ int main(int argc, char** argv) {
   const char* password = nullptr;
   int crypted = 0;
   (void)get_env_password(&password, &crypted);
+  use_program_umask();
 
   tavix::batch::Options options;
   if (int status = parse_options(argc, argv, &options))
