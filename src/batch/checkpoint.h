@@ -13,6 +13,12 @@
 // users/assign asks for one) brings up to date. The databases commit last;
 // a kill before leaves them as they were before the checkpoint, and the
 // commands, run again, redo their part.
+//
+// A close that cannot write its files (a full or read-only disk) ends the
+// same way: a quota file that cannot be written keeps the shared files as
+// they were (they would open the new mailboxes to mail without their
+// limits), and the databases are rolled back, so that the commands run again
+// meet them as they were before the checkpoint.
 #ifndef DRAVNIK_BATCH_CHECKPOINT_H_
 #define DRAVNIK_BATCH_CHECKPOINT_H_
 
@@ -34,15 +40,17 @@ class Checkpoint {
   void open();
   bool is_open() const { return open_; }
 
-  // What the commands run since open() asked qmail for so far.
-  QmailRequests requests() const;
-
   struct Result {
     bool files_failed = false;
     bool quotas_failed = false;  // a mailbox's maildirsize
     bool databases_failed = false;
+    bool databases_undone = false;  // rolled back after a failed write
     QmailRequests failed;  // which deferred runs failed
-    // The text for the commands that a failure here concerns.
+    // Whether everything was written, compiled, signalled and committed:
+    // else the checkpoint's commands are to be run again.
+    bool ok() const { return !files_failed && !quotas_failed && !databases_failed &&
+                             failed.total() == 0; }
+    // The text for the commands of a checkpoint that is not ok().
     std::string message() const;
   };
   // Writes, compiles and signals as described above; no-op when closed.
