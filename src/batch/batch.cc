@@ -47,6 +47,7 @@ double now() {
 struct Done {
   size_t line;
   Outcome outcome;
+  bool asked_qmail;  // the command asked for a compile, restart or SIGHUP
 };
 
 class Batch {
@@ -99,11 +100,13 @@ bool Batch::run_command(size_t number, const Command& command) {
   if (runs_alone(command)) {
     if (!flush())
       return false;
-    done_.push_back({number, runner_.run(command)});
+    done_.push_back({number, runner_.run(command), false});
     return true;
   }
   checkpoint_.open();
-  done_.push_back({number, runner_.run(command)});
+  int const asked_before = checkpoint_.requests().total();
+  Outcome outcome = runner_.run(command);
+  done_.push_back({number, std::move(outcome), checkpoint_.requests().total() > asked_before});
   return true;
 }
 
@@ -119,7 +122,7 @@ bool Batch::run_line(size_t number, const std::string& line) {
     Outcome outcome;
     outcome.status = 1;
     outcome.output = "dravnik-batch: line " + std::to_string(number) + ": " + error + "\n";
-    done_.push_back({number, outcome});
+    done_.push_back({number, outcome, false});
   }
   ++finished_;
   bool const failed = done_.empty() || done_.back().outcome.status != 0;
@@ -145,28 +148,30 @@ bool Batch::resume() {
   return write_all(runner_.output_fd(), report);
 }
 
-// A checkpoint whose close failed is not recorded as done: the same batch
-// run again starts with its first line, and since the close left the files
-// and the databases as they were before it (or, when only the compile or
-// the signal failed, written in full), its commands redo their part. The
-// batch stops there, --stop-on-error or not: the journal tells how far the
-// batch got by one line number, so no later checkpoint could be recorded.
+// A checkpoint whose files or databases could not be written is not
+// recorded as done: the same batch run again starts with its first line, and
+// since the close left the databases as they were before it, its commands
+// redo their part. The batch stops there, --stop-on-error or not: the
+// journal tells how far the batch got by one line number, so no later
+// checkpoint could be recorded.
 bool Batch::flush() {
   Checkpoint::Result result;
   std::string const printed = runner_.capture([&] { result = checkpoint_.close(); });
-  bool const closed = result.ok();
-  // What the close printed explains its failure; otherwise it belongs to no
-  // command, and goes to standard error.
-  std::string message;
-  if (!closed)
-    message = printed + result.message();
+  bool const closed = result.written();
+  // What the close printed explains a failure it reports; otherwise it
+  // belongs to no command, and goes to standard error.
+  std::string message = result.message();
+  if (!message.empty())
+    message = printed + message;
   else if (!printed.empty())
     (void)write_all(runner_.error_fd(), printed);
   std::string report;
   size_t recorded = 0;  // how much of the report goes into the journal
   size_t last = 0;
   for (Done& done : done_) {
-    if (!closed) {
+    // Every command of a checkpoint not written is to be run again; a failed
+    // compile or signal concerns those that asked for one.
+    if (!message.empty() && (!closed || done.asked_qmail)) {
       done.outcome.status = done.outcome.status ? done.outcome.status : 1;
       done.outcome.output += message;
     }

@@ -40,6 +40,8 @@ void Checkpoint::open() {
   open_ = true;
 }
 
+QmailRequests Checkpoint::requests() const { return qmail_deferred_requests(); }
+
 Checkpoint::Result Checkpoint::close() {
   Result result;
   if (!open_)

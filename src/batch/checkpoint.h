@@ -40,17 +40,21 @@ class Checkpoint {
   void open();
   bool is_open() const { return open_; }
 
+  // What the commands run since open() asked qmail for so far.
+  QmailRequests requests() const;
+
   struct Result {
     bool files_failed = false;
     bool quotas_failed = false;  // a mailbox's maildirsize
     bool databases_failed = false;
     bool databases_undone = false;  // rolled back after a failed write
     QmailRequests failed;  // which deferred runs failed
-    // Whether everything was written, compiled, signalled and committed:
-    // else the checkpoint's commands are to be run again.
-    bool ok() const { return !files_failed && !quotas_failed && !databases_failed &&
-                             failed.total() == 0; }
-    // The text for the commands of a checkpoint that is not ok().
+    // Whether the files were written and the databases committed: else the
+    // checkpoint's commands are to be run again. A compile or signal that
+    // failed does not undo them (qmail may just be stopped); the next
+    // compile or signal catches up.
+    bool written() const { return !files_failed && !quotas_failed && !databases_failed; }
+    // The text for the commands that a failure here concerns.
     std::string message() const;
   };
   // Writes, compiles and signals as described above; no-op when closed.
