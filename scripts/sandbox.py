@@ -21,6 +21,15 @@ Library use (stdlib only):
         r.rc, r.out, r.err, r.hups, r.newu_calls, r.init_calls
         sb.read("/var/qmail/control/rcpthosts")
 
+A private directory can also be put on a small file system of its own, to
+see the program meet a full disk, exhausted inodes or a read-only mount and
+then run again once the fault is mended (content kept throughout):
+
+    sb.limit("/var/qmail", free=40000)      # 40,000 bytes left
+    sb.limit("/var/lib/tavix/mail", inodes=0)  # no inode left
+    sb.read_only("/var/qmail")
+    sb.mend("/var/qmail")                   # writable, with room again
+
 Command-line use:
 
     python3 scripts/sandbox.py [--dir DIR] [--keep] -- <dravnik args>
@@ -28,6 +37,8 @@ Command-line use:
 """
 
 import argparse
+import atexit
+import ctypes
 import difflib
 import fcntl
 import hashlib
@@ -400,6 +411,58 @@ def host_fingerprint():
 
 
 # --------------------------------------------------------------------------
+# Small file systems
+
+# Room a mended file system has: more than any test fills.
+ROOMY_SIZE = 512 * 1024 * 1024
+ROOMY_INODES = 1000000
+
+CLONE_NEWNS = 0x00020000
+MS_REC = 0x4000
+MS_PRIVATE = 1 << 18
+
+_own_mount_namespace = None   # None: not tried yet
+
+
+def _private_mount_namespace():
+    """Moves this process into a mount namespace of its own, once, so that the
+    small file systems it mounts are seen by it and the sandboxes it starts
+    (bwrap inherits the namespace) and by nothing else, and vanish with the
+    process however it ends: a killed test run leaves no mount on the host.
+    False when that cannot be had (another thread runs: unshare refuses);
+    the mounts are then made on the host's namespace, and cleanup() and an
+    exit hook take them down."""
+    global _own_mount_namespace
+    if _own_mount_namespace is None:
+        libc = ctypes.CDLL(None, use_errno=True)
+        _own_mount_namespace = (
+            libc.unshare(CLONE_NEWNS) == 0 and
+            # Nothing mounted here may travel back to the host's namespace.
+            libc.mount(b"none", b"/", None, MS_REC | MS_PRIVATE, None) == 0)
+    return _own_mount_namespace
+
+
+def _mount(*args):
+    result = subprocess.run(["mount", *args], capture_output=True, text=True)
+    if result.returncode != 0:
+        raise SandboxError("mount %s: %s" % (shlex.join(args), result.stderr.strip()))
+
+
+def _unmount(path):
+    """Takes the mount at `path` down; lazily when something still holds it
+    (a process of a sandbox run that outlived it), so that it is gone from
+    the tree at once either way."""
+    if subprocess.run(["umount", "--", str(path)], capture_output=True).returncode != 0:
+        subprocess.run(["umount", "--lazy", "--", str(path)], check=True, capture_output=True)
+
+
+def _usage(path):
+    """(bytes, inodes) in use on the file system at `path`."""
+    st = os.statvfs(path)
+    return (st.f_blocks - st.f_bfree) * st.f_frsize, st.f_files - st.f_ffree
+
+
+# --------------------------------------------------------------------------
 # The sandbox
 
 class Sandbox:
@@ -425,6 +488,8 @@ class Sandbox:
             self.dir.mkdir(parents=True, exist_ok=True)
             self.keep = True
         self.root = self.dir / "root"
+        self.mounts = {}   # sandbox path -> host mount point of its small file system
+        self._exit_hook = False
         self.dravnik = Path(dravnik).absolute() if dravnik else self.default_dravnik()
         self.hidden = set(ALWAYS_HIDDEN)
         self.host_copies = self._check_host_copies(host_copies)
@@ -592,6 +657,91 @@ class Sandbox:
                 names.setdefault(int(fields[2]), fields[0])
         return names
 
+    # -- faults of the file system ------------------------------------------
+
+    def limit(self, sandbox_path, free=None, inodes=None):
+        """Puts the private directory `sandbox_path` (for example /var/qmail,
+        /var/qmail/mailnames or /var/lib/tavix/mail) on a tmpfs of its own,
+        with its content, owner and mode, leaving `free` bytes (rounded up to
+        a page) and `inodes` inodes free beyond what it holds; None leaves
+        plenty.  bwrap binds the private tree recursively, so the runs see
+        it.  The content stays across runs; unlimit() or cleanup() takes the
+        file system down."""
+        sandbox_path = os.path.normpath(sandbox_path)
+        if sandbox_path in self.mounts:
+            raise SandboxError("%s is limited already" % sandbox_path)
+        if any(_under(sandbox_path, p) or _under(p, sandbox_path) for p in self.mounts):
+            raise SandboxError("%s overlaps a limited directory" % sandbox_path)
+        host = self.path(sandbox_path)
+        if not host.is_dir() or host.is_symlink():
+            raise SandboxError("%s is not a directory of the sandbox" % sandbox_path)
+        _private_mount_namespace()
+        st = os.stat(host)
+        # Mounted beside the tree and filled there, then bound in place: the
+        # directory never shows half its content.
+        staging = Path(tempfile.mkdtemp(prefix="limit-", dir=self.dir))
+        options = "size=%d,nr_inodes=%d,mode=%04o,uid=%d,gid=%d" % (
+            ROOMY_SIZE, ROOMY_INODES, stat.S_IMODE(st.st_mode), st.st_uid, st.st_gid)
+        _mount("-t", "tmpfs", "-o", options, "dravnik-sandbox", str(staging))
+        try:
+            subprocess.run(["cp", "-a", "--", "%s/." % host, str(staging)], check=True)
+            _mount("--bind", str(staging), str(host))
+        except BaseException:
+            _unmount(staging)
+            staging.rmdir()
+            raise
+        self.mounts[sandbox_path] = host
+        if not self._exit_hook:
+            atexit.register(self._unmount_all)
+            self._exit_hook = True
+        _unmount(staging)
+        staging.rmdir()
+        self.set_free(sandbox_path, free, inodes)
+
+    def set_free(self, sandbox_path, free=None, inodes=None):
+        """Resizes a limited directory's file system so that `free` bytes and
+        `inodes` inodes are left (0: full; None: plenty)."""
+        host = self._mount_point(sandbox_path)
+        used, used_inodes = _usage(host)
+        size = ROOMY_SIZE if free is None else used + free
+        count = ROOMY_INODES if inodes is None else used_inodes + inodes
+        # tmpfs cannot shrink below what it holds: a size of exactly that
+        # leaves nothing free.
+        _mount("-o", "remount,size=%d,nr_inodes=%d" % (max(size, 1), count), str(host))
+
+    def read_only(self, sandbox_path):
+        """Makes a limited directory's file system read-only."""
+        _mount("-o", "remount,ro", str(self._mount_point(sandbox_path)))
+
+    def mend(self, sandbox_path):
+        """Makes a limited directory's file system writable again, with room."""
+        host = self._mount_point(sandbox_path)
+        _mount("-o", "remount,rw,size=%d,nr_inodes=%d" % (ROOMY_SIZE, ROOMY_INODES), str(host))
+
+    def unlimit(self, sandbox_path):
+        """Takes a limited directory's file system down, its content back on
+        the sandbox's own disk."""
+        host = self._mount_point(sandbox_path)
+        copy = Path(tempfile.mkdtemp(prefix="unlimit-", dir=self.dir))
+        try:
+            subprocess.run(["cp", "-a", "--", str(host), str(copy / "content")], check=True)
+            _unmount(host)
+            del self.mounts[os.path.normpath(sandbox_path)]
+            shutil.rmtree(host)   # what the mount hid: the content before it
+            (copy / "content").rename(host)
+        finally:
+            shutil.rmtree(copy, ignore_errors=True)
+
+    def _mount_point(self, sandbox_path):
+        try:
+            return self.mounts[os.path.normpath(sandbox_path)]
+        except KeyError:
+            raise SandboxError("%s is not limited (see limit())" % sandbox_path) from None
+
+    def _unmount_all(self):
+        for sandbox_path in sorted(self.mounts, reverse=True):
+            _unmount(self.mounts.pop(sandbox_path))
+
     # -- running ------------------------------------------------------------
 
     def environment(self, env=None):
@@ -723,6 +873,14 @@ class Sandbox:
     # -- clean-up -----------------------------------------------------------
 
     def cleanup(self):
+        """Removes a fresh sandbox; a kept one keeps its tree, limited
+        directories back on its own disk.  No mount outlives it either way."""
+        try:
+            if self.keep:
+                for sandbox_path in sorted(self.mounts, reverse=True):
+                    self.unlimit(sandbox_path)
+        finally:
+            self._unmount_all()
         if not self.keep and self.dir.exists():
             shutil.rmtree(self.dir)
 

@@ -84,6 +84,12 @@ def sandbox_copy(root):
     directory = Path(tempfile.mkdtemp(prefix="dravnik-copy-"))
     try:
         subprocess.run(["cp", "-a", "--", str(root), str(directory / "root")], check=True)
-        yield sandbox_module.Sandbox(directory)
+        box = sandbox_module.Sandbox(directory)
+        box.keep = False  # goes with the test, with any file system it mounted
+        try:
+            yield box
+        finally:
+            box.cleanup()
     finally:
-        shutil.rmtree(directory)
+        if directory.exists():
+            shutil.rmtree(directory)

@@ -99,3 +99,39 @@ def test_snapshot_reports_added_changed_and_removed(sandbox):
     text = sandbox.describe(list(changes.values()))
     assert "added   /var/qmail/mailnames/example.com (dir 0700 popuser:popuser)" in text
     assert "(file 0600 root:root, was file 0644 root:root)" in text
+
+
+def mounts_under(path):
+    with open("/proc/self/mountinfo") as f:
+        return [line.split()[4] for line in f if line.split()[4].startswith(str(path))]
+
+
+def test_a_limited_directory_keeps_its_content_and_leaves_no_mount(tmp_path):
+    """Full, read-only and mended again with the content kept; a kept
+    sandbox gets its content back on its own disk, a fresh one goes whole."""
+    import sandbox as sandbox_module
+    kept = sandbox_module.Sandbox(tmp_path / "kept")
+    kept.write("/var/qmail/control/me", "here\n")
+    kept.limit("/var/qmail", free=0)
+    # A new file needs a page of its own.
+    fill = ["/bin/cp", "/etc/hostname", "/var/qmail/control/new"]
+    r = kept.run_raw(fill)
+    assert r.rc != 0 and "No space left on device" in r.err, r
+    kept.read_only("/var/qmail")
+    r = kept.run_raw(fill)
+    assert r.rc != 0 and "Read-only file system" in r.err, r
+    kept.mend("/var/qmail")
+    assert kept.run_raw(fill).rc == 0
+    assert mounts_under(kept.dir)
+    kept.cleanup()
+    assert not mounts_under(kept.dir)
+    assert (kept.read("/var/qmail/control/me"), kept.read("/var/qmail/control/new")) == \
+        ("here\n", kept.read("/etc/hostname"))
+
+    fresh = sandbox_module.Sandbox()
+    try:
+        fresh.limit("/var/qmail/users", inodes=0)
+        assert fresh.run_raw(["/bin/touch", "/var/qmail/users/x"]).rc != 0
+    finally:
+        fresh.cleanup()
+    assert not mounts_under(fresh.dir) and not fresh.dir.exists()

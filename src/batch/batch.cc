@@ -63,15 +63,20 @@ class Batch {
 
   // False once the batch is to stop.
   bool run_line(size_t number, const std::string& line);
-  // Ends the checkpoint and reports what it holds. False when the report
-  // could not be written.
+  // Ends the checkpoint and reports what it holds. False when the batch is
+  // to stop: the checkpoint could not be closed, or its report not written.
   bool flush();
   int status() const { return failed_ ? 1 : 0; }
+  // Whether the report or the journal could not be written, and why.
+  bool unrecorded() const { return unrecorded_ != 0; }
+  int unrecorded_errno() const { return unrecorded_; }
+  // What an operator is to know when a checkpoint could not be closed.
+  void explain_stop();
   void end_progress();
 
  private:
-  // False when the checkpoint that a command run alone ends could not be
-  // reported.
+  // False when the batch is to stop at the checkpoint that a command run
+  // alone ends.
   bool run_command(size_t number, const Command& command);
   void show_progress();
 
@@ -86,6 +91,10 @@ class Batch {
   bool progress_;
   bool failed_ = false;
   bool retry_last_ = false;  // stopped on a failure, which is run again
+  int unrecorded_ = 0;  // the errno of the failed write of the report or journal
+  // The lines of the checkpoint that could not be closed; 0 while none.
+  size_t undone_first_ = 0;
+  size_t undone_last_ = 0;
 };
 
 bool Batch::run_command(size_t number, const Command& command) {
@@ -140,9 +149,16 @@ bool Batch::resume() {
   return write_all(runner_.output_fd(), report);
 }
 
+// A checkpoint whose files or databases could not be written is not
+// recorded as done: the same batch run again starts with its first line, and
+// since the close left the databases as they were before it, its commands
+// redo their part. The batch stops there, --stop-on-error or not: the
+// journal tells how far the batch got by one line number, so no later
+// checkpoint could be recorded.
 bool Batch::flush() {
   Checkpoint::Result result;
   std::string const printed = runner_.capture([&] { result = checkpoint_.close(); });
+  bool const closed = result.written();
   // What the close printed explains a failure it reports; otherwise it
   // belongs to no command, and goes to standard error.
   std::string message = result.message();
@@ -154,8 +170,9 @@ bool Batch::flush() {
   size_t recorded = 0;  // how much of the report goes into the journal
   size_t last = 0;
   for (Done& done : done_) {
-    if (!message.empty() &&
-        (done.asked_qmail || result.databases_failed || result.quotas_failed)) {
+    // Every command of a checkpoint not written is to be run again; a failed
+    // compile or signal concerns those that asked for one.
+    if (!message.empty() && (!closed || done.asked_qmail)) {
       done.outcome.status = done.outcome.status ? done.outcome.status : 1;
       done.outcome.output += message;
     }
@@ -166,15 +183,37 @@ bool Batch::flush() {
               ", \"output\": " + json_quote(done.outcome.output) + "}\n";
     // The failure the batch stopped at is not recorded as done: the same
     // batch run again, once its cause is mended, starts with it.
-    if (&done != &done_.back() || !retry_last_) {
+    if (closed && (&done != &done_.back() || !retry_last_)) {
       recorded = report.size();
       last = done.line;
     }
   }
+  if (!closed && !done_.empty()) {
+    undone_first_ = done_.front().line;
+    undone_last_ = done_.back().line;
+  }
   done_.clear();
   // Recorded after the checkpoint is closed: a kill before the record runs
   // this checkpoint again, a kill after does not.
-  return write_all(runner_.output_fd(), report) && journal_->record(report.substr(0, recorded), last);
+  if (!write_all(runner_.output_fd(), report) ||
+      !journal_->record(report.substr(0, recorded), last)) {
+    unrecorded_ = errno ? errno : EIO;
+    return false;
+  }
+  return undone_first_ == 0;
+}
+
+void Batch::explain_stop() {
+  if (undone_first_ == 0)
+    return;
+  std::string text = "dravnik-batch: the checkpoint of lines " + std::to_string(undone_first_) +
+                     " to " + std::to_string(undone_last_) +
+                     " could not be closed; they are not recorded as done";
+  if (finished_ < total_)
+    text += ", and the " + std::to_string(total_ - finished_) + " commands after them were not run";
+  text += ". Once the cause is mended, run the same batch again: it goes on with line " +
+          std::to_string(undone_first_) + ".\n";
+  (void)write_all(runner_.error_fd(), text);
 }
 
 void Batch::show_progress() {
@@ -242,7 +281,7 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
   std::string error;
   if (!journal.open(lines, &error)) {
     fprintf(stderr, "dravnik-batch: %s\n", error.c_str());
-    return 2;
+    return 1;
   }
   // Held for the whole batch, before any command runs: see qmail/lock.h.
   if (hold_setup_lock_shared() != 0) {
@@ -250,21 +289,24 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
     return 2;
   }
   Batch batch(options, &journal, total);
-  if (!batch.resume())
-    return 2;
+  if (!batch.resume()) {
+    fprintf(stderr, "dravnik-batch: cannot write the report: %s\n", strerror(errno));
+    return 1;
+  }
   for (size_t i = journal.done_through(); i < lines.size(); ++i) {
     if (is_blank(lines[i]))
       continue;
     if (!batch.run_line(i + 1, lines[i]))
       break;
   }
-  bool const reported = batch.flush();
+  (void)batch.flush();
   batch.end_progress();
-  if (!reported) {
+  if (batch.unrecorded()) {
     fprintf(stderr, "dravnik-batch: cannot write the report or the journal: %s\n",
-            strerror(errno));
-    return 2;
+            strerror(batch.unrecorded_errno()));
+    return 1;
   }
+  batch.explain_stop();
   return batch.status();
 }
 

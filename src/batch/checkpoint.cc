@@ -49,10 +49,19 @@ Checkpoint::Result Checkpoint::close() {
   open_ = false;
   // The quota files first: the compile below opens the new mailboxes to mail.
   result.quotas_failed = maildirsize_write_held() != 0;
-  result.files_failed = line_files_write_held() != 0;
+  if (result.quotas_failed)
+    line_files_drop_held();
+  else
+    result.files_failed = line_files_write_held() != 0;
   qmail_defer(false);
+  // Also after a failed write: other files may have been written.
   result.failed = qmail_run_deferred();
-  result.databases_failed = sqlite::commit_transactions() != 0;
+  if (result.quotas_failed || result.files_failed) {
+    result.databases_undone = true;
+    result.databases_failed = sqlite::rollback_transactions() != 0;
+  } else {
+    result.databases_failed = sqlite::commit_transactions() != 0;
+  }
   return result;
 }
 
@@ -62,7 +71,9 @@ std::string Checkpoint::Result::message() const {
     text += "dravnik-batch: the qmail files of this checkpoint could not be written\n";
   if (quotas_failed)
     text += "dravnik-batch: the quota files of this checkpoint's mailboxes could not all be written\n";
-  if (databases_failed)
+  if (databases_undone)
+    text += "dravnik-batch: the database changes of this checkpoint were undone\n";
+  else if (databases_failed)
     text += "dravnik-batch: the database changes of this checkpoint could not be committed\n";
   if (failed.newu)
     text += "dravnik-batch: qmail-newu failed at the checkpoint\n";

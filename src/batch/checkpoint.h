@@ -13,6 +13,12 @@
 // users/assign asks for one) brings up to date. The databases commit last;
 // a kill before leaves them as they were before the checkpoint, and the
 // commands, run again, redo their part.
+//
+// A close that cannot write its files (a full or read-only disk) ends the
+// same way: a quota file that cannot be written keeps the shared files as
+// they were (they would open the new mailboxes to mail without their
+// limits), and the databases are rolled back, so that the commands run again
+// meet them as they were before the checkpoint.
 #ifndef DRAVNIK_BATCH_CHECKPOINT_H_
 #define DRAVNIK_BATCH_CHECKPOINT_H_
 
@@ -41,7 +47,13 @@ class Checkpoint {
     bool files_failed = false;
     bool quotas_failed = false;  // a mailbox's maildirsize
     bool databases_failed = false;
+    bool databases_undone = false;  // rolled back after a failed write
     QmailRequests failed;  // which deferred runs failed
+    // Whether the files were written and the databases committed: else the
+    // checkpoint's commands are to be run again. A compile or signal that
+    // failed does not undo them (qmail may just be stopped); the next
+    // compile or signal catches up.
+    bool written() const { return !files_failed && !quotas_failed && !databases_failed; }
     // The text for the commands that a failure here concerns.
     std::string message() const;
   };

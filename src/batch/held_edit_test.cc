@@ -66,6 +66,21 @@ TEST_P(HeldEditTest, LeavesWhatTheEditsOnDiskLeave) {
   EXPECT_EQ(tavix::test::read_file(held), tavix::test::read_file(disk));
 }
 
+// Dropped edits never reach the file, and the hold and its lock are over:
+// the next edit works on disk at once.
+TEST(HeldEditDropTest, LeavesTheFileAsBeforeTheHold) {
+  tavix::test::ScratchDir dir;
+  const std::string path = dir.path("file");
+  tavix::test::write_file(path, "a\n");
+  const char* const paths[] = {path.c_str(), nullptr};
+  line_files_hold(paths);
+  ASSERT_EQ(file_str(path.c_str(), "b", kLinesAdd, kAddAppend), 0);
+  line_files_drop_held();
+  EXPECT_EQ(tavix::test::read_file(path), "a\n");
+  ASSERT_EQ(file_str(path.c_str(), "c", kLinesAdd, kAddAppend), 0);
+  EXPECT_EQ(tavix::test::read_file(path), "a\nc\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Edits, HeldEditTest,
     testing::Values(

@@ -91,16 +91,25 @@ bool Journal::load(std::string* error) {
     return fail(error, "cannot truncate " + path_);
   if (lseek(fd_.get(), 0, SEEK_END) < 0)
     return fail(error, "cannot seek in " + path_);
+  size_ = static_cast<off_t>(done_.size());
   return true;
 }
 
 bool Journal::record(const std::string& report, size_t last) {
   if (report.empty())
     return true;
-  if (!write_all(fd_.get(), report) || fdatasync(fd_.get()) != 0)
-    return false;
-  through_ = last;
-  return true;
+  if (write_all(fd_.get(), report) && fdatasync(fd_.get()) == 0) {
+    size_ += static_cast<off_t>(report.size());
+    through_ = last;
+    return true;
+  }
+  // A disk that filled up midway leaves whole lines of the checkpoint, which
+  // the next run would take for done: cut them off (which needs no room).
+  int const saved = errno;
+  if (ftruncate(fd_.get(), size_) == 0)
+    (void)lseek(fd_.get(), size_, SEEK_SET);
+  errno = saved;
+  return false;
 }
 
 }  // namespace batch

@@ -16,6 +16,8 @@
 #ifndef DRAVNIK_BATCH_JOURNAL_H_
 #define DRAVNIK_BATCH_JOURNAL_H_
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -40,7 +42,8 @@ class Journal {
   const std::string& path() const { return path_; }
 
   // Appends the report of a closed checkpoint that ends with input line
-  // `last` and puts it on disk. False with errno set.
+  // `last` and puts it on disk. False with errno set, the journal then as
+  // it was.
   bool record(const std::string& report, size_t last);
 
  private:
@@ -50,6 +53,7 @@ class Journal {
   UniqueFd fd_;
   std::string done_;
   size_t through_ = 0;
+  off_t size_ = 0;  // what the whole records take in the file
 };
 
 }  // namespace batch

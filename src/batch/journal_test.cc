@@ -1,6 +1,9 @@
 #include "batch/journal.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <string>
 #include <vector>
@@ -47,6 +50,36 @@ TEST(Journal, ResumesAfterTheLastWholeLineAndLocksOutASecondRun) {
   ASSERT_TRUE(other.open({kLines[0]}, &error, dir.c_str())) << error;
   EXPECT_NE(path, other.path());
   EXPECT_EQ(0u, other.done_through());
+}
+
+// A record the disk has no room for is not left half written: the journal
+// stays as it was, to this run and the next.
+TEST(Journal, FailedRecordLeavesNoPartOfIt) {
+  TempDir tmp;
+  const std::string dir = tmp.path("batch");
+  std::string error;
+  Journal journal;
+  ASSERT_TRUE(journal.open(kLines, &error, dir.c_str())) << error;
+  ASSERT_TRUE(journal.record(kFirst, 1));
+  std::string const second = "{\"line\": 2, \"status\": 0, \"output\": \"\"}\n";
+  {
+    // A file size limit stands in for a full disk: the write stops short.
+    struct rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+    struct rlimit small = saved;
+    small.rlim_cur = sizeof kFirst - 1 + 10;
+    sighandler_t const handler = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    EXPECT_FALSE(journal.record(second + second, 3));
+    int const cause = errno;
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+    signal(SIGXFSZ, handler);
+    EXPECT_EQ(EFBIG, cause);
+  }
+  EXPECT_EQ(kFirst, read_file(journal.path()));
+  EXPECT_EQ(1u, journal.done_through());
+  ASSERT_TRUE(journal.record(second, 2));
+  EXPECT_EQ(std::string(kFirst) + second, read_file(journal.path()));
 }
 
 }  // namespace

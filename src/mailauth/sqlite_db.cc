@@ -66,7 +66,12 @@ sqlite3_stmt* take_idle(sqlite3* db, const std::string& sql) {
 
 void begin_transactions() { shared().active = true; }
 
-int commit_transactions() {
+namespace {
+
+// Ends transaction mode with `sql` ("COMMIT" or "ROLLBACK") on each
+// connection. A connection closed with its transaction still open (its
+// COMMIT failed) rolls it back.
+int end_transactions(const char* sql, const char* failure_format) {
   Shared& state = shared();
   // A connection with statements left unfinalized would not close.
   for (auto& entry : state.idle)
@@ -75,9 +80,8 @@ int commit_transactions() {
   int result = 0;
   for (auto& entry : state.connections) {
     std::string message;
-    if (entry.second->exec("COMMIT", &message) != SQLITE_OK) {
-      tavix_log(LOG_ERR, "Unable to commit the changes of %s: %s", entry.first.c_str(),
-                message.c_str());
+    if (entry.second->exec(sql, &message) != SQLITE_OK) {
+      tavix_log(LOG_ERR, failure_format, entry.first.c_str(), message.c_str());
       result = -1;
     }
     entry.second->close();
@@ -85,6 +89,16 @@ int commit_transactions() {
   state.connections.clear();
   state.active = false;
   return result;
+}
+
+}  // namespace
+
+int commit_transactions() {
+  return end_transactions("COMMIT", "Unable to commit the changes of %s: %s");
+}
+
+int rollback_transactions() {
+  return end_transactions("ROLLBACK", "Unable to roll back the changes of %s: %s");
 }
 
 int busy_sleep(unsigned attempt) {

@@ -61,6 +61,10 @@ void begin_transactions();
 // 0, or -1 after logging a connection whose commit failed (the others are
 // committed).
 int commit_transactions();
+// Ends the mode undoing every change made in it, for a run whose other
+// writes failed: the databases stay as they were at begin_transactions().
+// 0, or -1 after logging (closing the connection undoes it then).
+int rollback_transactions();
 
 // Owns a database connection; the destructor closes it under the busy rule.
 class Database {

@@ -118,6 +118,30 @@ TEST_F(SqliteDbTest, TransactionModeReusesStatements) {
             QueryRows(path_, "SELECT v FROM t ORDER BY rowid"));
 }
 
+// A rollback undoes everything since begin_transactions(), an operation's
+// own committed transaction inside the mode included, and ends the mode: the
+// next open writes at once again.
+TEST_F(SqliteDbTest, RollbackUndoesTheWholeMode) {
+  tavix::sqlite::begin_transactions();
+  {
+    Database db;
+    ASSERT_EQ(0, db.open(path_.c_str()));
+    for (const char* sql : {"BEGIN TRANSACTION;", "INSERT INTO t VALUES ('two')",
+                            "END TRANSACTION;"}) {
+      Statement stmt;
+      ASSERT_EQ(0, stmt.prepare(db, sql));
+      ASSERT_EQ(SQLITE_DONE, stmt.step()) << sql;
+    }
+  }
+  EXPECT_EQ(0, tavix::sqlite::rollback_transactions());
+  EXPECT_EQ(Rows{{"one"}}, QueryRows(path_, "SELECT v FROM t ORDER BY rowid"));
+  Database db;
+  ASSERT_EQ(0, db.open(path_.c_str()));
+  std::string message;
+  ASSERT_EQ(SQLITE_OK, db.exec("INSERT INTO t VALUES ('three')", &message)) << message;
+  EXPECT_EQ((Rows{{"one"}, {"three"}}), QueryRows(path_, "SELECT v FROM t ORDER BY rowid"));
+}
+
 // Each primitive waits for another connection's lock, well beyond SQLite's
 // own busy timeout, and then succeeds.
 TEST_F(SqliteDbTest, BusyOperationsWaitForTheLock) {

@@ -904,6 +904,17 @@ int line_files_write_held() {
   return result;
 }
 
+void line_files_drop_held() {
+  Holding& state = holding();
+  for (auto& entry : state.files) {
+    if (entry.second->lock.release() != 0)
+      log_error("Error occurred while unlocking the file %s: %s\n", entry.first.c_str());
+  }
+  state.files.clear();
+  state.paths.clear();
+  state.active = false;
+}
+
 int line_file_write_held(const char* path) {
   Holding& state = holding();
   auto found = state.files.find(path);

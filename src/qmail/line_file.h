@@ -81,6 +81,10 @@ void line_files_hold(const char* const* paths);
 // Writes and releases everything held and ends the hold. 0, or 1 after
 // reporting a file that could not be written (the others are written).
 int line_files_write_held();
+// Ends the hold without writing: the held edits are forgotten, the locks
+// let go, and every held file stays as it was before the hold. For a run
+// whose other writes failed, so that the files do not run ahead of them.
+void line_files_drop_held();
 // Writes one held path now and lets its lock go, for an edit that must
 // read or lock the real file (a sed child); its next edit holds it again.
 // 0 when it was not held or is written, else 1 after reporting.
