@@ -286,7 +286,7 @@ int run_batch(const Options& options, const std::vector<std::string>& lines) {
   // Held for the whole batch, before any command runs: see qmail/lock.h.
   if (hold_setup_lock_shared() != 0) {
     fprintf(stderr, "dravnik-batch: cannot lock the mail setup: %s\n", strerror(errno));
-    return 2;
+    return 1;
   }
   Batch batch(options, &journal, total);
   if (!batch.resume()) {
