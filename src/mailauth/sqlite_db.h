@@ -11,6 +11,7 @@
 #define DRAVNIK_MAILAUTH_SQLITE_DB_H_
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <string>
@@ -60,6 +61,10 @@ void begin_transactions();
 // 0, or -1 after logging a connection whose commit failed (the others are
 // committed).
 int commit_transactions();
+// Whether `file` (as fstat() gives it) is the database or a journal of a
+// connection that transaction mode keeps: SQLite keeps those descriptors
+// open across operations on purpose.
+bool holds_file(const struct stat& file);
 
 // Owns a database connection; the destructor closes it under the busy rule.
 class Database {

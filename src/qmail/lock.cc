@@ -89,8 +89,13 @@ bool still_same(const LockDir& cached, const std::string& dir) {
          st.st_uid == cached.st.st_uid && st.st_mode == cached.st.st_mode;
 }
 
-int lock_dir_fd(const std::string& dir) {
+LockDir& cached_lock_dir() {
   static LockDir cached;
+  return cached;
+}
+
+int lock_dir_fd(const std::string& dir) {
+  LockDir& cached = cached_lock_dir();
   if (still_same(cached, dir))
     return cached.fd.get();
   cached.fd = open_lock_dir(dir);
@@ -114,6 +119,8 @@ int open_lock_file(const char* path, int open_flags) {
 }
 
 }  // namespace
+
+bool lock_dir_descriptor(int fd) { return fd >= 0 && cached_lock_dir().fd.get() == fd; }
 
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
                       int use_lock_dir) {

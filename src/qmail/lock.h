@@ -48,6 +48,9 @@ int rm_lock(lock_handle* handle);
 // rm_lock() for a handle whose lock was never obtained.
 int free_lock(lock_handle* handle);
 
+// Whether `fd` is the lock directory, which stays open for the next lock.
+bool lock_dir_descriptor(int fd);
+
 namespace tavix {
 
 // Owns a lock handle: whatever path leaves the scope releases the lock.
