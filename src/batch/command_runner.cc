@@ -199,6 +199,7 @@ std::string CommandRunner::capture(const std::function<void()>& work) {
     throw;
   }
   flush_streams();
+  fresh_.descriptors_changed();
   std::string printed = written(output_.get());
   output_used_ = !printed.empty();
   restore();

@@ -89,25 +89,33 @@ std::vector<int> FreshState::open_descriptors() {
 }
 
 void FreshState::before_command() {
-  open_before_ = open_descriptors();
+  if (!baseline_known_) {
+    baseline_ = open_descriptors();
+    baseline_known_ = true;
+  }
   errno = 0;
 }
 
+// Listing the descriptors costs a read of /proc per entry, and a checkpoint
+// holds hundreds (its Maildirs): too dear for every command. A command that
+// ends with status 0 has gone the ways its owners close what they opened;
+// only a lock kept "until exit" outlives them, and that is let go here. A
+// failed one may have been cut short anywhere: whatever it left open, and
+// whatever an earlier command left open that nobody holds, is closed then.
 void FreshState::after_command(bool failed) {
-  for (int fd : open_descriptors()) {
-    if (!std::binary_search(open_before_.begin(), open_before_.end(), fd) &&
-        !kept_on_purpose(fd))
-      (void)close(fd);  // the command's to close; what that close says is lost with it
-  }
+  release_kept_locks();
   if (fchdir(start_dir_.get()) != 0)
     fail("cannot return to the batch's working directory");
   umask(umask_);
   if (!failed)
     return;
+  for (int fd : open_descriptors()) {
+    if (!std::binary_search(baseline_.begin(), baseline_.end(), fd) && !kept_on_purpose(fd))
+      (void)close(fd);  // the command's to close; what that close says is lost with it
+  }
   // Commands change the signal mask and dispositions only under guards
-  // that put them back on every way out. After a failure, which may leave
-  // from anywhere, they are put back all the same: at a system call per
-  // signal, too dear for every command.
+  // that put them back on every way out; after a failure they are put back
+  // all the same.
   if (sigprocmask(SIG_SETMASK, &mask_, nullptr) != 0)
     fail("cannot put the signal mask back");
   for (int signal = 1; signal < NSIG; ++signal) {

@@ -26,17 +26,20 @@ class FreshState {
   FreshState(const FreshState&) = delete;
   FreshState& operator=(const FreshState&) = delete;
 
-  // Right before a command: notes the descriptors open now (the batch's
-  // own and those a checkpoint holds), which the command may not close
-  // behind its owners' backs either, and clears errno.
+  // Right before a command: clears errno and, when the descriptors may
+  // have changed since the last look, notes those open now (the batch's
+  // own), which a command may not close behind their owners' backs.
   void before_command();
-  // Right after it: closes what the command opened and left open, except
-  // what a checkpoint holds on purpose and the connections libraries keep
-  // for the process (the log's socket), and puts the noted state back.
-  // `failed`: the command did not end with status 0; the signal mask and
-  // dispositions are put back too. Throws std::runtime_error when the
-  // state cannot be put back.
+  // Right after it: lets go of the locks it kept "until exit", puts the
+  // working directory and umask back and, when it failed (`failed`: its
+  // status was not 0), closes what it left open and puts the signal mask
+  // and dispositions back; what a checkpoint holds on purpose and the
+  // connections libraries keep for the process (the log's socket) stay.
+  // Throws std::runtime_error when the state cannot be put back.
   void after_command(bool failed);
+  // The batch opened or closed descriptors of its own (a checkpoint's
+  // close, the journal): before_command() looks again.
+  void descriptors_changed() { baseline_known_ = false; }
 
  private:
   std::vector<int> open_descriptors();
@@ -47,7 +50,8 @@ class FreshState {
   sigset_t mask_;
   struct sigaction actions_[NSIG];
   bool action_known_[NSIG];
-  std::vector<int> open_before_;
+  std::vector<int> baseline_;  // open before the commands, sorted
+  bool baseline_known_ = false;
 };
 
 }  // namespace batch

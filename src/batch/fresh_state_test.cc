@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
                    EXPECT_GE(fd, 0);
                    return [fd] { return !is_open(fd); };
                  },
-                 false},
+                 true},
         // A failed edit keeps its lock "until the run ends": in a batch
         // the next command taking it would wait for ever.
         Leftover{"lock_kept_until_exit",
@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                    lock.keep_until_exit();
                    return [path] { return lock_is_free(path); };
                  },
-                 true},
+                 false},
         Leftover{"signal_ignored_by_a_failed_command",
                  [](const std::string&) {
                    signal(SIGPIPE, SIG_IGN);
@@ -119,7 +119,8 @@ TEST(FreshState, ClearsErrnoForTheCommand) {
 }
 
 // What was open before the command, what a checkpoint holds, and the lock
-// directory kept for the next lock all stay open, and their locks held.
+// directory kept for the next lock all stay open after a failed command,
+// and their locks held.
 TEST(FreshState, KeepsWhatIsKeptOnPurpose) {
   tavix::test::ScratchDir scratch;
   std::string const held = scratch.path("held"), other = scratch.path("other");
@@ -133,7 +134,7 @@ TEST(FreshState, KeepsWhatIsKeptOnPurpose) {
   fresh.before_command();
   ASSERT_EQ(file_str(held.c_str(), "b", kLinesAdd, kAddAppend), 0);
   { tavix::ScopedLock lock(mk_lock(other.c_str(), 1)); }
-  fresh.after_command(false);
+  fresh.after_command(true);
 
   EXPECT_TRUE(is_open(before));
   EXPECT_FALSE(lock_is_free(held)) << "the held file's lock was let go";

@@ -11,6 +11,7 @@
 
 #include <new>
 #include <string>
+#include <vector>
 
 #include "util/fs.h"
 #include "util/log.h"
@@ -89,6 +90,12 @@ bool still_same(const LockDir& cached, const std::string& dir) {
          st.st_uid == cached.st.st_uid && st.st_mode == cached.st.st_mode;
 }
 
+// The descriptors of the locks keep_until_exit() kept.
+std::vector<int>& kept_locks() {
+  static std::vector<int> descriptors;
+  return descriptors;
+}
+
 LockDir& cached_lock_dir() {
   static LockDir cached;
   return cached;
@@ -119,6 +126,12 @@ int open_lock_file(const char* path, int open_flags) {
 }
 
 }  // namespace
+
+void release_kept_locks() {
+  for (int fd : kept_locks())
+    (void)close(fd);  // a lock file: nothing written that the close could lose
+  kept_locks().clear();
+}
 
 bool lock_dir_descriptor(int fd) { return fd >= 0 && cached_lock_dir().fd.get() == fd; }
 
@@ -199,6 +212,8 @@ int ScopedLock::release() {
 void ScopedLock::keep_until_exit() {
   if (!handle_)
     return;
+  if (handle_->descriptor >= 0)
+    kept_locks().push_back(handle_->descriptor);
   handle_->descriptor = -1;  // rm_lock() now only frees; the lock stays
   release();
 }

@@ -50,6 +50,9 @@ int free_lock(lock_handle* handle);
 
 // Whether `fd` is the lock directory, which stays open for the next lock.
 bool lock_dir_descriptor(int fd);
+// Lets go of the locks that keep_until_exit() kept: in a run of many
+// commands, "until exit" is until the command ends.
+void release_kept_locks();
 
 namespace tavix {
 
@@ -71,7 +74,7 @@ class ScopedLock {
   // result.
   int release();
   // Frees the handle but leaves the lock file open, so that the lock stays
-  // held until the process ends.
+  // held until the process ends (or release_kept_locks()).
   void keep_until_exit();
 
  private:
