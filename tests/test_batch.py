@@ -335,3 +335,62 @@ def test_what_a_checkpoint_close_prints_stays_out_of_the_report(sandbox):
     assert p.returncode == 1 and report["status"] == 1, p
     assert "qmail-send: no process found" in report["output"], report
     assert "could not be told to re-read its files" in report["output"], report
+
+
+def plant_file_for_spam_folder(sb, domain, name):
+    """A regular file where the mailbox's .Spam folder is to be made: adding
+    the mail name fails half-way, inside the mail name's directory, which
+    its undo then removes."""
+    home = sb.path("/var/qmail/mailnames/%s/%s" % (domain, name))
+    (home / "Maildir").mkdir(parents=True)
+    (home / "Maildir" / ".Spam").write_text("")
+    for path in (home, home / "Maildir", home / "Maildir" / ".Spam"):
+        os.chown(path, sandbox_module.POPUSER_UID, sandbox_module.POPUSER_GID)
+
+
+def test_a_failed_command_leaves_nothing_to_the_next(boxes):
+    alone, batched = boxes
+    domain = "example.com"
+    commands = [{"argv": ["--add-mailname", "--domain-name=" + domain, "--mailname=" + name,
+                          "--disk-quota=-1"]}
+                for name in ("one", "bad", "two", "three")]
+    for sb in boxes:
+        sb.run("--add-domain", "--domain-name=" + domain, "--wait-stdin", stdin=session(domain))
+        plant_file_for_spam_folder(sb, domain, "bad")
+    expected = run_alone(alone, commands)
+    assert [rc for rc, _ in expected] == [0, 1, 0, 0]
+    r = run_batch(batched, [json.dumps(c) + "\n" for c in commands])
+    got = [(g["status"], normal(g["output"])) for g in map(json.loads, r.out.splitlines())]
+    assert r.rc == 1 and got == [(rc, normal(out)) for rc, out in expected], r
+    assert not differences(state(batched), state(alone))
+
+
+def test_unicode_names_and_passwords_reach_the_commands_whole(boxes):
+    alone, batched = boxes
+    domain, password = "bücher.example", "grüß \U0001F600"
+    ascii_domain = domain.encode("idna").decode()
+    commands = [
+        {"argv": ["--add-domain", "--domain-name=" + domain, "--wait-stdin"],
+         "stdin": json.loads(session(ascii_domain))},
+        {"argv": ["--add-mailname", "--domain-name=" + domain, "--mailname=john",
+                  "--disk-quota=-1"]},
+        {"argv": ["--add-mailbox", "--domain-name=" + domain, "--mailname=john",
+                  "--mail-addresses", "john"], "password": password},
+        # Refused by the command itself, in the same words as alone.
+        {"argv": ["--add-mailname", "--domain-name=" + domain, "--mailname=jürgen"]},
+    ]
+    expected = run_alone(alone, commands)
+    assert [rc for rc, _ in expected] == [0, 0, 0, 1], expected
+    # As UTF-8 and as \u escapes (the password's emoji as a surrogate pair).
+    lines = [json.dumps(c, ensure_ascii=n % 2 == 0) + "\n" for n, c in enumerate(commands)]
+    assert "\\ud83d\\ude00" in lines[2] and "ü" in lines[3]
+    # Cut at the NUL, this would remove john.
+    lines.append(json.dumps({"argv": ["--remove-mailname", "--domain-name=" + domain,
+                                      "--mailname=john\u0000x"]}) + "\n")
+    r = run_batch(batched, lines)
+    got = [(g["status"], normal(g["output"])) for g in map(json.loads, r.out.splitlines())]
+    assert r.rc == 1 and got[:4] == [(rc, normal(out)) for rc, out in expected], r
+    assert got[4][0] == 1 and "holds a NUL character" in got[4][1], got[4]
+    assert not differences(state(batched), state(alone))
+    users = state(batched)[1]
+    assert [(d, u, p) for d, _, u, p, _, _ in users] == [(ascii_domain, "john", password)]

@@ -199,6 +199,7 @@ std::string CommandRunner::capture(const std::function<void()>& work) {
     throw;
   }
   flush_streams();
+  fresh_.descriptors_changed();
   std::string printed = written(output_.get());
   output_used_ = !printed.empty();
   restore();
@@ -220,10 +221,12 @@ Outcome CommandRunner::run(const Command& command) {
   Outcome outcome;
   redirect(command.stdin_text ? input_.get() : no_input_.get());
   hand_passwords(command);
+  fresh_.before_command();
   outcome.status = run_command(static_cast<int>(words.size()), argv.data());
   drop_passwords();
   free_session_mail_db_info();
   flush_streams();
+  fresh_.after_command(outcome.status != 0);
   outcome.output = written(output_.get());
   output_used_ = !outcome.output.empty();
   return outcome;

@@ -1,7 +1,8 @@
 // Running one dravnik command inside this process, as its own run would:
-// its document on standard input, its passwords where the front end looks
-// for them, whatever it prints on standard output and standard error kept
-// for the caller, and a fatal failure ending that command only.
+// from the state a run of its own starts from (fresh_state.h), its document
+// on standard input, its passwords where the front end looks for them,
+// whatever it prints on standard output and standard error kept for the
+// caller, and a fatal failure ending that command only.
 #ifndef DRAVNIK_BATCH_COMMAND_RUNNER_H_
 #define DRAVNIK_BATCH_COMMAND_RUNNER_H_
 
@@ -9,6 +10,7 @@
 #include <string>
 
 #include "batch/batch_input.h"
+#include "batch/fresh_state.h"
 #include "util/fs.h"
 
 namespace tavix {
@@ -48,6 +50,7 @@ class CommandRunner {
   void load_input(const std::string& text);
   void clear_output();
 
+  FreshState fresh_;
   UniqueFd saved_in_;
   UniqueFd saved_out_;
   UniqueFd saved_err_;

@@ -66,6 +66,22 @@ sqlite3_stmt* take_idle(sqlite3* db, const std::string& sql) {
 
 void begin_transactions() { shared().active = true; }
 
+bool holds_file(const struct stat& file) {
+  static const char* const kSuffixes[] = {"", "-journal", "-wal", "-shm"};
+  for (const auto& entry : shared().connections) {
+    const char* name = sqlite3_db_filename(entry.second->get(), "main");
+    if (name == nullptr)
+      continue;
+    for (const char* suffix : kSuffixes) {
+      struct stat kept;
+      if (stat((std::string(name) + suffix).c_str(), &kept) == 0 &&
+          kept.st_dev == file.st_dev && kept.st_ino == file.st_ino)
+        return true;
+    }
+  }
+  return false;
+}
+
 namespace {
 
 // Ends transaction mode with `sql` ("COMMIT" or "ROLLBACK") on each

@@ -11,6 +11,7 @@
 #define DRAVNIK_MAILAUTH_SQLITE_DB_H_
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <string>
@@ -65,6 +66,10 @@ int commit_transactions();
 // writes failed: the databases stay as they were at begin_transactions().
 // 0, or -1 after logging (closing the connection undoes it then).
 int rollback_transactions();
+// Whether `file` (as fstat() gives it) is the database or a journal of a
+// connection that transaction mode keeps: SQLite keeps those descriptors
+// open across operations on purpose.
+bool holds_file(const struct stat& file);
 
 // Owns a database connection; the destructor closes it under the busy rule.
 class Database {

@@ -140,6 +140,187 @@ char unescape(char c) {
   }
 }
 
+// The length of the well-formed UTF-8 sequence that starts at `in` (2 to
+// 4), or 0: overlong forms, surrogates and code points above U+10FFFF are
+// ill-formed, as is a sequence cut short (the buffer's NUL ends it).
+int utf8_sequence_length(const unsigned char* in) {
+  unsigned char const lead = in[0];
+  int length;
+  unsigned char low = 0x80, high = 0xBF;  // the range of the second byte
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0)
+      low = 0xA0;
+    else if (lead == 0xED)
+      high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0)
+      low = 0x90;
+    else if (lead == 0xF4)
+      high = 0x8F;
+  } else {
+    return 0;
+  }
+  if (in[1] < low || in[1] > high)
+    return 0;
+  for (int i = 2; i < length; ++i) {
+    if (in[i] < 0x80 || in[i] > 0xBF)
+      return 0;
+  }
+  return length;
+}
+
+// The four hex digits at `in` as a number, or -1.
+long hex4(const char* in) {
+  long value = 0;
+  for (int i = 0; i < 4; ++i) {
+    char const c = in[i];
+    int digit;
+    if (c >= '0' && c <= '9')
+      digit = c - '0';
+    else if (c >= 'a' && c <= 'f')
+      digit = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'F')
+      digit = c - 'A' + 10;
+    else
+      return -1;
+    value = value * 16 + digit;
+  }
+  return value;
+}
+
+// Decodes the "\u" escape at `in` (a surrogate pair takes two) into
+// `*code_point`; the bytes it takes, or 0 for a bad or lone surrogate.
+int unicode_escape(const char* in, long* code_point) {
+  long const first = hex4(in + 2);
+  if (first < 0 || (first >= 0xDC00 && first <= 0xDFFF))
+    return 0;
+  if (first < 0xD800 || first > 0xDBFF) {
+    *code_point = first;
+    return 6;
+  }
+  if (in[6] != '\\' || in[7] != 'u')
+    return 0;
+  long const second = hex4(in + 8);
+  if (second < 0xDC00 || second > 0xDFFF)
+    return 0;
+  *code_point = 0x10000 + ((first - 0xD800) << 10) + (second - 0xDC00);
+  return 12;
+}
+
+// Writes `code_point` as UTF-8 at `out`; the bytes written (at most 4,
+// never more than the escape that gave it took).
+int put_utf8(long code_point, char* out) {
+  unsigned char* o = reinterpret_cast<unsigned char*>(out);
+  if (code_point < 0x80) {
+    o[0] = static_cast<unsigned char>(code_point);
+    return 1;
+  }
+  if (code_point < 0x800) {
+    o[0] = static_cast<unsigned char>(0xC0 | (code_point >> 6));
+    o[1] = static_cast<unsigned char>(0x80 | (code_point & 0x3F));
+    return 2;
+  }
+  if (code_point < 0x10000) {
+    o[0] = static_cast<unsigned char>(0xE0 | (code_point >> 12));
+    o[1] = static_cast<unsigned char>(0x80 | ((code_point >> 6) & 0x3F));
+    o[2] = static_cast<unsigned char>(0x80 | (code_point & 0x3F));
+    return 3;
+  }
+  o[0] = static_cast<unsigned char>(0xF0 | (code_point >> 18));
+  o[1] = static_cast<unsigned char>(0x80 | ((code_point >> 12) & 0x3F));
+  o[2] = static_cast<unsigned char>(0x80 | ((code_point >> 6) & 0x3F));
+  o[3] = static_cast<unsigned char>(0x80 | (code_point & 0x3F));
+  return 4;
+}
+
+// The string reader of both sj_parse_string() and sj_parse_utf8_string():
+// with `unicode` clear only printable ASCII and "\u0000", which ends the
+// text; with it set UTF-8 text and every "\u" escape as well.
+char* parse_string(sj_parser* parser, bool unicode, size_t* length) {
+  if (parser->error)
+    return nullptr;
+  sj_skip_whitespace(parser);
+  if (*parser->current != '"') {
+    fail(parser, *parser->current == '\0' ? SJ_PREMATURE_END
+                                          : SJ_STRING_EXPECTED);
+    return nullptr;
+  }
+  char* text = parser->current + 1;
+  char* in = text;   // next byte to read
+  char* out = text;  // next byte to write; never ahead of `in`
+  for (;;) {
+    // Errors leave the position on the offending byte so the message names it.
+    parser->current = in;
+    unsigned char const c = static_cast<unsigned char>(*in);
+    if (c == '\0') {
+      fail(parser, SJ_PREMATURE_END);
+      return nullptr;
+    }
+    if (c == '"') {
+      *length = static_cast<size_t>(out - text);
+      *out = '\0';
+      parser->current = in + 1;
+      return text;
+    }
+    if (c < 32) {
+      fail(parser, SJ_BAD_CHARACTER);
+      return nullptr;
+    }
+    if (c >= 128) {
+      int const taken = unicode ? utf8_sequence_length(reinterpret_cast<unsigned char*>(in)) : 0;
+      if (taken == 0) {
+        fail(parser, SJ_BAD_CHARACTER);
+        return nullptr;
+      }
+      out = std::copy(in, in + taken, out);
+      in += taken;
+      continue;
+    }
+    if (c != '\\') {
+      *out++ = *in++;
+      continue;
+    }
+    char escaped = in[1];
+    if (escaped == '\0') {
+      fail(parser, SJ_PREMATURE_END);
+      return nullptr;
+    }
+    if (escaped == 'u' && unicode) {
+      long code_point = 0;
+      int const taken = unicode_escape(in, &code_point);
+      if (taken == 0) {
+        fail(parser, SJ_BAD_ESCAPE);
+        return nullptr;
+      }
+      out += put_utf8(code_point, out);
+      in += taken;
+      continue;
+    }
+    if (escaped == 'u') {
+      // Only "\u0000" is understood; it ends the text where it stands.
+      if (strncmp(in + 2, "0000", 4) != 0) {
+        fail(parser, SJ_UNSUPPORTED_UNICODE);
+        return nullptr;
+      }
+      *out++ = '\0';
+      in += 6;
+      continue;
+    }
+    char byte = unescape(escaped);
+    if (byte == 0) {
+      fail(parser, SJ_BAD_ESCAPE);
+      return nullptr;
+    }
+    *out++ = byte;
+    in += 2;
+  }
+}
+
+
 // The three steps that differ between walking an object and an array.
 struct Container {
   int (*start)(sj_parser*);
@@ -409,61 +590,13 @@ int sj_skip_number(sj_parser* parser) {
 }
 
 char* sj_parse_string(sj_parser* parser) {
-  if (parser->error)
-    return nullptr;
-  sj_skip_whitespace(parser);
-  if (*parser->current != '"') {
-    fail(parser, *parser->current == '\0' ? SJ_PREMATURE_END
-                                          : SJ_STRING_EXPECTED);
-    return nullptr;
-  }
-  char* text = parser->current + 1;
-  char* in = text;   // next byte to read
-  char* out = text;  // next byte to write; never ahead of `in`
-  for (;;) {
-    // Errors leave the position on the offending byte so the message names it.
-    parser->current = in;
-    signed char c = static_cast<signed char>(*in);
-    if (c == '\0') {
-      fail(parser, SJ_PREMATURE_END);
-      return nullptr;
-    }
-    if (c == '"') {
-      *out = '\0';
-      parser->current = in + 1;
-      return text;
-    }
-    if (c < 32) {  // control bytes, and (as signed) every non-ASCII byte
-      fail(parser, SJ_BAD_CHARACTER);
-      return nullptr;
-    }
-    if (c != '\\') {
-      *out++ = *in++;
-      continue;
-    }
-    char escaped = in[1];
-    if (escaped == '\0') {
-      fail(parser, SJ_PREMATURE_END);
-      return nullptr;
-    }
-    if (escaped == 'u') {
-      // Only "\u0000" is understood; it ends the text where it stands.
-      if (strncmp(in + 2, "0000", 4) != 0) {
-        fail(parser, SJ_UNSUPPORTED_UNICODE);
-        return nullptr;
-      }
-      *out++ = '\0';
-      in += 6;
-      continue;
-    }
-    char byte = unescape(escaped);
-    if (byte == 0) {
-      fail(parser, SJ_BAD_ESCAPE);
-      return nullptr;
-    }
-    *out++ = byte;
-    in += 2;
-  }
+  size_t length = 0;
+  return parse_string(parser, false, &length);
+}
+
+char* sj_parse_utf8_string(sj_parser* parser, size_t* length) {
+  *length = 0;
+  return parse_string(parser, true, length);
 }
 
 int sj_parse_object_start(sj_parser* parser) {

@@ -7,7 +7,8 @@
 //
 // Only what the mail data document needs is accepted: integers (decimal,
 // and also hexadecimal and octal as strtoll() reads them), strings of
-// printable ASCII, booleans, null, objects and arrays.
+// printable ASCII (UTF-8 text for readers that ask for it), booleans,
+// null, objects and arrays.
 //
 // Errors are sticky: the first failing call sets `error`, and every later
 // call returns at once without reading on, so a walk can test once per step.
@@ -125,6 +126,13 @@ uint32_t sj_parse_uint(sj_parser* parser);
 int sj_skip_number(sj_parser* parser);
 // The unescaped string inside the buffer, or null on error.
 char* sj_parse_string(sj_parser* parser);
+// The same for UTF-8 text, for readers whose strings are not limited to
+// ASCII: well-formed UTF-8 is taken as it is, and every "\u" escape
+// (a surrogate pair as one character) is written as UTF-8. A "\u0000" is
+// a NUL byte inside the text, which `*length` counts. Ill-formed UTF-8
+// gives error 9; a "\u" escape that is not four hex digits, or a lone
+// surrogate, gives error 8.
+char* sj_parse_utf8_string(sj_parser* parser, size_t* length);
 
 // 0 or the error code.
 int sj_parse_object_start(sj_parser* parser);

@@ -924,3 +924,12 @@ int line_file_write_held(const char* path) {
   state.files.erase(found);
   return written ? 0 : 1;
 }
+
+bool line_files_hold_descriptor(int fd) {
+  for (const auto& entry : holding().files) {
+    const lock_handle* handle = entry.second->lock.get();
+    if (handle && handle->descriptor == fd)
+      return true;
+  }
+  return false;
+}

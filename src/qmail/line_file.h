@@ -89,5 +89,8 @@ void line_files_drop_held();
 // read or lock the real file (a sed child); its next edit holds it again.
 // 0 when it was not held or is written, else 1 after reporting.
 int line_file_write_held(const char* path);
+// Whether `fd` carries the lock of a held file, which outlives the edit
+// that took it on purpose.
+bool line_files_hold_descriptor(int fd);
 
 #endif  // DRAVNIK_QMAIL_LINE_FILE_H_

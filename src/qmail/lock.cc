@@ -12,6 +12,7 @@
 
 #include <new>
 #include <string>
+#include <vector>
 
 #include "qmail/paths.h"
 #include "util/fs.h"
@@ -91,8 +92,19 @@ bool still_same(const LockDir& cached, const std::string& dir) {
          st.st_uid == cached.st.st_uid && st.st_mode == cached.st.st_mode;
 }
 
-int lock_dir_fd(const std::string& dir) {
+// The descriptors of the locks keep_until_exit() kept.
+std::vector<int>& kept_locks() {
+  static std::vector<int> descriptors;
+  return descriptors;
+}
+
+LockDir& cached_lock_dir() {
   static LockDir cached;
+  return cached;
+}
+
+int lock_dir_fd(const std::string& dir) {
+  LockDir& cached = cached_lock_dir();
   if (still_same(cached, dir))
     return cached.fd.get();
   cached.fd = open_lock_dir(dir);
@@ -116,6 +128,14 @@ int open_lock_file(const char* path, int open_flags) {
 }
 
 }  // namespace
+
+void release_kept_locks() {
+  for (int fd : kept_locks())
+    (void)close(fd);  // a lock file: nothing written that the close could lose
+  kept_locks().clear();
+}
+
+bool lock_dir_descriptor(int fd) { return fd >= 0 && cached_lock_dir().fd.get() == fd; }
 
 lock_handle* mk_lock_(const char* path, int open_flags, int flock_operation,
                       int use_lock_dir) {
@@ -235,6 +255,8 @@ int ScopedLock::release() {
 void ScopedLock::keep_until_exit() {
   if (!handle_)
     return;
+  if (handle_->descriptor >= 0)
+    kept_locks().push_back(handle_->descriptor);
   handle_->descriptor = -1;  // rm_lock() now only frees; the lock stays
   release();
 }

@@ -69,6 +69,12 @@ int rm_lock(lock_handle* handle);
 // rm_lock() for a handle whose lock was never obtained.
 int free_lock(lock_handle* handle);
 
+// Whether `fd` is the lock directory, which stays open for the next lock.
+bool lock_dir_descriptor(int fd);
+// Lets go of the locks that keep_until_exit() kept: in a run of many
+// commands, "until exit" is until the command ends.
+void release_kept_locks();
+
 namespace tavix {
 
 // Owns a lock handle: whatever path leaves the scope releases the lock.
@@ -89,7 +95,7 @@ class ScopedLock {
   // result.
   int release();
   // Frees the handle but leaves the lock file open, so that the lock stays
-  // held until the process ends.
+  // held until the process ends (or release_kept_locks()).
   void keep_until_exit();
 
  private:

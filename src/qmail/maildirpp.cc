@@ -720,6 +720,14 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 
 void maildirsize_hold() { quota_holding().active = true; }
 
+bool maildirsize_holds_descriptor(int fd) {
+  for (const auto& entry : quota_holding().files) {
+    if (entry.second.dir.get() == fd)
+      return true;
+  }
+  return false;
+}
+
 int maildirsize_write_held() {
   QuotaHolding& state = quota_holding();
   bool ok = write_held_quotas();

@@ -47,6 +47,9 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 // failed write.
 void maildirsize_hold();
 int maildirsize_write_held();
+// Whether `fd` is the directory of a noted Maildir, kept open on purpose
+// until its write.
+bool maildirsize_holds_descriptor(int fd);
 
 // Whether `name` in a Maildir's tmp/ is a temporary maildirsize that this
 // program wrote on `host`: "<digits>.<digits>.<host>-maildirsize".
