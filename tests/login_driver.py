@@ -21,6 +21,25 @@ import time
 IMAP_PORT = 10143
 POP3_PORT = 10110
 
+# Dovecot delays the logins from an address that has failed before, more
+# with each failure; each login comes from an address of its own of the
+# loopback network, so that a refusal does not hold up the next check.
+_sources = ("127.0.%d.%d" % (n // 250, n % 250 + 2) for n in range(60000))
+
+
+def _connect(host, port, timeout):
+    return socket.create_connection((host, port), timeout, source_address=(next(_sources), 0))
+
+
+class IMAP(imaplib.IMAP4):
+    def _create_socket(self, timeout=None):
+        return _connect(self.host, self.port, timeout)
+
+
+class POP3(poplib.POP3):
+    def _create_socket(self, timeout):
+        return _connect(self.host, self.port, timeout)
+
 
 def wait_for(port, deadline):
     while True:
@@ -33,8 +52,22 @@ def wait_for(port, deadline):
             time.sleep(0.05)
 
 
+def wait_for_greetings(deadline):
+    """Until the auth process answers, the login processes greet with a
+    BYE ("Auth process broken") and hang up: wait for a real greeting."""
+    while True:
+        try:
+            IMAP("127.0.0.1", IMAP_PORT).logout()
+            POP3("127.0.0.1", POP3_PORT).quit()
+            return
+        except (imaplib.IMAP4.error, poplib.error_proto, OSError, EOFError):
+            if time.monotonic() > deadline:
+                raise SystemExit("dovecot's auth process did not come up")
+            time.sleep(0.1)
+
+
 def imap_check(address, password):
-    conn = imaplib.IMAP4("127.0.0.1", IMAP_PORT)
+    conn = IMAP("127.0.0.1", IMAP_PORT)
     try:
         conn.login(address, password)
         typ, data = conn.select("INBOX")
@@ -52,7 +85,7 @@ def imap_check(address, password):
 
 
 def pop3_check(address, password):
-    conn = poplib.POP3("127.0.0.1", POP3_PORT)
+    conn = POP3("127.0.0.1", POP3_PORT)
     try:
         conn.user(address)
         conn.pass_(password)
@@ -73,6 +106,7 @@ def main():
     deadline = time.monotonic() + 30
     wait_for(IMAP_PORT, deadline)
     wait_for(POP3_PORT, deadline)
+    wait_for_greetings(deadline)
     results = [{"imap": imap_check(a, p), "pop3": pop3_check(a, p)} for a, p in checks]
     subprocess.run(["/usr/bin/doveadm", "-c", config, "stop"], check=False)
     print(json.dumps(results))

@@ -33,6 +33,7 @@ ssl = no
 disable_plaintext_auth = no
 auth_mechanisms = plain login
 auth_cache_size = 0
+auth_failure_delay = 0
 first_valid_uid = 100
 default_internal_user = dovecot
 default_login_user = dovenull
@@ -61,7 +62,7 @@ def shipped(name):
     installed paths."""
     text = (DIST / name).read_text()
     return (text.replace("/usr/sbin/dravnik-auth", str(AUTH))
-            .replace("/usr/share/dravnik/dovecot/", DOVECOT_DIR + "/"))
+            .replace("/etc/dovecot/conf.d/", DOVECOT_DIR + "/"))
 
 
 def install_dovecot(sb, kind):
@@ -166,7 +167,8 @@ def test_changes_by_the_commands_take_effect(server):
     ok(sb, "--turn-off-domain", "--domain-name=new.org", "--wait-stdin", stdin=renamed)
     results, log = logins(sb, [("jane@new.org", "cr4pt")])
     assert refused(results[0]), (results, log)
-    ok(sb, "--turn-on-domain", "--domain-name=new.org", "--wait-stdin", stdin=renamed)
+    ok(sb, "--turn-on-domain", "--domain-name=new.org", "--set-reject", "--wait-stdin",
+       stdin=renamed)
     results, log = logins(sb, [("jane@new.org", "cr4pt"), ("jane@new.org", hash_)])
     assert opened(results[0]) and refused(results[1]), (results, log)
 
@@ -174,3 +176,110 @@ def test_changes_by_the_commands_take_effect(server):
        stdin=renamed)
     results, log = logins(sb, [("jane@new.org", "cr4pt")])
     assert refused(results[0]), (results, log)
+
+
+# -- the program alone ---------------------------------------------------------
+
+KEY = "/var/lib/tavix/mail/auth/passwd_db_key"
+DB = "/var/lib/tavix/mail/auth/passwd.db"
+# Prints what the program run after a successful check sees.
+REPORT = ["/bin/sh", "-c", 'echo "cwd=$(pwd) uid=$(id -u) gid=$(id -g)"; env']
+
+
+def run_auth(sb, request, env=None, program=REPORT, wrap=None):
+    """Runs dravnik-auth with `request` (bytes) on descriptor 3, None for
+    no descriptor 3; gives the sandbox's result."""
+    argv = [str(AUTH), *program]
+    if request is not None:
+        sb.write(RECORD_DIR + "/request", "")
+        sb.path(RECORD_DIR + "/request").write_bytes(request)
+        argv = ["/bin/sh", "-c", 'exec "$@" 3<%s/request' % RECORD_DIR, "sh", *argv]
+    if wrap:
+        argv = wrap + argv
+    return sb.run_raw(argv, env=env)
+
+
+@pytest.fixture
+def mailbox(mail_sandbox):
+    sb = mail_sandbox
+    add_domain(sb)
+    add_mailname(sb, "john")
+    ok(sb, "--add-mailbox", "--domain-name=" + DOMAIN, "--mailname=john", "--wait-stdin",
+       stdin=data(aliases=()), env={"ZON_PASSWORD": "s3cret"})
+    return sb
+
+
+@pytest.mark.parametrize("request_bytes, status", [
+    (None, 2),                                       # no descriptor 3
+    (b"", 2),
+    (b"john@example.com", 2),                        # no NUL at all
+    (b"john@example.com\0s3cret", 2),                # the password's NUL missing
+    (b"john@example.com\0s3cret\0" + b"x" * 489, 2),  # 513 bytes
+    (b"john@example.com\0s3cret\0" + b"x" * 488, 0),  # 512 bytes
+    (b"john@example.com\0s3cret\0\0", 0),
+    (b"john@example.com\0wrong\0\0", 1),
+    (b"john@example.com\0\0\0", 1),
+    (b"nobody@example.com\0s3cret\0\0", 1),
+    (b"john@example.com\0s3cret\0\0" + b"\0" * 100, 0),
+    (b"\xff\xfe@\x01\0s3cret\0\0", 1),
+])
+def test_interface_statuses(mailbox, request_bytes, status):
+    r = run_auth(mailbox, request_bytes)
+    assert r.rc == status, r
+    assert "s3cret" not in r.err
+    assert ("USER=john@example.com" in r.out) == (status == 0), r
+
+
+def test_qmail_mode_runs_the_program_in_the_mailbox_as_popuser(mailbox):
+    r = run_auth(mailbox, b"John@Example.com\0s3cret\0<1.2@host>\0")
+    assert r.rc == 0, r
+    env = dict(line.split("=", 1) for line in r.out.splitlines()[1:] if "=" in line)
+    assert r.out.splitlines()[0] == "cwd=%s/john uid=110 gid=110" % ROOT
+    assert (env["USER"], env["HOME"]) == ("john@example.com", ROOT + "/john")
+    assert "s3cret" not in r.out and "EXTRA" not in env
+
+
+@pytest.mark.parametrize("env, request_bytes, authorized", [
+    ({"SERVICE": "imap", "ORIG_UID": "0"}, b"john@example.com\0s3cret\0\0", None),
+    ({"AUTHORIZED": "1", "ORIG_UID": "0"}, b"john@example.com\0\0\0", "2"),
+])
+def test_dovecot_mode_hands_back_user_fields(mailbox, env, request_bytes, authorized):
+    r = run_auth(mailbox, request_bytes, env=env)
+    assert r.rc == 0, r
+    fields = dict(line.split("=", 1) for line in r.out.splitlines()[1:] if "=" in line)
+    assert r.out.splitlines()[0] == "cwd=/ uid=0 gid=0"
+    assert fields["EXTRA"] == "userdb_uid userdb_gid userdb_mail"
+    assert (fields["userdb_uid"], fields["userdb_gid"]) == ("110", "110")
+    assert fields["userdb_mail"] == "maildir:%s/john/Maildir" % ROOT
+    assert fields.get("AUTHORIZED") == authorized
+    assert "s3cret" not in r.out
+
+
+def test_user_lookup_refuses_what_a_login_would(mailbox):
+    ok(mailbox, "--turn-off-domain", "--domain-name=" + DOMAIN, "--wait-stdin",
+       stdin=data(aliases=()))
+    for name in (b"john", b"nobody"):
+        r = run_auth(mailbox, name + b"@example.com\0\0\0", env={"AUTHORIZED": "1"})
+        assert r.rc == 1, r
+
+
+def test_unreadable_key_and_database_are_temporary(mailbox):
+    sb = mailbox
+    key = sb.path(KEY).read_bytes()
+    request = b"john@example.com\0s3cret\0\0"
+    sb.path(KEY).unlink()
+    assert run_auth(sb, request).rc == 111
+    sb.path(KEY).mkdir()
+    assert run_auth(sb, request).rc == 111
+    sb.path(KEY).rmdir()
+    sb.path(KEY).write_bytes(key)
+    assert run_auth(sb, request).rc == 0
+    # Another run holding the database's write lock beyond the wait.
+    holder = ("import sqlite3, subprocess, sys\n"
+              "c = sqlite3.connect(%r, isolation_level=None)\n"
+              "c.execute('BEGIN EXCLUSIVE')\n"
+              "sys.exit(subprocess.run(sys.argv[1:]).returncode)\n" % DB)
+    assert run_auth(sb, request, wrap=["/usr/bin/python3", "-c", holder]).rc == 111
+    assert run_auth(sb, request).rc == 0
+    sb.write(DB, "not a database\n", mode=0o640)
+    assert run_auth(sb, request).rc == 111

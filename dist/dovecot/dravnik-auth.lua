@@ -26,7 +26,7 @@ local function status_of(pipe)
   return nil
 end
 
-function auth_passdb_verify(request, password)
+function auth_password_verify(request, password)
   local service = request.service or "lua"
   local pipe = io.popen("SERVICE=" .. quote(service) .. " exec " .. program ..
                         " /bin/true 3<&0 >/dev/null", "w")

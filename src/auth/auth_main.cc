@@ -125,7 +125,6 @@ int Run(int argc, char** argv) {
   if (dovecot ? !SetDovecotFields(answer, uid, gid, vouched)
               : !BecomeMailboxOwner(answer, uid, gid))
     return kTemporary;
-  tavix_log(LOG_INFO, "Login accepted for '%s'", answer.address.c_str());
   execvp(argv[1], argv + 1);
   tavix_log(LOG_ERR, "Unable to run %s: %s", argv[1], strerror(errno));
   return kTemporary;
