@@ -69,7 +69,10 @@ def wait_for_greetings(deadline):
 def imap_check(address, password):
     conn = IMAP("127.0.0.1", IMAP_PORT)
     try:
-        conn.login(address, password)
+        # AUTHENTICATE PLAIN carries UTF-8, which LOGIN's quoted strings
+        # in imaplib do not (an address with its domain in Unicode form).
+        credentials = b"\0" + address.encode() + b"\0" + password.encode()
+        conn.authenticate("PLAIN", lambda _: credentials)
         typ, data = conn.select("INBOX")
         if typ != "OK":
             return {"ok": False, "error": "SELECT %s" % data}

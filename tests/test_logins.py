@@ -125,7 +125,14 @@ def server(request, mail_sandbox):
 
 def test_mailbox_opens_with_its_password_and_nothing_else(server):
     sb = server
+    idn = "xn--bcher-kva.example"
+    add_domain(sb, idn)
+    add_mailname(sb, "anna", idn)
+    ok(sb, "--add-mailbox", "--domain-name=" + idn, "--mailname=anna", "--mail-addresses",
+       "anna", env={"ZON_PASSWORD": "idn pass"})
+    assert sb.deliver("/var/qmail/mailnames/%s/anna" % idn, MESSAGE) == 0
     results, log = logins(sb, [
+        ("anna@b\u00fccher.example", "idn pass"),
         ("john@example.com", "s3cret pass"),
         ("JOHN@Example.COM", "s3cret pass"),
         ("info@example.com", "s3cret pass"),      # alias
@@ -136,8 +143,8 @@ def test_mailbox_opens_with_its_password_and_nothing_else(server):
         ("john@unknown.org", "s3cret pass"),
         ("john@example.com", ""),
     ])
-    assert [opened(r) for r in results[:4]] == [True] * 4, (results, log)
-    assert [refused(r) for r in results[4:]] == [True] * 5, (results, log)
+    assert [opened(r) for r in results[:5]] == [True] * 5, (results, log)
+    assert [refused(r) for r in results[5:]] == [True] * 5, (results, log)
     assert "s3cret" not in log
 
 
