@@ -15,7 +15,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-all_targets=(session_json maildirsize names)
+all_targets=(session_json maildirsize names auth_request)
 build=build-fuzz
 
 # Quiet unless it fails; the whole output stays in build-fuzz/build.log.

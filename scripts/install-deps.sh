@@ -12,7 +12,8 @@ packages=(
   python3 python3-pytest python3-cryptography
   bubblewrap psmisc sed strace
   man-db groff-base dpkg-dev file
-  courier-base dovecot-core
+  courier-base dovecot-core dovecot-imapd dovecot-pop3d dovecot-auth-lua
+  libcrypt-dev
 )
 
 missing=()

@@ -754,7 +754,10 @@ class Sandbox:
                 result[name] = str(value)
         return result
 
-    def bwrap_args(self):
+    def bwrap_args(self, private_network=False):
+        """With `private_network` the sandbox gets a network namespace of
+        its own, holding only a loopback interface: for servers a test
+        starts, which must not listen on the host's addresses."""
         binds = {p: self.path(p) for p in PRIVATE_PATHS + self.host_copies}
         return [
             BWRAP,
@@ -762,6 +765,7 @@ class Sandbox:
             "--dev", "/dev",
             "--proc", "/proc",
             "--unshare-pid",
+            *(["--unshare-net"] if private_network else []),
             "--unshare-uts", "--hostname", self.hostname(),
             "--die-with-parent",
             *mount_plan(binds, hidden=sorted(self.hidden), fresh=FRESH_DIRS),
@@ -809,11 +813,12 @@ class Sandbox:
                             input_bytes=input_bytes, timeout=timeout, terminal=terminal)
 
     def run_raw(self, argv, env=None, stdin=None, input_bytes=None, timeout=120,
-                capture=True, terminal=None):
+                capture=True, terminal=None, private_network=False):
         """Runs any command in the sandbox, beside the stand-in qmail-send.
         With capture=False the command shares this process's terminal; with
         terminal=(prompt, answer) it gets a pseudo-terminal of its own, on
-        which `answer` is typed once `prompt` has appeared."""
+        which `answer` is typed once `prompt` has appeared; with
+        private_network=True it sees only a loopback interface of its own."""
         if stdin is not None and input_bytes is not None:
             raise ValueError("give stdin or input_bytes, not both")
         if stdin is not None:
@@ -824,7 +829,8 @@ class Sandbox:
 
         status_read, status_write = _pipe_above_stdio()
         try:
-            command = self.bwrap_args() + [PYTHON, "-I", RECORD_DIR + "/bin/launch",
+            command = self.bwrap_args(private_network) + [PYTHON, "-I",
+                                                           RECORD_DIR + "/bin/launch",
                                            job, str(status_write)]
             options = dict(pass_fds=(status_write,), timeout=timeout)
             if capture:

@@ -21,13 +21,16 @@ from test_domain_commands import session
 BUILD = REPO / "build"
 VERSION = "0.1.0"
 
-PROGRAMS = ("dravnik", "dravnik-setup", "dravnik-audit", "dravnik-batch")
+PROGRAMS = ("dravnik", "dravnik-setup", "dravnik-audit", "dravnik-batch", "dravnik-auth")
 FILES = {  # installed path -> (mode, source in the work tree)
     "/usr/lib/tmpfiles.d/dravnik.conf": ("-rw-r--r--", "dist/tmpfiles.d/dravnik.conf"),
     **{"/usr/sbin/" + p: ("-rwxr-xr-x", None) for p in PROGRAMS},
     **{"/usr/share/man/man8/%s.8.gz" % p: ("-rw-r--r--", "doc/%s.8" % p) for p in PROGRAMS},
     **{"/usr/share/bash-completion/completions/" + p: ("-rw-r--r--", "dist/bash-completion/" + p)
        for p in PROGRAMS},
+    **{"/etc/dovecot/conf.d/" + f: ("-rw-r--r--", "dist/dovecot/" + f)
+       for f in ("auth-dravnik-checkpassword.conf.ext", "auth-dravnik-lua.conf.ext",
+                 "dravnik-auth.lua")},
 }
 SYSTEM_DIRS = sorted({os.path.dirname(p) for p in FILES})
 HOST_COPIES = ("/var/lib/dpkg", *SYSTEM_DIRS)

@@ -431,6 +431,33 @@ int mailAuthCheck(const char* address, mail_auth_callback callback, void* data) 
   return stmt.fail("Unable to execute the user selection query: %s");
 }
 
+int mailAuthLookup(const char* mailname, const char* domain, MailAuthRecord* record) {
+  Database db;
+  Statement stmt;
+  if (db.open_never_writing(mailAuthDB) != 0 || stmt.prepare(db, kSingleCheck) != 0 ||
+      !stmt.bind_text(1, mailname,
+                      "Unable to bind parameter mailname '%s' to SQL statement for query '%s': %s",
+                      mailname, kSingleCheck) ||
+      !stmt.bind_text(2, domain,
+                      "Unable to bind parameter domain name '%s' to SQL statement for query '%s': %s",
+                      domain, kSingleCheck))
+    return -1;
+  int rc = stmt.step();
+  if (rc == SQLITE_DONE)
+    return 0;
+  if (rc != SQLITE_ROW)
+    return stmt.fail("Unable to execute the user selection query: %s");
+  const char* encrypted = stmt.column_text(0);
+  const char* raw = stmt.column_text(1);
+  record->has_encrypted = encrypted != nullptr;
+  record->encrypted = encrypted ? encrypted : "";
+  record->has_raw = raw != nullptr;
+  record->raw = raw ? raw : "";
+  record->user_disabled = stmt.column_int(2) != 0;
+  record->domain_disabled = stmt.column_int(3) != 0;
+  return 1;
+}
+
 int mailAuthCheckShort(const char* mailname, mail_auth_callback callback, void* data) {
   Database db;
   Statement stmt;

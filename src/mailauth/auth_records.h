@@ -4,6 +4,7 @@
 #define DRAVNIK_MAILAUTH_AUTH_RECORDS_H_
 
 #include <cstdint>
+#include <string>
 
 // Flags byte passed with passwords.
 enum {
@@ -33,5 +34,21 @@ int mailAuthRemoveDomain(const char* domain);
 int mailAuthCheck(const char* address, mail_auth_callback callback, void* data);
 int mailAuthCheckShort(const char* mailname, mail_auth_callback callback, void* data);
 int mailAuthIterateAll(mail_auth_callback callback, void* data);
+
+// One user's stored record as it is, for a program that judges a login
+// itself: nothing decrypted, nothing handed to a callback.
+struct MailAuthRecord {
+  bool has_encrypted = false;  // userPassword is not NULL
+  std::string encrypted;       // userPassword, "$AES-256-CBC:PKCS$..."
+  bool has_raw = false;        // cmusaslsecretPLAIN is not NULL
+  std::string raw;             // cmusaslsecretPLAIN, a crypt hash
+  bool user_disabled = false;
+  bool domain_disabled = false;
+};
+// Looks mailname@domain up with the single-user query on a connection that
+// never writes. 1 with `*record` filled, 0 when there is no such user, -1
+// after logging a failure (SQLITE_BUSY beyond the limit of
+// tavix::sqlite::limit_busy_wait included).
+int mailAuthLookup(const char* mailname, const char* domain, MailAuthRecord* record);
 
 #endif  // DRAVNIK_MAILAUTH_AUTH_RECORDS_H_

@@ -87,6 +87,28 @@ TEST_F(AuthLookupTest, CheckHandsOverOneUser) {
             recorder.seen);
 }
 
+// The raw look-up hands over the columns as stored and tells a missing user
+// from a failure.
+TEST_F(AuthLookupTest, LookupGivesTheStoredColumns) {
+  MailAuthRecord record;
+  ASSERT_EQ(1, mailAuthLookup("ZED", "a.test", &record));
+  EXPECT_TRUE(record.has_encrypted);
+  EXPECT_EQ(0u, record.encrypted.find("$AES-256-CBC:PKCS$"));
+  EXPECT_FALSE(record.has_raw);
+  EXPECT_FALSE(record.user_disabled || record.domain_disabled);
+
+  MailAuthRecord amy;
+  ASSERT_EQ(1, mailAuthLookup("amy", "b.test", &amy));
+  EXPECT_FALSE(amy.has_encrypted);
+  EXPECT_EQ("2", amy.raw);
+  EXPECT_TRUE(amy.user_disabled && amy.domain_disabled);
+
+  EXPECT_EQ(0, mailAuthLookup("zed", "c.test", &record));
+  EXPECT_EQ(0, mailAuthLookup("jack", "a.test", &record));
+  mailAuthDBSetPath(tmp_.path("missing/passwd.db").c_str());
+  EXPECT_EQ(-1, mailAuthLookup("zed", "a.test", &record));
+}
+
 // Iteration goes by domain, then name, skips users without a password and
 // stops at the first answer of zero or less, giving it back.
 TEST_F(AuthLookupTest, IterationVisitsEveryUserInOrder) {

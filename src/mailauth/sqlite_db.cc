@@ -117,6 +117,28 @@ int rollback_transactions() {
   return end_transactions("ROLLBACK", "Unable to roll back the changes of %s: %s");
 }
 
+namespace {
+long g_busy_limit_ms = 0;
+}  // namespace
+
+void limit_busy_wait(long ms) { g_busy_limit_ms = ms > 0 ? ms : 0; }
+
+struct timespec busy_clock() {
+  struct timespec now = {0, 0};
+  // CLOCK_MONOTONIC cannot fail on Linux; a zero start only shortens a wait.
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);
+  return now;
+}
+
+bool busy_wait_exhausted(const struct timespec& start) {
+  if (g_busy_limit_ms == 0)
+    return false;
+  struct timespec now = busy_clock();
+  long long elapsed_ms = (static_cast<long long>(now.tv_sec) - start.tv_sec) * 1000LL +
+                         (now.tv_nsec - start.tv_nsec) / 1000000L;
+  return elapsed_ms >= g_busy_limit_ms;
+}
+
 int busy_sleep(unsigned attempt) {
   long long delay = static_cast<long long>(attempt) * kBusyDelayStepNs;
   struct timespec pause;
@@ -154,6 +176,10 @@ int Database::open_readonly(const char* path) {
     return -1;
   }
   return 0;
+}
+
+int Database::open_never_writing(const char* path) {
+  return open_with(path, SQLITE_OPEN_READONLY, "Unable to open database(readonly) %s: %s");
 }
 
 int Database::open_shared(const char* path, int flags, const char* failure_format) {

@@ -13,6 +13,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <time.h>
 
 #include <string>
 
@@ -31,14 +32,33 @@ constexpr long kBusyDelayStepNs = 10000;
 // attempt * kBusyDelayStepNs. 0, or -1 when a signal cut the sleep short.
 int busy_sleep(unsigned attempt);
 
+// A program that must answer within a bounded time (the mailbox login
+// check, which a mail server waits on) gives up a busy wait once it has
+// lasted `ms` milliseconds: the operation then gives SQLITE_BUSY. 0, the
+// default, waits without limit, as the commands do.
+void limit_busy_wait(long ms);
+
+// Whether a busy wait that began at `start` (CLOCK_MONOTONIC) has used up
+// the limit of limit_busy_wait(); never true without one.
+bool busy_wait_exhausted(const struct timespec& start);
+// CLOCK_MONOTONIC now.
+struct timespec busy_clock();
+
 // Calls `op` until it gives something other than SQLITE_BUSY, sleeping
 // before each retry; its last result, or -1 when a sleep was interrupted.
+// Under a limit of limit_busy_wait() it gives SQLITE_BUSY once the limit
+// is used up.
 template <class Op>
 int retry_while_busy(Op op) {
+  struct timespec start = {0, 0};
   for (unsigned attempt = 0;; ++attempt) {
     int rc = op();
     if (rc != SQLITE_BUSY)
       return rc;
+    if (attempt == 0)
+      start = busy_clock();
+    else if (busy_wait_exhausted(start))
+      return SQLITE_BUSY;
     if (busy_sleep(attempt) != 0)
       return -1;
   }
@@ -85,6 +105,11 @@ class Database {
   // Opens an existing `path` for reading only. 0, or -1 after logging
   // "Unable to open database(readonly) ...".
   int open_readonly(const char* path);
+  // Opens an existing `path` with SQLite's read-only flag, for a program
+  // that must never write it, not even to roll back a killed writer's
+  // journal (its reads then fail until the next writer has done that).
+  // 0, or -1 after logging "Unable to open database(readonly) ...".
+  int open_never_writing(const char* path);
 
   // sqlite3_exec() under the busy rule. On failure `*message` receives
   // SQLite's text for it, empty when SQLite gave none.

@@ -48,6 +48,23 @@ TEST(RetryWhileBusyTest, RepeatsOnlyBusyResults) {
   }
 }
 
+// Under a limit a wait that never ends gives up with SQLITE_BUSY; without
+// one the same operation is repeated until it answers.
+TEST(RetryWhileBusyTest, LimitEndsAnEndlessWait) {
+  tavix::sqlite::limit_busy_wait(20);
+  int calls = 0;
+  EXPECT_EQ(SQLITE_BUSY, tavix::sqlite::retry_while_busy([&] {
+    ++calls;
+    return SQLITE_BUSY;
+  }));
+  EXPECT_GT(calls, 1);
+  tavix::sqlite::limit_busy_wait(0);
+  calls = 0;
+  EXPECT_EQ(SQLITE_OK, tavix::sqlite::retry_while_busy([&] {
+    return ++calls < 50 ? SQLITE_BUSY : SQLITE_OK;
+  }));
+}
+
 class SqliteDbTest : public testing::Test {
  protected:
   void SetUp() override {
