@@ -245,102 +245,123 @@ class Planner {
     names.insert(names.begin(), domain);
     exported_.insert(names.begin(), names.end());
     std::map<std::string, MailName> mails = MailNames(domain);
-    std::vector<const MailName*> all;
-    for (const auto& mail : mails)
-      all.push_back(&mail.second);
     if (!mails.empty())
       plan_->mail_domains.push_back(domain);
 
     std::string flag = "--domain-name=" + domain;
     std::string plain = Document(domain, {}, {});
     Add({"--add-domain", flag, "--wait-stdin"}, plain);
-    // A turned-off domain keeps no aliases in qmail's files: those it has
-    // were added after it was turned off, and come after that here too.
-    if (enabled)
-      DomainAliases(domain, dom_aliases, plain);
-    Names session_aliases = enabled ? dom_aliases : Names();
-    for (const auto& entry : mails) {
-      const MailName& mail = entry.second;
-      std::string document = Document(domain, session_aliases, {&mail});
-      Add({"--add-mailname", flag, "--mailname=" + mail.name,
-           "--disk-quota=" + std::to_string(mail.quota)}, "");
-      if (mail.mailbox)
-        Mailbox(domain, mail, document);
-      for (const std::string& alias : mail.aliases)
-        Add({"--add-alias", flag, "--mailname=" + mail.name, "--alias=" + alias, "--wait-stdin"},
-            document);
-      // The mailbox took the session's default (unlimited); its own now.
-      if (mail.mailbox && mail.quota >= 0)
-        Add({"--set-mailbox-disk-quota", flag, "--mailname=" + mail.name,
-             "--disk-quota=" + std::to_string(mail.quota), "--wait-stdin"}, plain);
-    }
-    if (!enabled) {
+    // Turned off before it has a password record: the records made after
+    // register it (and its aliases) disabled, as a panel's do for a domain
+    // that is off. A turned-off domain keeps no aliases in qmail's files
+    // but those added since; with no aliases in its session the turning
+    // off leaves them all.
+    if (!enabled)
       Add({"--turn-off-domain", flag, "--wait-stdin"}, plain);
-      DomainAliases(domain, dom_aliases, Document(domain, {}, all));
-    }
-    PasswordRecords(domain, names, mails, enabled);
-    Details(domain, names);
-  }
-
-  void DomainAliases(const std::string& domain, const Names& dom_aliases,
-                     const std::string& document) {
     for (const std::string& alias : dom_aliases) {
       if (!is_domain_name_valid(alias.c_str())) {
         Omit(alias + ": not carried: no command takes this domain alias name");
         continue;
       }
       bool reject = s_.files.rejectnonexist.count(alias) > 0;
-      Add({"--add-domain-alias", "--domain-name=" + domain, "--domain-alias-name=" + alias,
+      Add({"--add-domain-alias", flag, "--domain-alias-name=" + alias,
            reject ? "--set-reject" : "--set-bounce", "--wait-stdin"},
-          document);
+          plain);
     }
+    for (const auto& entry : mails) {
+      const MailName& mail = entry.second;
+      Add({"--add-mailname", flag, "--mailname=" + mail.name,
+           "--disk-quota=" + std::to_string(mail.quota)}, "");
+      Mailbox(domain, dom_aliases, mail, enabled);
+      // The mailbox took the session's default (unlimited); its own now.
+      if (mail.mailbox && mail.quota >= 0)
+        Add({"--set-mailbox-disk-quota", flag, "--mailname=" + mail.name,
+             "--disk-quota=" + std::to_string(mail.quota), "--wait-stdin"}, plain);
+    }
+    PasswordRecords(domain, names, mails, enabled);
+    Details(domain, names);
   }
 
-  void Mailbox(const std::string& domain, const MailName& mail, const std::string& document) {
-    BatchLine line;
-    line.argv = {"--add-mailbox", "--domain-name=" + domain, "--mailname=" + mail.name,
-                 "--wait-stdin"};
-    line.stdin_json = document;
+  // The alias domains of `dom_aliases` that hold a password record of
+  // `local`.
+  Names RecordDomains(const Names& dom_aliases, const std::string& local) {
+    Names found;
+    for (const std::string& alias : dom_aliases)
+      if (rows_.count({alias, local}))
+        found.push_back(alias);
+    return found;
+  }
+
+  // The mailbox of a mail name and its aliases, with the password records
+  // each has: the mailbox gets its own record in the domain, a password
+  // set with the alias domains in the session copies it to those, and an
+  // alias copies its mail name's record to the domain and to the alias
+  // domains of its session.
+  void Mailbox(const std::string& domain, const Names& dom_aliases, const MailName& mail,
+               bool enabled) {
+    std::string flag = "--domain-name=" + domain;
+    std::string name = "--mailname=" + mail.name;
+    std::optional<Password> password;
     auto row = rows_.find({domain, mail.name});
-    if (row != rows_.end()) {
-      Password password = PasswordOf(*row->second);
-      if (!password.usable)
+    if (mail.mailbox && row != rows_.end()) {
+      password = PasswordOf(*row->second);
+      if (!password->usable) {
         Omit(mail.name + "@" + domain + ": not carried: its password, which " +
              (row->second->encrypted.empty() && row->second->raw.empty()
                   ? "is empty"
                   : "cannot be decrypted with the key") +
              "; the mailbox is made without one");
-      else if (password.raw)
-        line.crypted_password = password.text;
-      else
-        line.password = password.text;
+        password.reset();
+      }
     }
-    plan_->lines.push_back(std::move(line));
+    Names disabled = enabled ? Names() : Names{"--mail-domain-disabled"};
+    if (mail.mailbox) {
+      Names argv = {"--add-mailbox", flag, name};
+      argv.insert(argv.end(), disabled.begin(), disabled.end());
+      argv.push_back("--wait-stdin");
+      Add(argv, Document(domain, {}, {}), password);
+    }
+    Names copies = password ? RecordDomains(dom_aliases, mail.name) : Names();
+    if (!copies.empty()) {
+      MailName alone;
+      alone.name = mail.name;
+      Names argv = {"--set-password", flag, name};
+      argv.insert(argv.end(), disabled.begin(), disabled.end());
+      argv.push_back("--wait-stdin");
+      Add(argv, Document(domain, copies, {&alone}), password);
+    }
+    for (const std::string& alias : mail.aliases)
+      Add({"--add-alias", flag, name, "--alias=" + alias, "--wait-stdin"},
+          Document(domain, password ? RecordDomains(dom_aliases, alias) : Names(), {}));
   }
 
-  // The password records the commands leave for the domain and its aliases
-  // (each mailbox's under every name of the domain, for the mail name and
-  // each of its aliases, with the mail name's password) against those
-  // stored.
+  // The password records the commands above leave against those stored:
+  // each must have its mail name's password, and no other name of the
+  // domain may have one.
   void PasswordRecords(const std::string& domain, const Names& names,
                        const std::map<std::string, MailName>& mails, bool enabled) {
     std::map<std::pair<std::string, std::string>, Password> expected;
     std::set<std::pair<std::string, std::string>> told;  // with a password not carried
     for (const auto& entry : mails) {
       const MailName& mail = entry.second;
-      auto row = rows_.find({domain, mail.name});
-      if (!mail.mailbox || row == rows_.end())
+      if (!mail.mailbox)
         continue;
-      Password password = PasswordOf(*row->second);
+      auto row = rows_.find({domain, mail.name});
+      Password password;
+      if (row != rows_.end())
+        password = PasswordOf(*row->second);
       Names locals = mail.aliases;
       locals.push_back(mail.name);
-      for (const std::string& name : names)
-        for (const std::string& local : locals) {
-          if (password.usable)
-            expected[{name, local}] = password;
-          else
+      for (const std::string& local : locals) {
+        if (!password.usable) {
+          for (const std::string& name : names)
             told.insert({name, local});
+          continue;
         }
+        expected[{domain, local}] = password;  // an alias copies it here in any case
+        for (const std::string& name : RecordDomains(Names(names.begin() + 1, names.end()), local))
+          expected[{name, local}] = password;
+      }
     }
     const auto& status = s_.databases.auth_domain_status;
     for (const std::string& name : names) {
@@ -419,10 +440,15 @@ class Planner {
     }
   }
 
-  void Add(Names argv, const std::string& document) {
+  void Add(Names argv, const std::string& document,
+           const std::optional<Password>& password = std::nullopt) {
     BatchLine line;
     line.argv = std::move(argv);
     line.stdin_json = document;
+    if (password && password->raw)
+      line.crypted_password = password->text;
+    else if (password)
+      line.password = password->text;
     plan_->lines.push_back(std::move(line));
   }
 

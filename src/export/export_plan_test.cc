@@ -132,21 +132,25 @@ TEST(MakePlan, MakesDomainAliasesMailboxesAliasesAndQuotasInOrder) {
       "--add-mailname --domain-name=example.com --mailname=jane --disk-quota=0",
       "--add-mailname --domain-name=example.com --mailname=john --disk-quota=1052672",
       "--add-mailbox --domain-name=example.com --mailname=john --wait-stdin",
+      "--set-password --domain-name=example.com --mailname=john --wait-stdin",
       "--add-alias --domain-name=example.com --mailname=john --alias=info --wait-stdin",
       "--set-mailbox-disk-quota --domain-name=example.com --mailname=john --disk-quota=1052672 "
       "--wait-stdin"}));
   EXPECT_TRUE(plan.omissions.empty()) << plan.omissions[0];
   EXPECT_EQ(plan.mail_domains, std::vector<std::string>{"example.com"});
-  const BatchLine& mailbox = plan.lines[5];
-  EXPECT_EQ(mailbox.password, std::optional<std::string>("s3cret"));
-  EXPECT_FALSE(mailbox.crypted_password);
-  EXPECT_EQ(mailbox.stdin_json,
+  for (size_t line : {5, 6}) {
+    EXPECT_EQ(plan.lines[line].password, std::optional<std::string>("s3cret"));
+    EXPECT_FALSE(plan.lines[line].crypted_password);
+  }
+  // The password and the alias reach the alias domains that hold them.
+  EXPECT_EQ(plan.lines[6].stdin_json,
             "{\"domain\": {\"name\": \"example.com\", \"dom_aliases\": [\"a.example\", "
             "\"b.example\"], \"maillists\": [], \"mails\": [{\"name\": \"john\", \"aliases\": "
-            "[\"info\"]}]}}");
+            "[]}]}}");
+  EXPECT_NE(plan.lines[7].stdin_json.find("[\"a.example\", \"b.example\"]"), std::string::npos);
 }
 
-TEST(MakePlan, TurnedOffDomainIsTurnedOffAfterItsMailNamesAndBeforeLaterAliases) {
+TEST(MakePlan, TurnedOffDomainIsTurnedOffBeforeItsRecordsAreMade) {
   Server server;
   server.Domain("off.example", false).Alias("off.example", "late.example")
       .Name("off.example", "bob", true).Record("off.example", "bob", "$1$hash", true)
@@ -154,13 +158,16 @@ TEST(MakePlan, TurnedOffDomainIsTurnedOffAfterItsMailNamesAndBeforeLaterAliases)
   server.state().databases.auth_domain_status["off.example"] = 1;
   server.state().databases.auth_domain_status["late.example"] = 1;
   Plan plan = server.Export();
-  std::vector<std::string> words = Words(plan);
-  ASSERT_EQ(words.size(), 5u);
-  EXPECT_EQ(words[3], "--turn-off-domain --domain-name=off.example --wait-stdin");
-  EXPECT_EQ(words[4].substr(0, 18), "--add-domain-alias");
-  EXPECT_EQ(plan.lines[2].crypted_password, std::optional<std::string>("$1$hash"));
-  // Its mail names come with the late alias, which copies their records.
-  EXPECT_NE(plan.lines[4].stdin_json.find("\"bob\""), std::string::npos);
+  EXPECT_EQ(Words(plan), (std::vector<std::string>{
+      "--add-domain --domain-name=off.example --wait-stdin",
+      "--turn-off-domain --domain-name=off.example --wait-stdin",
+      "--add-domain-alias --domain-name=off.example --domain-alias-name=late.example "
+      "--set-bounce --wait-stdin",
+      "--add-mailname --domain-name=off.example --mailname=bob --disk-quota=-1",
+      "--add-mailbox --domain-name=off.example --mailname=bob --mail-domain-disabled --wait-stdin",
+      "--set-password --domain-name=off.example --mailname=bob --mail-domain-disabled "
+      "--wait-stdin"}));
+  EXPECT_EQ(plan.lines[4].crypted_password, std::optional<std::string>("$1$hash"));
   EXPECT_TRUE(plan.omissions.empty()) << plan.omissions[0];
 }
 
