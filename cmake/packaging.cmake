@@ -12,13 +12,13 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     GROUP_READ GROUP_EXECUTE
     WORLD_READ WORLD_EXECUTE)
 
-install(TARGETS dravnik dravnik-setup dravnik-audit dravnik-batch dravnik-auth RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS dravnik dravnik-setup dravnik-audit dravnik-batch dravnik-auth dravnik-export RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
 # Manual pages are installed compressed, as man-db expects them; -n keeps the
 # name and time stamp out of the archive so that rebuilds are identical.
 find_program(GZIP_EXECUTABLE gzip REQUIRED)
 set(manpages)
-foreach(page dravnik.8 dravnik-setup.8 dravnik-audit.8 dravnik-batch.8 dravnik-auth.8)
+foreach(page dravnik.8 dravnik-setup.8 dravnik-audit.8 dravnik-batch.8 dravnik-auth.8 dravnik-export.8)
   set(source ${PROJECT_SOURCE_DIR}/doc/${page})
   set(copy ${PROJECT_BINARY_DIR}/man/${page})
   add_custom_command(OUTPUT ${copy}.gz
@@ -38,6 +38,7 @@ install(FILES dist/tmpfiles.d/dravnik.conf DESTINATION lib/tmpfiles.d)
 install(FILES dist/bash-completion/dravnik dist/bash-completion/dravnik-setup
               dist/bash-completion/dravnik-audit dist/bash-completion/dravnik-batch
               dist/bash-completion/dravnik-auth
+              dist/bash-completion/dravnik-export
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 # Beside Dovecot's own auth-*.conf.ext, where its 10-auth.conf includes them
 # from; none is active until the operator includes one.

@@ -21,7 +21,8 @@ from test_domain_commands import session
 BUILD = REPO / "build"
 VERSION = "0.1.0"
 
-PROGRAMS = ("dravnik", "dravnik-setup", "dravnik-audit", "dravnik-batch", "dravnik-auth")
+PROGRAMS = ("dravnik", "dravnik-setup", "dravnik-audit", "dravnik-batch", "dravnik-auth",
+            "dravnik-export")
 FILES = {  # installed path -> (mode, source in the work tree)
     "/usr/lib/tmpfiles.d/dravnik.conf": ("-rw-r--r--", "dist/tmpfiles.d/dravnik.conf"),
     **{"/usr/sbin/" + p: ("-rwxr-xr-x", None) for p in PROGRAMS},

@@ -16,14 +16,6 @@
 namespace tavix {
 namespace audit {
 
-// A home under the mail names root, split into its domain and mail name
-// directories ("" where the home ends before).
-struct Home {
-  bool under_root = false;
-  std::string domain;
-  std::string mailname;
-};
-
 class Checker {
  public:
   explicit Checker(const ServerState& state) : s_(state), files_(state.files) {}
@@ -36,7 +28,7 @@ class Checker {
   // owner-or-mode when `entry` exists and differs from uid:gid and mode.
   void Ownership(const Entry& entry, const std::string& path, const std::string& domain,
                  const std::string& mailname, uid_t uid, gid_t gid, mode_t mode);
-  Home SplitHome(const std::string& home) const;
+  Home SplitHome(const std::string& home) const { return audit::SplitHome(s_.root, home); }
   const Mailbox* FindMailbox(const std::string& domain, const std::string& mailname) const;
   // A mailbox is a mail name whose .qmail delivers into its Maildir.
   static bool Delivers(const Mailbox& mailbox);
@@ -67,11 +59,12 @@ class Checker {
 
   const ServerState& s_;
   const QmailFiles& files_;
-  std::set<std::string> active_;                        // routed to themselves
-  std::map<std::string, std::string> alias_of_;         // domain alias -> domain
-  std::set<std::string> known_;                         // active, or with assign lines
-  std::map<std::string, std::set<std::string>> homes_;  // domain -> mail name dirs
-  std::set<std::string> addresses_;                     // "domain-mailname" of "=" lines
+  Inventory inventory_;
+  std::set<std::string>& active_ = inventory_.active;
+  std::map<std::string, std::string>& alias_of_ = inventory_.alias_of;
+  std::set<std::string>& known_ = inventory_.known;
+  std::map<std::string, std::set<std::string>>& homes_ = inventory_.homes;
+  std::set<std::string>& addresses_ = inventory_.addresses;
   std::vector<Finding> findings_;
 };
 

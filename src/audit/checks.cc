@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <sstream>
 
 #include "audit/checker.h"
+#include "qmail/delivery.h"
 #include "qmail/paths.h"
 
 namespace tavix {
@@ -46,9 +48,9 @@ Finding& Checker::Add(const std::string& kind, const std::string& domain, const 
   return f;
 }
 
-Home Checker::SplitHome(const std::string& home) const {
+Home SplitHome(const std::string& root, const std::string& home) {
   Home h;
-  std::string prefix = s_.root + "/";
+  std::string prefix = root + "/";
   if (home.compare(0, prefix.size(), prefix) != 0) return h;
   std::string rest = home.substr(prefix.size());
   size_t slash = rest.find('/');
@@ -61,28 +63,32 @@ Home Checker::SplitHome(const std::string& home) const {
   return h;
 }
 
-// Which domains the files know, and the addresses that exist.
-void Checker::Index() {
-  for (const auto& entry : files_.virtualdomains) {
+Inventory TakeInventory(const std::string& root, const QmailFiles& files) {
+  Inventory inventory;
+  for (const auto& entry : files.virtualdomains) {
     if (entry.first == entry.second)
-      active_.insert(entry.first);
+      inventory.active.insert(entry.first);
     else
-      alias_of_[entry.first] = entry.second;
+      inventory.alias_of[entry.first] = entry.second;
   }
-  for (const AssignLine& line : files_.assign) {
-    Home home = SplitHome(line.home);
+  for (const AssignLine& line : files.assign) {
+    Home home = SplitHome(root, line.home);
     if (!line.type || !home.under_root) continue;
     if (line.type == '+' && home.mailname.empty() && line.key == home.domain)
-      known_.insert(home.domain);
+      inventory.known.insert(home.domain);
     if (line.type == '=' && !home.mailname.empty()) {
-      known_.insert(home.domain);
-      homes_[home.domain].insert(home.mailname);
+      inventory.known.insert(home.domain);
+      inventory.homes[home.domain].insert(home.mailname);
       std::string prefix = home.domain + "-";
-      if (line.key.compare(0, prefix.size(), prefix) == 0) addresses_.insert(line.key);
+      if (line.key.compare(0, prefix.size(), prefix) == 0) inventory.addresses.insert(line.key);
     }
   }
-  known_.insert(active_.begin(), active_.end());
+  inventory.known.insert(inventory.active.begin(), inventory.active.end());
+  return inventory;
 }
+
+// Which domains the files know, and the addresses that exist.
+void Checker::Index() { inventory_ = TakeInventory(s_.root, files_); }
 
 void Checker::ControlFiles() {
   std::set<std::string> routed;
@@ -204,7 +210,10 @@ const Mailbox* Checker::FindMailbox(const std::string& domain, const std::string
 }
 
 bool Checker::Delivers(const Mailbox& mailbox) {
-  return mailbox.dotqmail.find("Maildir") != std::string::npos;
+  std::istringstream lines(mailbox.dotqmail);
+  for (std::string line; std::getline(lines, line);)
+    if (is_delivery_line(line.c_str())) return true;
+  return false;
 }
 
 void Checker::MailNames() {

@@ -7,6 +7,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,25 @@ struct ServerState {
 };
 
 std::vector<Finding> Check(const ServerState& state);
+
+// A home under the mail names root `root`, split into its domain and mail
+// name directories ("" where the home ends before).
+struct Home {
+  bool under_root = false;
+  std::string domain;
+  std::string mailname;
+};
+Home SplitHome(const std::string& root, const std::string& home);
+
+// What qmail's files say exists.
+struct Inventory {
+  std::set<std::string> active;                        // routed to themselves
+  std::map<std::string, std::string> alias_of;         // domain alias -> domain
+  std::set<std::string> known;                         // active, or with assign lines
+  std::map<std::string, std::set<std::string>> homes;  // domain -> mail name dirs
+  std::set<std::string> addresses;                     // "domain-mailname" of "=" lines
+};
+Inventory TakeInventory(const std::string& root, const QmailFiles& files);
 
 // The usage counted in a maildirsize text and its limits; false when it is
 // not what the delivery agent and the commands write.

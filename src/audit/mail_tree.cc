@@ -39,7 +39,8 @@ using UniqueDir = std::unique_ptr<DIR, DirCloser>;
 
 class Walker {
  public:
-  Walker(MailTree* tree, bool sizes) : tree_(tree), sizes_(sizes) {
+  Walker(MailTree* tree, bool sizes, bool attachments)
+      : tree_(tree), sizes_(sizes), attachments_(attachments) {
     if (gethostname(host_, sizeof host_) != 0)
       host_[0] = '\0';
     host_[sizeof host_ - 1] = '\0';
@@ -102,6 +103,8 @@ class Walker {
                                                    const char* entry, unsigned type) {
       if (strcmp(entry, ".qmail-default") == 0) {
         domain->qmail_default = Stat(dir, entry, child);
+        if (type == DT_REG)
+          ReadSmall(dir, entry, child, 1 << 16, &domain->qmail_default_text);
       } else if (IsTemp(entry, ".qmail-default.")) {
         tree_->temporaries.push_back({child, path + "/.qmail-default", path});
       } else if (type == DT_DIR) {
@@ -130,6 +133,8 @@ class Walker {
         mailbox->has_maildirsize =
             ReadSmall(dir, entry, child, kMaxMaildirsize + 1, &mailbox->maildirsize);
       Temporary(path, relative, entry, child);
+      if (attachments_ && below == "@attachments" && type == DT_DIR)
+        mailbox->attachments_bytes = get_dir_size_at(dir, entry, 0);
       if (type == DT_DIR)
         Below(dir, entry, child, below, mailbox, depth + 1);
       else if (messages)
@@ -266,6 +271,7 @@ class Walker {
 
   MailTree* tree_;
   bool sizes_;
+  bool attachments_;
   char host_[256];
 };
 
@@ -284,10 +290,10 @@ int64_t SizeFromName(const char* name) {
   return -1;
 }
 
-MailTree WalkMailTree(const std::string& root, bool sizes) {
+MailTree WalkMailTree(const std::string& root, bool sizes, bool attachments) {
   MailTree tree;
   tree.root = root;
-  Walker(&tree, sizes).Root();
+  Walker(&tree, sizes, attachments).Root();
   return tree;
 }
 

@@ -1,5 +1,5 @@
 // One walk of the mail names tree, <root>/<domain>/<mail name>/..., for the
-// audit.
+// audit and the export.
 //
 // The tree belongs to the mail user, who can put a symbolic link anywhere
 // in it. The walk goes from directory descriptor to directory descriptor
@@ -46,11 +46,15 @@ struct Mailbox {
   // With sizes: what the messages of Maildir add up to.
   int64_t bytes = 0;
   int64_t messages = 0;
+  // With attachments: the size of @attachments as a quota sees it (the
+  // directory itself included); -1 when unknown.
+  int64_t attachments_bytes = -1;
 };
 
 struct DomainDir {
   Entry dir;
   Entry qmail_default;
+  std::string qmail_default_text;  // at most 64 KiB of it
   std::map<std::string, Mailbox> mailboxes;
 };
 
@@ -76,8 +80,9 @@ constexpr size_t kMaxMaildirsize = 5120;
 
 // Walks `root`. With `sizes`, the messages of each Maildir are counted as
 // its usage is (Maildir++ folders but .Trash, sizes from ",S=" in the name
-// where given).
-MailTree WalkMailTree(const std::string& root, bool sizes);
+// where given); with `attachments`, the size of each @attachments, which a
+// quota is set net of.
+MailTree WalkMailTree(const std::string& root, bool sizes, bool attachments = false);
 
 // The size a message's name states (",S=<digits>" ended by ":" or the end),
 // or -1.

@@ -154,6 +154,9 @@ QmailFiles ReadQmailFiles(int lock_wait_ms) {
   if (ReadLines(qmail_file("/control/locals"), lock_wait_ms, &files, &lines))
     files.locals.insert(lines.begin(), lines.end());
   lines.clear();
+  if (ReadLines(qmail_file("/control/rejectnonexist"), lock_wait_ms, &files, &lines))
+    files.rejectnonexist.insert(lines.begin(), lines.end());
+  lines.clear();
   if (ReadLines(qmail_file("/control/virtualdomains"), lock_wait_ms, &files, &lines)) {
     for (const std::string& line : lines) {
       size_t colon = line.find(':');

@@ -1,6 +1,7 @@
-// Reading qmail's line files for the audit: control/rcpthosts,
-// control/virtualdomains, control/locals, users/assign and the times of
-// users/assign and users/cdb.
+// Reading qmail's line files for the audit and the export:
+// control/rcpthosts, control/virtualdomains, control/locals,
+// control/rejectnonexist, users/assign and the times of users/assign and
+// users/cdb.
 //
 // Each file is read under its own lock and the lock is let go right after,
 // so a running dravnik waits at most for one read. The commands replace
@@ -38,6 +39,7 @@ AssignLine ParseAssignLine(const std::string& text);
 struct QmailFiles {
   std::set<std::string> rcpthosts;
   std::set<std::string> locals;
+  std::set<std::string> rejectnonexist;  // names whose unknown addresses are refused
   std::vector<std::pair<std::string, std::string>> virtualdomains;  // name, prefix
   std::vector<AssignLine> assign;  // without the final "."
   bool assign_terminated = false;  // the last line is "."

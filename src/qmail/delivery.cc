@@ -126,7 +126,7 @@ int write_reset(const char* path) {
   // The owner and mode are the new file's before it takes the name.
   if (fd_set_user_mode(file.fd(), path, kMailboxOwner, kDotqmailMode) != 0)
     return -1;
-  if (!file.write("| true\n") || !file.commit()) {
+  if (!file.write(std::string(kDiscardLine) + "\n") || !file.commit()) {
     // No .qmail at all is better than a wrong one: qmail then delivers by
     // its default instead of to whatever the old file said.
     int write_errno = errno;
@@ -228,6 +228,15 @@ int reset_locked(const char* path, bool tidy) {
 }
 
 }  // namespace
+
+const char kDiscardLine[] = "| true";
+
+int is_delivery_line(const char* line) {
+  for (const char* const* known = kDeliveryLines; *known; ++known)
+    if (strcmp(line, *known) == 0)
+      return 1;
+  return 0;
+}
 
 int dotqmail_reset(const char* path) { return reset_locked(path, true); }
 

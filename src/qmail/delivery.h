@@ -36,6 +36,13 @@ int get_mailhome_path(char* buffer, size_t size, const char* mailname,
 int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
                       const char* domain);
 
+// The line of a fresh .qmail, which discards the mail: "| true".
+extern const char kDiscardLine[];
+// 1 when `line` (without its newline) is one of the delivery lines this
+// program writes or once wrote: a .qmail holding one makes its mail name a
+// mailbox. Else 0.
+int is_delivery_line(const char* line);
+
 // Writes a fresh .qmail that discards the mail ("| true"), owned by popuser
 // with mode 0600, beside the old one and renamed over it (a link planted at
 // the name is replaced, not written through). A failed write leaves no file

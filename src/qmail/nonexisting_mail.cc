@@ -110,6 +110,12 @@ int add_qmail_default(const char* domain, const char* line) {
   return -1;
 }
 
+std::string bounce_line(const char* text) {
+  std::string phrase = (text == nullptr || *text == '\0') ? kDefaultBounce : text;
+  std::replace(phrase.begin(), phrase.end(), '\n', ' ');
+  return "|bouncesaying " + tavix::sh_quote(phrase);
+}
+
 int add_bounce(const char* domain, const char* text) {
   // The text becomes one argument of one delivery line: a newline would end
   // the line, and the shell must see the text as a single word.
@@ -117,9 +123,7 @@ int add_bounce(const char* domain, const char* text) {
     messlog2(0, 0, "add_bounce: the bounce text contains a control character");
     return -1;
   }
-  std::string phrase = (text == nullptr || *text == '\0') ? kDefaultBounce : text;
-  std::replace(phrase.begin(), phrase.end(), '\n', ' ');
-  std::string line = "|bouncesaying " + tavix::sh_quote(phrase);
+  std::string line = bounce_line(text);
   set_reject(domain, 0);  // a bounced domain accepts the mail first
   return add_qmail_default(domain, line.c_str());
 }

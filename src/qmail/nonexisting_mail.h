@@ -7,6 +7,12 @@
 #ifndef DRAVNIK_QMAIL_NONEXISTING_MAIL_H_
 #define DRAVNIK_QMAIL_NONEXISTING_MAIL_H_
 
+#include <string>
+
+// The .qmail-default line that bounces with `text` (null or empty: the
+// default text), as add_bounce() writes it.
+std::string bounce_line(const char* text);
+
 // Bounces with `text` (null or empty: the default text), or forwards to
 // `address`; either takes the domain off the reject list. 0 or -1.
 // Both refuse, with -1 and nothing changed, what is_bounce_text_safe() or
