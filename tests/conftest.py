@@ -93,3 +93,16 @@ def sandbox_copy(root):
     finally:
         if directory.exists():
             shutil.rmtree(directory)
+
+
+STRACE = "/usr/bin/strace"
+
+
+def traced(sb, argv, *strace_args, env=None):
+    """Runs `argv` in the sandbox under strace with `strace_args` (its path
+    filter and fault injection), its trace on standard error. A sanitized
+    program's leak check cannot run under ptrace and would fail every such
+    run, so it is turned off for these (the same runs are checked untraced
+    elsewhere)."""
+    env = dict(env or {}, ASAN_OPTIONS="detect_leaks=0")
+    return sb.run_raw([STRACE, "-f", "-o", "/dev/stderr", *strace_args, *map(str, argv)], env=env)

@@ -10,12 +10,11 @@ import time
 
 import pytest
 
+from conftest import traced
 from test_audit import AUDIT
 from test_domain_commands import (AUTH_DB, DOMAIN, add_domain, add_handler, add_mailbox,
                                   handlers, lines, ok)
 from test_mailname_commands import auth_rows
-
-STRACE = "/usr/bin/strace"
 
 
 def repairs(result):
@@ -25,9 +24,8 @@ def repairs(result):
 def delayed_audit(sb, path, seconds):
     """An audit --repair whose first open of `path` waits `seconds`: what
     it read before (users/assign) is older than what it reads after."""
-    return sb.run_raw([STRACE, "-f", "-o", "/dev/null", "-P", path, "-e", "trace=openat",
-                       "-e", "inject=openat:delay_enter=%d:when=1" % int(seconds * 1e6),
-                       AUDIT, "--repair", "--json"])
+    return traced(sb, [AUDIT, "--repair", "--json"], "-P", path, "-e", "trace=openat",
+                  "-e", "inject=openat:delay_enter=%d:when=1" % int(seconds * 1e6))
 
 
 def in_background(work):
@@ -118,10 +116,9 @@ def test_directory_renamed_during_the_walk_is_no_read_failure(mail_sandbox):
     add_mailbox(sb, "john")
     # The walk opens each mailbox by its name relative to the domain's
     # directory, which is what strace's path filter sees.
-    thread, box = in_background(lambda: sb.run_raw(
-        [STRACE, "-f", "-o", "/dev/null", "-P", "john",
-         "-e", "trace=openat", "-e", "inject=openat:delay_enter=1500000:when=1",
-         AUDIT, "--json"]))
+    thread, box = in_background(lambda: traced(
+        sb, [AUDIT, "--json"], "-P", "john", "-e", "trace=openat",
+        "-e", "inject=openat:delay_enter=1500000:when=1"))
     time.sleep(0.5)  # the audit has listed example.com and waits to open john
     ok(sb, "--rename-mailname", "--domain-name=" + DOMAIN, "--old-mailname=john",
        "--new-mailname=jack", "--mail-addresses=john", env={"ZON_PASSWORD": "secret"})

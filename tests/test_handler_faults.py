@@ -9,12 +9,11 @@ undisturbed run."""
 
 import pytest
 
-from conftest import sandbox_copy
+from conftest import sandbox_copy, traced
 from sandbox import Sandbox
 from test_domain_commands import (AUTH_DB, DOMAIN, HANDLERS_DB, add_domain, add_domain_alias,
                                   add_handler, add_mailbox, handlers, mail_state, ok, query)
 
-STRACE = "/usr/bin/strace"
 JOURNAL = HANDLERS_DB + "-journal"
 PASSWORD = {"ZON_PASSWORD": "secret"}
 
@@ -110,9 +109,8 @@ def test_no_handler_is_lost_when_a_call_fails(sb, undisturbed, command, path, ca
     assert clean_rc == 0 and moved != handlers(sb)
     before = handlers(sb)
 
-    r = sb.run_raw([STRACE, "-f", "-o", "/dev/stderr", "-P", path, "-e", "trace=" + call,
-                    "-e", "inject=%s:error=%s:when=%d" % (call, error, when),
-                    str(sb.dravnik), *args], env=env)
+    r = traced(sb, [sb.dravnik, *args], "-P", path, "-e", "trace=" + call,
+               "-e", "inject=%s:error=%s:when=%d" % (call, error, when), env=env)
     assert "(INJECTED)" in r.err, r
     after = handlers(sb)
     # Every handler is still where it was, or its copy is in place (the old
