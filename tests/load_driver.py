@@ -4,7 +4,7 @@
     load_driver.py kill DRAVNIK REPORT SEED RUNS
     load_driver.py concurrent DRAVNIK REPORT WIDTH PAUSE
     load_driver.py burst-fail DRAVNIK REPORT PAUSE FAIL_AT
-    load_driver.py burst-kill DRAVNIK REPORT SEED ROUNDS SIZE PAUSE
+    load_driver.py burst-kill DRAVNIK REPORT SEED KILLS SIZE PAUSE
 
 Starting a container per run would cost more than the runs themselves, so
 test_under_load.py starts this script once in a sandbox (where /var/qmail and
@@ -716,10 +716,11 @@ def burst_fail_test(prog, pause, fail_at):
             "calls": [i["call"] for i in inputs]}
 
 
-def burst_kill_test(prog, seed, rounds, size, pause):
-    """Bursts of `size` added lines, about half of each burst's runs killed
-    at random instants within the burst; after each, every run that ended
-    with 0 must have its line in users/cdb, which must be a whole compile."""
+def burst_kill_test(prog, seed, kills_wanted, size, pause):
+    """Bursts of `size` added lines, half of each burst's runs killed at
+    random instants within the burst (some end before), until
+    `kills_wanted` runs were killed; every run seen to end with 0 must have
+    its line in users/cdb, which must be a whole compile."""
     rnd = random.Random(seed)
     compile_of = runpy.run_path("/var/qmail/bin/qmail-newu")["compiled"]
     burst_set_up(prog)
@@ -742,7 +743,9 @@ def burst_kill_test(prog, seed, rounds, size, pause):
             report["problems"].append("round %d: ended with 0 but not in users/cdb: %s"
                                       % (r, " ".join(change.args)))
 
-    for r in range(rounds):
+    for r in range(40):
+        if sum(done["killed"] for done in report["rounds"]) >= kills_wanted:
+            break
         changes = added_burst("k%d" % r, size)
         kills = {i: rnd.uniform(0, seconds) for i in rnd.sample(range(size), size // 2)}
         runs, _ = burst(prog, changes, kills, on_success=lambda c, r=r: check(r, c))

@@ -20,16 +20,18 @@ namespace qmail {
 
 namespace {
 
-// The state file: the counter, then the ledger, each in a slot of its own
-// so that the writers of one (under the request lock) and of the other
-// (under the run lock) never write over each other. Both lie in the first
-// page of the file.
+// The state file: the counter, then the ledger, in slots of their own so
+// that the writers of one (under the request lock) and of the other (under
+// the run lock) never write over each other, all in the first page of the
+// file. The counter takes two slots, written in turn (value v goes to slot
+// v % 2): a write cut short spoils only the slot of a value nobody was
+// handed, and the other slot still holds the last one that was.
 struct Slot {
   off_t offset;
   size_t size;
 };
-const Slot kCounterSlot = {0, 64};
-const Slot kLedgerSlot = {64, 4096 - 64};
+const Slot kCounterSlots[2] = {{0, 64}, {64, 64}};
+const Slot kLedgerSlot = {128, 4096 - 128};
 
 const char kUnkeptMessage[] =
     "the run that served this request failed (its message is no longer kept)";
@@ -125,14 +127,25 @@ bool write_slot(int fd, const Slot& slot, const std::string& payload) {
 
 enum class Read { kOk, kUnknown, kFailed };
 
+// The last value handed out: the larger of the two slots.
 Read read_counter(int fd, uint64_t* value) {
-  std::string bytes, payload;
-  if (!read_slot(fd, kCounterSlot, &bytes))
-    return Read::kFailed;
   *value = 0;
-  if (!unseal_slot(bytes, &payload))
-    return Read::kUnknown;
-  return payload.empty() || parse_number(payload, value) ? Read::kOk : Read::kUnknown;
+  int whole = 0;
+  for (const Slot& slot : kCounterSlots) {
+    std::string bytes, payload;
+    if (!read_slot(fd, slot, &bytes))
+      return Read::kFailed;
+    uint64_t n = 0;
+    if (unseal_slot(bytes, &payload) && (payload.empty() || parse_number(payload, &n))) {
+      *value = std::max(*value, n);
+      ++whole;
+    }
+  }
+  return whole > 0 ? Read::kOk : Read::kUnknown;
+}
+
+bool write_counter(int fd, uint64_t value) {
+  return write_slot(fd, kCounterSlots[value % 2], std::to_string(value));
 }
 
 Read read_ledger(int fd, RunLedger* ledger) {
@@ -275,8 +288,9 @@ uint64_t SharedRun::note_change() const {
   uint64_t counter = 0;
   Read counted = state ? read_counter(state.get(), &counter) : Read::kFailed;
   if (counted == Read::kUnknown) {
-    // A write cut short: no generation handed out may be handed out again,
-    // and every one a run has served was handed out.
+    // Both slots spoilt (by hand: a kill spoils one at most). No generation
+    // handed out may be handed out again, and every one a run has served
+    // was handed out: the best that is known.
     RunLedger ledger;
     if (read_ledger(state.get(), &ledger) != Read::kOk) {
       counted = Read::kFailed;
@@ -284,8 +298,7 @@ uint64_t SharedRun::note_change() const {
     }
     counter = std::max(counter, ledger.through());
   }
-  if (counted != Read::kFailed && write_slot(state.get(), kCounterSlot,
-                                             std::to_string(counter + 1)))
+  if (counted != Read::kFailed && write_counter(state.get(), counter + 1))
     return counter + 1;
   tavix_log(LOG_ERR, "Unable to count a change in the state file of %s: %s", run_lock_.c_str(),
             strerror(errno));

@@ -43,8 +43,10 @@
 // so its followers find themselves unserved and lead in turn; a change
 // counted by a killed run only makes a later run serve more. The state
 // file is written in place in fixed slots with a checksum, so a write cut
-// short reads as unknown (and is treated as "not served"), and a kill
-// leaves no temporary file behind.
+// short reads as unknown and a kill leaves no temporary file behind: a
+// ledger that cannot be read counts as "nothing served", and the counter
+// is kept in two slots written in turn, so that one cut short leaves the
+// last value handed out in the other.
 #ifndef DRAVNIK_QMAIL_SHARED_RUN_H_
 #define DRAVNIK_QMAIL_SHARED_RUN_H_
 

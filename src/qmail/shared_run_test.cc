@@ -286,11 +286,18 @@ TEST(SharedRunTest, AGarbledStateFileOnlyCostsARunMore) {
 
   tavix::UniqueFd state = open_lock_state_file(key.c_str());
   ASSERT_TRUE(state);
-  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 0));  // the counter
+  // One slot of the counter, as a kill during its write leaves it: the
+  // other still holds the last generation handed out.
+  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 64 * ((served + 1) % 2)));
   uint64_t next = run.request();
+  EXPECT_EQ(served + 1, next);
+  // Both, as no kill can: still above everything served.
+  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 0));
+  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 64));
+  next = run.request();
   EXPECT_GT(next, served);
 
-  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 64));  // the ledger
+  ASSERT_EQ(5, pwrite(state.get(), "junk\n", 5, 128));  // the ledger
   EXPECT_EQ(0, run.await(served, counted.program()));
   EXPECT_EQ(2u, counted.runs());
   EXPECT_EQ(0, run.await(next, counted.program()));
