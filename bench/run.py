@@ -41,8 +41,9 @@ still validates the final users/assign once every run is done.
 
 The burst: with the compiling stand-in in place, a number of runs (default
 100) that each edit users/assign are started at once; the table gives the
-burst's wall time and how many compiles it took.  Compiles take turns under
-the lock of users/assign, so the wall time is bounded by the compiles.
+burst's wall time, how many compiles it took and the longest any one run
+took.  A compile serves every run whose edit it reads, so the compiles are
+far fewer than the runs.
 
 Run as root:  /usr/bin/python3 bench/run.py [--sizes 1000,10000,100000] [--runs 15]
                   [--messages 50000] [--burst 100] [--build-dir build] [--tree-dir /dev/shm]
@@ -401,13 +402,23 @@ def mailbox_rounds(sb, homes, runs):
 
 
 BURST_DRIVER = r"""
-import json, subprocess, sys, time
+import json, subprocess, sys, threading, time
 plan = json.load(open(sys.argv[1]))
+runs = [None] * len(plan)
+def wait(i, p, started):
+    err = p.communicate()[1].decode(errors="replace")
+    runs[i] = {"argv": plan[i]["argv"], "err": err, "rc": p.returncode,
+               "seconds": time.perf_counter() - started}
 start = time.perf_counter()
-procs = [subprocess.Popen(op["argv"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                          stderr=subprocess.PIPE, env=op["env"]) for op in plan]
-runs = [{"argv": op["argv"], "err": p.communicate()[1].decode(errors="replace"),
-         "rc": p.returncode} for op, p in zip(plan, procs)]
+threads = []
+for i, op in enumerate(plan):
+    started = time.perf_counter()
+    p = subprocess.Popen(op["argv"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE, env=op["env"])
+    threads.append(threading.Thread(target=wait, args=(i, p, started)))
+    threads[-1].start()
+for t in threads:
+    t.join()
 json.dump({"seconds": time.perf_counter() - start, "runs": runs}, open(sys.argv[2], "w"))
 """
 
@@ -463,7 +474,8 @@ def bench_burst(sb, n, count):
     if sb.path("/var/qmail/users/cdb").read_bytes() != compiled(text):
         raise BenchError("after the burst users/cdb is not compiled from the final users/assign")
     return {"seconds": result["seconds"],
-            "compiles": len(calls.read_text().splitlines()) - before}
+            "compiles": len(calls.read_text().splitlines()) - before,
+            "longest": max(run["seconds"] for run in result["runs"])}
 
 
 # --------------------------------------------------------------------------
@@ -622,6 +634,9 @@ EDIT_COMMANDS = ("--add-mailname --disk-quota", "--add-alias", "--remove-alias",
                  "--rename-mailname", "--add-domain")
 EDIT_TARGET = 3.0
 SIZE_TARGET = 0.5
+BURST_RUNS = 100            # the burst the targets below are for
+BURST_WALL_TARGET = 5.0
+BURST_COMPILE_TARGET = 25
 
 
 def median_ms(times):
@@ -690,9 +705,21 @@ def table(sizes, results, mailbox, opts):
                 ["%.2f" % results[n][1]["burst"]["seconds"] for n in sizes])
             row("  qmail-newu runs in the burst",
                 [str(results[n][1]["burst"]["compiles"]) for n in sizes])
+            row("  longest run in the burst: s",
+                ["%.2f" % results[n][1]["burst"]["longest"] for n in sizes])
         out.append("")
         largest = max(sizes)
         times = results[largest][0]
+        if opts.burst:
+            b = results[largest][1]["burst"]
+            scaled = opts.burst == BURST_RUNS and largest >= 100000
+            verdicts.append("  burst of %d runs: %.2f s wall (target <= %.0f s for %d runs at "
+                            "N=100000): %s" % (opts.burst, b["seconds"], BURST_WALL_TARGET,
+                                               BURST_RUNS,
+                                               verdict(b["seconds"] <= BURST_WALL_TARGET, scaled)))
+            verdicts.append("  burst of %d runs: %d qmail-newu runs (target <= %d): %s"
+                            % (opts.burst, b["compiles"], BURST_COMPILE_TARGET,
+                               verdict(b["compiles"] <= BURST_COMPILE_TARGET, scaled)))
         for c in EDIT_COMMANDS:
             ratio = median_ms(times[c]) / median_ms(times["floor"])
             verdicts.append("  %-30s %5.2f x floor at N=%d (target <= %.1f at N=100000): %s"

@@ -74,6 +74,8 @@ HUP_LOG = LOG_DIR + "/hups"
 NEWU_LOG = LOG_DIR + "/qmail-newu.calls"
 INIT_LOG = LOG_DIR + "/init.calls"
 NEWU_PAUSE = RECORD_DIR + "/newu-pause"   # read by the qmail-newu stand-in
+NEWU_FAIL = RECORD_DIR + "/newu-fail"     # read by the qmail-newu stand-in
+NEWU_INPUTS = LOG_DIR + "/qmail-newu.inputs"
 AUTH_DB = "/var/lib/tavix/mail/auth/passwd.db"
 
 # Every path the program may change or whose content a test sets up.  Each
@@ -576,6 +578,20 @@ class Sandbox:
             self.write(NEWU_PAUSE, "%g\n" % seconds)
         elif self.exists(NEWU_PAUSE):
             self.path(NEWU_PAUSE).unlink()
+
+    def set_newu_fail(self, call, message):
+        """Makes the qmail-newu run numbered `call` (counting every run the
+        sandbox has seen, from 1) fail with `message`; None for no failure.
+        Meanwhile each run records what it read (newu_inputs())."""
+        if call:
+            self.write(NEWU_FAIL, "%d %s\n" % (call, message))
+        elif self.exists(NEWU_FAIL):
+            self.path(NEWU_FAIL).unlink()
+
+    def newu_inputs(self):
+        """[{"call", "assign", "status"}] of the qmail-newu runs made while a
+        failure was planned."""
+        return [json.loads(l) for l in _read_lines(self.path(NEWU_INPUTS))]
 
     def hide(self, path):
         """Leave a host path out of the sandbox (for example a delivery agent,

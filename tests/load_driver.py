@@ -3,6 +3,8 @@
 
     load_driver.py kill DRAVNIK REPORT SEED RUNS
     load_driver.py concurrent DRAVNIK REPORT WIDTH PAUSE
+    load_driver.py burst-fail DRAVNIK REPORT PAUSE FAIL_AT
+    load_driver.py burst-kill DRAVNIK REPORT SEED KILLS SIZE PAUSE
 
 Starting a container per run would cost more than the runs themselves, so
 test_under_load.py starts this script once in a sandbox (where /var/qmail and
@@ -19,6 +21,15 @@ concurrent: sets up a few domains, then runs a batch of mixed commands,
 WIDTH at a time, with the qmail-newu stand-in pausing PAUSE seconds in each
 compile so that compiles would overlap if nothing kept them apart; the test
 judges the outcome.
+
+burst-fail: a burst of mixed commands, all released at one instant, in
+which one compile (the FAIL_AT-th of the burst) fails; the report tells,
+for each run, which compile first read its whole change and whether that
+compile failed.
+
+burst-kill: bursts of runs released at one instant, half of them killed
+at random instants within the burst; the driver judges that every run that
+ended with 0 has its change in users/cdb.
 
 Only the standard library: the sandbox runs this with python3 -I.
 """
@@ -545,11 +556,228 @@ def concurrent_test(prog, width, pause):
             "compiles": compiles() - compiles_before}
 
 
+# --------------------------------------------------------------------------
+# Bursts: many runs released at one instant, each with changes to
+# users/assign that no other run touches, so that what each compile read
+# tells whose change it saw.
+
+NEWU_FAIL = "/run/sandbox/newu-fail"
+NEWU_INPUTS = "/run/sandbox/log/qmail-newu.inputs"
+BURST_DOMAINS = ["b%d.test" % i for i in range(4)]
+BURST_NAMES = ["o%d" % i for i in range(7)]    # set up in each domain
+BURST_ALIASES = ["ao%d" % i for i in range(3)]  # of o0, o1, o2, set up
+FAIL_MESSAGE = "planned failure of this compile"
+
+# A run of a burst: its arguments and standard input, and the assign lines
+# that its change makes present and absent.
+Change = namedtuple("Change", "args stdin present absent")
+
+
+def mailname_line(d, name, home=None):
+    return assign_line("=%s-%s" % (d, name), "%s/%s" % (d, home or name))
+
+
+def burst_set_up(prog):
+    for d in BURST_DOMAINS:
+        set_up(prog, [(["--add-domain", "--domain-name=" + d, "--wait-stdin"], session(d), None)])
+        set_up(prog, [(["--add-mailname", "--domain-name=" + d, "--mailname=" + n,
+                        "--disk-quota=-1"], None, None) for n in BURST_NAMES])
+        set_up(prog, [(["--add-alias", "--domain-name=" + d, "--mailname=" + n,
+                        "--alias=" + a, "--mail-addresses", n], None, None)
+                      for a, n in zip(BURST_ALIASES, BURST_NAMES)])
+
+
+def mixed_burst():
+    """Each kind of change of users/assign, in every set-up domain, and new
+    domains: runs whose changes are all apart."""
+    changes = []
+    for i, d in enumerate(BURST_DOMAINS):
+        new = "nd%d.test" % i
+        changes.append(Change(["--add-domain", "--domain-name=" + new, "--wait-stdin"],
+                              session(new), [assign_line("+" + new, new)], []))
+        for k in range(4):
+            n = "new%d" % k
+            changes.append(Change(["--add-mailname", "--domain-name=" + d, "--mailname=" + n,
+                                   "--disk-quota=-1"], None, [mailname_line(d, n)], []))
+        # o3 is renamed and o6 removed by runs of their own.
+        for k, owner in enumerate(["o4", "o5", "o4"]):
+            a = "na%d" % k
+            changes.append(Change(["--add-alias", "--domain-name=" + d, "--mailname=" + owner,
+                                   "--alias=" + a, "--mail-addresses", owner], None,
+                                  [mailname_line(d, a, owner)], []))
+        for a, owner in zip(BURST_ALIASES, BURST_NAMES):
+            changes.append(Change(["--remove-alias", "--domain-name=" + d, "--mailname=" + owner,
+                                   "--alias=" + a, "--mail-addresses", "%s,%s" % (owner, a)],
+                                  None, [], [mailname_line(d, a, owner)]))
+        changes.append(Change(["--remove-mailname", "--domain-name=" + d, "--mailname=o6",
+                               "--mail-addresses", "o6"], None, [], [mailname_line(d, "o6")]))
+        changes.append(Change(["--rename-mailname", "--domain-name=" + d, "--old-mailname=o3",
+                               "--new-mailname=o3x", "--mail-addresses", "o3"], None,
+                              [mailname_line(d, "o3x")], [mailname_line(d, "o3")]))
+    return changes
+
+
+def added_burst(tag, count):
+    """`count` runs that each add a line of their own."""
+    changes = []
+    for k in range(count):
+        d = BURST_DOMAINS[k % len(BURST_DOMAINS)]
+        if k % 3 == 2:
+            a = "%sa%d" % (tag, k)
+            changes.append(Change(["--add-alias", "--domain-name=" + d, "--mailname=o0",
+                                   "--alias=" + a, "--mail-addresses", "o0"], None,
+                                  [mailname_line(d, a, "o0")], []))
+        else:
+            n = "%sn%d" % (tag, k)
+            changes.append(Change(["--add-mailname", "--domain-name=" + d, "--mailname=" + n,
+                                   "--disk-quota=-1"], None, [mailname_line(d, n)], []))
+    return changes
+
+
+def reflects(text, change):
+    lines = set(text.splitlines())
+    return set(change.present) <= lines and not set(change.absent) & lines
+
+
+def burst(prog, changes, kill_after=None, later=(), release_later=None, on_success=None):
+    """Starts every run at one instant; with `kill_after` (run index ->
+    seconds), kills those runs that long after the start. The runs whose
+    indexes are in `later` start only once `release_later()` says so.
+    `on_success(change)` is called as soon as a run is seen to have ended
+    with 0. [{args, rc, err}], and the burst's seconds."""
+    gates = [os.pipe(), os.pipe()]
+    os.makedirs("/run/sandbox/err", exist_ok=True)
+    procs = []
+    for i, c in enumerate(changes):
+        gate = gates[i in later][0]
+        wait = ["/bin/sh", "-c", 'read _ <&%d; exec "$@"' % gate, "sh"]
+        err = open("/run/sandbox/err/burst-%d" % i, "w+b")
+        procs.append((err, prog.command(c.args, c.stdin, None, stdout=subprocess.DEVNULL,
+                                        stderr=err, pass_fds=(gate,), wrap=wait)))
+    start = time.monotonic()
+    for n, (gate, gate_write) in enumerate(gates):
+        while n and later and not release_later():
+            time.sleep(0.005)
+        os.close(gate_write)
+        os.close(gate)
+    kills = sorted((t, i) for i, t in (kill_after or {}).items())
+    ended = {}
+    while len(ended) < len(procs):
+        while kills and time.monotonic() >= start + kills[0][0]:
+            procs[kills.pop(0)[1]][1].send_signal(signal.SIGKILL)
+        for i, (_, proc) in enumerate(procs):
+            if i not in ended and proc.poll() is not None:
+                ended[i] = proc.returncode
+                if proc.returncode == 0 and on_success:
+                    on_success(changes[i])
+        time.sleep(0.001)
+    runs = []
+    for i, (c, (err, proc)) in enumerate(zip(changes, procs)):
+        rc = ended[i]
+        err.seek(0)
+        runs.append({"args": c.args, "rc": rc, "err": err.read().decode("utf-8", "replace")})
+        err.close()
+    return runs, time.monotonic() - start
+
+
+def set_pause(pause):
+    if pause:
+        with open(NEWU_PAUSE, "w") as f:
+            f.write("%g\n" % pause)
+    elif os.path.exists(NEWU_PAUSE):
+        os.unlink(NEWU_PAUSE)
+
+
+def burst_fail_test(prog, pause, fail_at):
+    """A mixed burst in which the `fail_at`-th compile (counted from the
+    burst's first) fails, held open `pause` seconds: each run's fate is that
+    of the first compile that read its whole change."""
+    burst_set_up(prog)
+    set_pause(pause)
+    with open(NEWU_FAIL, "w") as f:
+        f.write("%d %s\n" % (compiles() + fail_at, FAIL_MESSAGE))
+    changes = mixed_burst()
+    # Half the runs start once the failing compile has read users/assign,
+    # so that later compiles serve them.
+    def failing():
+        return os.path.exists(NEWU_INPUTS) and any(
+            json.loads(l)["status"] for l in open(NEWU_INPUTS))
+    runs, seconds = burst(prog, changes, later=set(range(1, len(changes), 2)),
+                          release_later=failing)
+    os.unlink(NEWU_FAIL)
+    set_pause(0)
+    inputs = [json.loads(l) for l in open(NEWU_INPUTS)]
+    for run, c in zip(runs, changes):
+        first = next((i for i in inputs if reflects(i["assign"], c)), None)
+        run["served_by"] = first and first["call"]
+        run["served_failed"] = bool(first and first["status"])
+    return {"runs": runs, "seconds": round(seconds, 2),
+            "failed_calls": [i["call"] for i in inputs if i["status"]],
+            "calls": [i["call"] for i in inputs]}
+
+
+def burst_kill_test(prog, seed, kills_wanted, size, pause):
+    """Bursts of `size` added lines, half of each burst's runs killed at
+    random instants within the burst (some end before), until
+    `kills_wanted` runs were killed; every run seen to end with 0 must have
+    its line in users/cdb, which must be a whole compile."""
+    rnd = random.Random(seed)
+    compile_of = runpy.run_path("/var/qmail/bin/qmail-newu")["compiled"]
+    burst_set_up(prog)
+    set_pause(pause)
+    report = {"seed": seed, "rounds": [], "problems": []}
+    runs, seconds = burst(prog, added_burst("u", size))   # how long a burst takes
+
+    def compiled_body():
+        cdb = open("/var/qmail/users/cdb", "rb").read()
+        body = cdb.split(b"\n", 1)[1].decode("utf-8", "surrogateescape") if b"\n" in cdb else ""
+        return body if compile_of(body + ".\n") == cdb else None
+
+    # Lines are only added, so users/cdb read just after a run ended holds
+    # its line if the compile it returned on did.
+    def check(r, change):
+        body = compiled_body()
+        if body is None:
+            report["problems"].append("round %d: users/cdb is not a whole compile" % r)
+        elif not reflects(body, change):
+            report["problems"].append("round %d: ended with 0 but not in users/cdb: %s"
+                                      % (r, " ".join(change.args)))
+
+    for r in range(40):
+        if sum(done["killed"] for done in report["rounds"]) >= kills_wanted:
+            break
+        changes = added_burst("k%d" % r, size)
+        kills = {i: rnd.uniform(0, seconds) for i in rnd.sample(range(size), size // 2)}
+        runs, _ = burst(prog, changes, kills, on_success=lambda c, r=r: check(r, c))
+        report["problems"] += ["round %d: %s ended with status %d: %s" % (
+            r, " ".join(run["args"]), run["rc"], run["err"]) for run in runs
+            if run["rc"] not in (0, -signal.SIGKILL)]
+        report["rounds"].append({"killed": sum(run["rc"] == -signal.SIGKILL for run in runs),
+                                 "ok": sum(run["rc"] == 0 for run in runs)})
+    set_pause(0)
+    # One more run after the kills: its compile reads the last edit.
+    last = added_burst("z", 1)[0]
+    rc, err = prog.run(last.args)
+    if rc != 0:
+        report["problems"].append("the run after the bursts failed: " + err)
+    with open(FILES["assign"]) as f:
+        text = f.read()
+    if open("/var/qmail/users/cdb", "rb").read() != compile_of(text):
+        report["problems"].append("users/cdb is not compiled from the final users/assign")
+    report["lock_dir"] = sorted(os.listdir("/run/lock/files"))
+    return report
+
+
 def main(argv):
     mode, binary, report_path = argv[1:4]
     prog = Dravnik(binary)
     if mode == "kill":
         report = kill_test(prog, int(argv[4]), int(argv[5]))
+    elif mode == "burst-fail":
+        report = burst_fail_test(prog, float(argv[4]), int(argv[5]))
+    elif mode == "burst-kill":
+        report = burst_kill_test(prog, int(argv[4]), int(argv[5]), int(argv[6]),
+                                 float(argv[7]))
     else:
         report = concurrent_test(prog, int(argv[4]), float(argv[5]))
     with open(report_path, "w") as f:

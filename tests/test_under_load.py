@@ -8,6 +8,7 @@ names through LOAD_SEED=<seed>."""
 import json
 import os
 import random
+import re
 import runpy
 
 import pytest
@@ -84,6 +85,9 @@ def test_overlapping_runs_lose_and_double_nothing(mail_sandbox, width, pause):
     print("%d runs in %.1f s, %d qmail-newu runs" % (len(runs), report["seconds"],
                                                    report["compiles"]))
     assert len(runs) == len(load_driver.batch()) >= 100
+    # Runs whose edits a later compile reads wait for it instead of
+    # compiling on their own.
+    assert report["compiles"] < len(runs)
     # The locks wait without limit and SQLite's busy database is retried
     # without limit, so no run has a reason to fail.
     failed = ["%s: status %d: %s" % (" ".join(r["args"]), r["rc"], r["err"])
@@ -120,3 +124,39 @@ def test_overlapping_runs_lose_and_double_nothing(mail_sandbox, width, pause):
     # Every record belongs to an address that users/assign delivers.
     delivered = {line.split(":")[0] for line in assigned}
     assert {"=%s-%s" % tuple(reversed(a.split("@"))) for a in stored} <= delivered
+
+
+def test_a_failed_compile_fails_exactly_the_runs_it_served(mail_sandbox):
+    # The burst's first compile fails, held open long enough that runs
+    # pile up behind it; half the runs start only once it has read
+    # users/assign, so later compiles serve them.
+    report = drive(mail_sandbox, "burst-fail", 0.2, 1)
+    runs = report["runs"]
+    failed = [r for r in runs if r["rc"] != 0]
+    print("%d runs, compiles %s, compile %s failed, %d runs failed with it"
+          % (len(runs), report["calls"], report["failed_calls"], len(failed)))
+    assert len(runs) >= 50
+    assert len(report["failed_calls"]) == 1
+    # Every run waited for a compile that read its whole change.
+    assert all(r["served_by"] for r in runs), [r["args"] for r in runs if not r["served_by"]]
+    wrong = ["%s: status %d, first read by compile %d%s" % (
+        " ".join(r["args"]), r["rc"], r["served_by"], " (failed)" if r["served_failed"] else "")
+        for r in runs if (r["rc"] != 0) != r["served_failed"]]
+    assert not wrong, "\n".join(wrong)
+    assert failed and len(failed) < len(runs)
+    for r in failed:
+        assert r["rc"] == 1 and load_driver.FAIL_MESSAGE in r["err"], r
+
+
+def test_runs_killed_during_bursts_never_let_another_succeed_unserved(mail_sandbox):
+    seed = int(os.environ.get("LOAD_SEED") or random.randrange(2 ** 32))
+    report = drive(mail_sandbox, "burst-kill", seed, 60, 30, 0.02)
+    killed = sum(r["killed"] for r in report["rounds"])
+    print("rounds (killed, ended with 0): %s" % [(r["killed"], r["ok"]) for r in report["rounds"]])
+    assert not report["problems"], "seed %d (rerun with LOAD_SEED=%d):\n%s" % (
+        seed, seed, "\n".join(report["problems"][:10]))
+    assert killed >= 60, report["rounds"]
+    assert all(r["ok"] for r in report["rounds"]), report["rounds"]
+    # Nothing but lock files and the state files beside them.
+    stray = [n for n in report["lock_dir"] if not re.fullmatch(r"[0-9a-f]{32}(\.state)?", n)]
+    assert not stray

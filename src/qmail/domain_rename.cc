@@ -175,6 +175,7 @@ void rename_in_assign(const std::string& old_domain, const std::string& new_doma
                  "=" + sed_replacement_literal(new_domain) + "-"),
       path);
   set_root_file(path);
+  qmail_note_edit(path.c_str(), lock.locked());
 }
 
 void rename_in_rejectnonexist(const std::string& old_domain, const std::string& new_domain) {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "qmail/lock.h"
+#include "qmail/qmail_control.h"
 #include "util/atomic_file.h"
 #include "util/fs.h"
 #include "util/log.h"
@@ -510,7 +511,11 @@ int edit_locked(const char* path, const std::function<bool(bool existed)>& edit)
 
   // A rewritten file takes the old one's owner and mode; an append leaves
   // them as they are, and a file it creates keeps those it was made with.
-  if (!edit(existed))
+  bool edited = edit(existed);
+  // Even a failed edit may have replaced the file (its owner or mode could
+  // not be set afterwards).
+  qmail_note_edit(path, true);
+  if (!edited)
     return 1;
   if (lock.release() != 0) {
     log_error("Error occurred while unlocking the file %s: %s\n", path);
@@ -798,6 +803,8 @@ bool write_held(const std::string& path, const HeldFile& file) {
 // reporting.
 bool release_held(const std::string& path, HeldFile* file) {
   bool written = !file->changed || write_held(path, *file);
+  if (file->changed)
+    qmail_note_edit(path.c_str(), true);
   if (file->lock.release() != 0) {
     log_error("Error occurred while unlocking the file %s: %s\n", path.c_str());
     return false;

@@ -129,6 +129,16 @@ int open_lock_file(const char* path, int open_flags) {
 
 }  // namespace
 
+tavix::UniqueFd open_lock_state_file(const char* path) {
+  tavix::unique_free<char> lock_file(lock_file_for(path));
+  if (!lock_file) {
+    errno = ENOMEM;
+    return tavix::UniqueFd();
+  }
+  std::string name = std::string(lock_file.get()) + ".state";
+  return tavix::UniqueFd(open_lock_file(name.c_str(), O_RDWR | O_CREAT));
+}
+
 void release_kept_locks() {
   for (int fd : kept_locks())
     (void)close(fd);  // a lock file: nothing written that the close could lose

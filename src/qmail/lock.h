@@ -14,6 +14,7 @@
 #ifndef DRAVNIK_QMAIL_LOCK_H_
 #define DRAVNIK_QMAIL_LOCK_H_
 
+#include "util/fs.h"
 #include "util/unique_free.h"
 
 extern const char* const kLockDir;  // "/run/lock/files", never created here
@@ -56,6 +57,12 @@ lock_handle* mk_lock_within(const char* path, int wait_ms, bool* held, int opera
 int hold_setup_lock_shared();
 // The exclusive lock, waiting up to `wait_ms`; see mk_lock_within().
 lock_handle* lock_setup_exclusive(int wait_ms, bool* held);
+
+// Opens (creating it empty, mode 0644) the small state file that goes with
+// the lock on `path`: the lock file's name with ".state" added, in the lock
+// directory, under the same checks as a lock file. Unlike a lock file it
+// is never truncated. An invalid descriptor (errno set) on failure.
+tavix::UniqueFd open_lock_state_file(const char* path);
 
 // 1 when `handle` holds its lock.
 int is_locked(const lock_handle* handle);

@@ -1,15 +1,20 @@
 #include "qmail/qmail_control.h"
 
 #include <csignal>
+#include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "qmail/lock.h"
 #include "qmail/paths.h"
+#include "qmail/shared_run.h"
 #include "util/account.h"
 #include "util/exec.h"
 #include "util/log.h"
 
 namespace {
+
+using tavix::qmail::SharedRun;
 
 const char kInitScript[] = "/etc/rc.d/init.d/qmail";
 
@@ -23,49 +28,94 @@ bool note(int* count) {
   return deferring;
 }
 
+const std::string& assign_path() {
+  static const std::string path = tavix::qmail::qmail_file("/users/assign");
+  return path;
+}
+
+// qmail-newu always writes the same users/cdb.tmp and renames it over
+// users/cdb: two compiles at once trample each other, and a compile that
+// read users/assign before another run's edit could finish after that
+// run's own compile and leave a users/cdb older than the file. So compiles
+// take turns under the lock of users/cdb, and each reads users/assign
+// under the file's own lock, the one every edit holds: it reads a whole
+// file, exactly the one of the generation it serves. Each edit counts
+// itself under that lock (qmail_note_edit()), and a run whose edit a
+// compile that starts later will read waits for that compile instead of
+// starting one of its own (shared_run.h tells how).
+const SharedRun& compile() {
+  static const SharedRun run(assign_path(), tavix::qmail::qmail_file("/users/cdb"), true);
+  return run;
+}
+
+// SIGHUP and the init script: what they act on (the control files) is read
+// by qmail after the signal or the script, so any one sent after a request
+// serves it. Their request locks only count requests.
+const SharedRun& hup() {
+  static const SharedRun run("qmail-send SIGHUP requests", "qmail-send SIGHUP", false);
+  return run;
+}
+
+const SharedRun& init_script(const char* action) {
+  static const SharedRun reload(std::string(kInitScript) + " reload requests",
+                                std::string(kInitScript) + " reload", false);
+  static const SharedRun restart(std::string(kInitScript) + " restart requests",
+                                 std::string(kInitScript) + " restart", false);
+  return strcmp(action, "reload") == 0 ? reload : restart;
+}
+
+// The generation of this process's latest edit of users/assign that no
+// compile was asked for yet; 0 when there is none, or when one was made
+// that could not be counted: then the compile is asked for anew, which any
+// compile that starts later serves.
+uint64_t assign_generation = 0;
+
 int newu_now() {
-  std::string assign = tavix::qmail::qmail_file("/users/assign");
-  tavix::ScopedLock lock(mk_lock(assign.c_str(), 1));
-  if (!lock.locked()) {
-    tavix_log(3, "Error occurred while locking %s file", assign.c_str());
-    return -1;
-  }
-  // qmail-newu holds the lock too: killed mid-compile, this run must not
-  // let the next compile start while its own is still writing.
-  tavix::ChildrenKeepFd keep(lock.get()->descriptor);
-  std::string newu = tavix::qmail::qmail_file("/bin/qmail-newu");
-  return path_exec(newu.c_str(), static_cast<char*>(nullptr));
+  uint64_t generation = assign_generation ? assign_generation : compile().request();
+  assign_generation = 0;
+  return compile().await(generation, [](std::string* why) {
+    std::string newu = tavix::qmail::qmail_file("/bin/qmail-newu");
+    char* const argv[] = {&newu[0], nullptr};
+    return tavix::run_reporting(newu.c_str(), argv, false, why);
+  });
+}
+
+int init_now(const char* action) {
+  const SharedRun& run = init_script(action);
+  return run.await(run.request(), [action](std::string* why) {
+    const char* const argv[] = {kInitScript, action, nullptr};
+    return tavix::run_reporting(kInitScript, const_cast<char* const*>(argv), false, why);
+  });
+}
+
+int hup_now() {
+  return hup().await(hup().request(), [](std::string* why) {
+    return send_sig("qmail-send", SIGHUP, why);
+  });
 }
 
 }  // namespace
 
-// qmail-newu always writes the same users/cdb.tmp and renames it over
-// users/cdb: two compiles at once trample each other, and a compile that
-// read users/assign before another run's edit could finish after that run's
-// own compile and leave a users/cdb older than the file. Under the lock of
-// users/assign, the one every edit of the file holds, compiles take turns
-// and each reads a whole, current file; as every run compiles after its
-// edits, the last compile comes after the last edit.
+void qmail_note_edit(const char* path, bool locked) {
+  if (assign_path() != path)
+    return;
+  assign_generation = locked ? compile().note_change() : 0;
+}
+
 int run_qmail_newu() {
   return note(&noted.newu) ? 0 : newu_now();
 }
 
 int qmail_restart() {
-  if (note(&noted.restart))
-    return 0;
-  return path_exec(kInitScript, "restart", static_cast<char*>(nullptr));
+  return note(&noted.restart) ? 0 : init_now("restart");
 }
 
 int qmail_reload_configuration() {
-  if (note(&noted.reload))
-    return 0;
-  return path_exec(kInitScript, "reload", static_cast<char*>(nullptr));
+  return note(&noted.reload) ? 0 : init_now("reload");
 }
 
 int qmail_soft_reload_configuration() {
-  if (note(&noted.hup))
-    return 0;
-  return send_sig("qmail-send", SIGHUP);
+  return note(&noted.hup) ? 0 : hup_now();
 }
 
 void qmail_defer(bool on) { deferring = on; }
@@ -77,11 +127,9 @@ QmailRequests qmail_run_deferred() {
   noted = QmailRequests();
   QmailRequests failed;
   failed.newu = asked.newu && newu_now() != 0;
-  failed.restart =
-      asked.restart && path_exec(kInitScript, "restart", static_cast<char*>(nullptr)) != 0;
-  failed.reload =
-      asked.reload && path_exec(kInitScript, "reload", static_cast<char*>(nullptr)) != 0;
-  failed.hup = asked.hup && send_sig("qmail-send", SIGHUP) != 0;
+  failed.restart = asked.restart && init_now("restart") != 0;
+  failed.reload = asked.reload && init_now("reload") != 0;
+  failed.hup = asked.hup && hup_now() != 0;
   return failed;
 }
 

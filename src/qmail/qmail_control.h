@@ -3,10 +3,21 @@
 #define DRAVNIK_QMAIL_QMAIL_CONTROL_H_
 
 // Compiles users/assign into qmail's user database; the program's result
-// (0 on success). Needed after every change of users/assign.
+// (0 on success). Needed after every change of users/assign. Returns once
+// a users/cdb compiled from a users/assign that holds this process's edits
+// (or later ones) is in place; overlapping runs share compiles, so the
+// compile may be another run's, and its failure is then reported here with
+// qmail-newu's own message (shared_run.h).
 int run_qmail_newu();
 
-// qmail's init script with "restart" or "reload"; the script's result.
+// Called by every edit of a qmail file under the file's lock (`locked`
+// false: the lock could not be had), after it may have replaced the file:
+// counts an edit of users/assign for the compile that must read it.
+void qmail_note_edit(const char* path, bool locked);
+
+// qmail's init script with "restart" or "reload"; the script's result. Like
+// the compile and the SIGHUP, one run of it serves every run that asked for
+// it before it started.
 int qmail_restart();
 int qmail_reload_configuration();
 

@@ -167,8 +167,11 @@ int get_hostname_fqdn(char* buffer, size_t length) {
   return 0;
 }
 
-int send_sig(const char* name, int sig) {
+int send_sig(const char* name, int sig) { return send_sig(name, sig, nullptr); }
+
+int send_sig(const char* name, int sig, std::string* failure) {
   char option[16];
   snprintf(option, sizeof(option), "-%d", sig);
-  return path_exec("/usr/bin/killall", option, name, static_cast<char*>(nullptr));
+  const char* const argv[] = {"/usr/bin/killall", option, name, nullptr};
+  return tavix::run_reporting(argv[0], const_cast<char* const*>(argv), false, failure);
 }

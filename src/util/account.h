@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 // Looks the account `user` up and fills what is asked for (each out may be
 // null); `*home` receives a heap copy of the home directory (free() it).
@@ -33,5 +34,7 @@ int get_hostname_fqdn(char* buffer, size_t length);
 // Sends signal `sig` to every process named `name` with killall; returns the
 // result of running it (0 when a process was signalled).
 int send_sig(const char* name, int sig);
+// The same; when killall fails, what it reported also goes to `*failure`.
+int send_sig(const char* name, int sig, std::string* failure);
 
 #endif  // DRAVNIK_UTIL_ACCOUNT_H_

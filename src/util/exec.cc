@@ -526,23 +526,7 @@ int fork_execl_getout(char** out, const char* path, const char* arg0, ...) {
 }
 
 int fork_execv_log(const char* path, char* const argv[], int quiet) {
-  char* out_text = nullptr;
-  char* err_text = nullptr;
-  int result = fork_execv_getouterr(&out_text, &err_text, path, argv);
-  unique_free<char> out(out_text);
-  unique_free<char> err(err_text);
-  if (result != 0 && !quiet) {
-    if (out) {
-      fputs(out.get(), stderr);
-      fflush(stderr);
-    }
-    errno = 0;  // the failure is the child's, not a system error of ours
-    if (err)
-      messlog2(0, 0, "%s execution failed:\n%s", path, err.get());
-    else
-      messlog2(0, 0, "%s execution failed (no output)", path);
-  }
-  return result;
+  return tavix::run_reporting(path, argv, quiet != 0, nullptr);
 }
 
 int fork_execl_log(const char* path, int quiet, const char* arg0, ...) {
@@ -757,6 +741,29 @@ int popen_exec_with_input(const char* command, const char* input) {
 }
 
 namespace tavix {
+
+int run_reporting(const char* path, char* const argv[], bool quiet, std::string* failure) {
+  char* out_text = nullptr;
+  char* err_text = nullptr;
+  int result = fork_execv_getouterr(&out_text, &err_text, path, argv);
+  unique_free<char> out(out_text);
+  unique_free<char> err(err_text);
+  if (result == 0 || (quiet && !failure))
+    return result;
+  std::string message = std::string(path) + " execution failed";
+  message += err ? ":\n" + std::string(err.get()) : std::string(" (no output)");
+  if (failure)
+    *failure = message;
+  if (!quiet) {
+    if (out) {
+      fputs(out.get(), stderr);
+      fflush(stderr);
+    }
+    errno = 0;  // the failure is the child's, not a system error of ours
+    messlog2(0, 0, "%s", message.c_str());
+  }
+  return result;
+}
 
 ChildrenKeepFd::ChildrenKeepFd(int fd) : previous_(kept_fd) { kept_fd = fd; }
 ChildrenKeepFd::~ChildrenKeepFd() { kept_fd = previous_; }

@@ -16,6 +16,8 @@
 
 #include <sys/types.h>
 
+#include <string>
+
 // Starts `path` with the given descriptors as its standard input, output
 // and error (-1: /dev/null) and every other descriptor closed. Does not wait.
 pid_t fork_execv_pipes(int in, int out, int err, const char* path,
@@ -75,6 +77,12 @@ int popen_exec(const char* command);
 int popen_exec_with_input(const char* command, const char* input);
 
 namespace tavix {
+
+// fork_execv_log(): runs `path`, waits, and unless `quiet` shows what a
+// failing child wrote. When the child fails and `failure` is given, the
+// message shown (or that would have been shown) goes there too, for a
+// caller that reports the same failure on behalf of others.
+int run_reporting(const char* path, char* const argv[], bool quiet, std::string* failure);
 
 // While one lives, every child started through this module keeps `fd`
 // open (children otherwise get only their standard streams). For a lock
