@@ -345,4 +345,5 @@ def test_help_manual_and_completion_name_exactly_the_options():
     assert offered(complete(completion, "_dravnik_export", "dravnik-export", "-")) == OPTIONS
     # --domain may come again, --help not.
     assert offered(complete(completion, "_dravnik_export", "dravnik-export", "--domain=a.test",
-                            "--help", "-")) == {"--domain": True, "-h": False}
+                            "--help", "-")) == {"--domain": True, "-h": False,
+                                              "--version": False}

@@ -23,8 +23,7 @@ using namespace tavix::setup;
 namespace {
 
 const char kUsage[] =
-    "Usage: dravnik-setup [--check] [--force] [--create-accounts]\n"
-    "                     [-h|--help] [--version]\n"
+    "Usage: dravnik-setup [--check] [--force] [--create-accounts] [-h|--help] [--version]\n"
     "\n"
     "Prepares this host for dravnik: the lock directory, the qmail files it edits,\n"
     "the mail names root, the authentication database with its key and the\n"
