@@ -769,7 +769,8 @@ class Sandbox:
         """With `private_network` the sandbox gets a network namespace of
         its own, holding only a loopback interface: for servers a test
         starts, which must not listen on the host's addresses."""
-        binds = {p: self.path(p) for p in PRIVATE_PATHS + self.host_copies + self.private_dirs}
+        binds = {p: self.path(p)
+                 for p in PRIVATE_PATHS + self.host_copies + self.private_dirs}
         return [
             BWRAP,
             "--ro-bind", "/", "/",

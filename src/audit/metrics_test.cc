@@ -27,7 +27,9 @@ std::map<std::string, std::string> Samples(const std::string& text) {
   return samples;
 }
 
-std::string Kind(const char* kind) { return std::string("dravnik_audit_findings{kind=\"") + kind + "\"}"; }
+std::string Kind(const char* kind) {
+  return std::string("dravnik_audit_findings{kind=\"") + kind + "\"}";
+}
 
 TEST(Metrics, EveryKindIsShownAndCountedWithTheServerCounts) {
   RunMetrics m;
