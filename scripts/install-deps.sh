@@ -12,6 +12,7 @@ packages=(
   python3 python3-pytest python3-cryptography
   bubblewrap psmisc sed strace
   man-db groff-base dpkg-dev file
+  debhelper lintian fakeroot systemd python3-prometheus-client
   courier-base dovecot-core dovecot-imapd dovecot-pop3d dovecot-auth-lua
   libcrypt-dev
 )

@@ -479,9 +479,12 @@ class Sandbox:
     holds private copies of, taken from the host as they are (owners, modes,
     links) unless the tree already has them: for a test that must change
     system directories, as installing the package changes dpkg's database
-    and the directories it installs into.  They are not part of snapshot()."""
+    and the directories it installs into.  They are not part of snapshot().
+    `private_dirs` names directories that start empty in the sandbox instead
+    (where the host's content is not needed, or the host has none)."""
 
-    def __init__(self, directory=None, dravnik=None, hostname=None, host_copies=()):
+    def __init__(self, directory=None, dravnik=None, hostname=None, host_copies=(),
+                 private_dirs=()):
         if directory is None:
             self.dir = Path(tempfile.mkdtemp(prefix="dravnik-sandbox-"))
             self.keep = False
@@ -495,12 +498,19 @@ class Sandbox:
         self.dravnik = Path(dravnik).absolute() if dravnik else self.default_dravnik()
         self.hidden = set(ALWAYS_HIDDEN)
         self.host_copies = self._check_host_copies(host_copies)
+        self.private_dirs = tuple(os.path.normpath(p) for p in private_dirs)
+        for p in self.private_dirs:
+            if any(_under(p, q) or _under(q, p)
+                   for q in PRIVATE_PATHS + FRESH_DIRS + self.host_copies):
+                raise ValueError("%s overlaps a private path of the sandbox" % p)
         if not self.root.exists():
             self._populate(hostname or DEFAULT_HOSTNAME)
         elif hostname:
             self.set_hostname(hostname)
         self._install_launcher()
         self._copy_from_host()
+        for p in self.private_dirs:
+            self.path(p).mkdir(mode=0o755, parents=True, exist_ok=True)
 
     @staticmethod
     def default_dravnik():
@@ -605,7 +615,8 @@ class Sandbox:
     def path(self, sandbox_path):
         """The host path of the private copy of a sandbox path."""
         sandbox_path = os.path.normpath(sandbox_path)
-        if not any(_under(sandbox_path, p) for p in PRIVATE_PATHS + self.host_copies):
+        if not any(_under(sandbox_path, p)
+                   for p in PRIVATE_PATHS + self.host_copies + self.private_dirs):
             raise ValueError("%s is not a private path of the sandbox" % sandbox_path)
         return self.root / sandbox_path.lstrip("/")
 
@@ -774,7 +785,8 @@ class Sandbox:
         """With `private_network` the sandbox gets a network namespace of
         its own, holding only a loopback interface: for servers a test
         starts, which must not listen on the host's addresses."""
-        binds = {p: self.path(p) for p in PRIVATE_PATHS + self.host_copies}
+        binds = {p: self.path(p)
+                 for p in PRIVATE_PATHS + self.host_copies + self.private_dirs}
         return [
             BWRAP,
             "--ro-bind", "/", "/",

@@ -212,7 +212,8 @@ def test_unreadable_database_gives_status_2(sb):
 
 # {option: takes a value}, as the help, the manual and the completion name them.
 OPTIONS = {"--repair": False, "--json": False, "--sizes": False, "--drift-bytes": True,
-           "--lock-wait": True, "-h": False, "--help": False}
+           "--lock-wait": True, "--metrics": True, "-h": False, "--help": False,
+           "--version": False}
 
 
 def test_help_manual_and_completion_name_exactly_the_options():
@@ -232,3 +233,73 @@ def test_help_manual_and_completion_name_exactly_the_options():
     words = complete(completion, "_dravnik_audit", "dravnik-audit", "--lock-wait=3", "--")
     assert offered(words) == {o: v for o, v in OPTIONS.items() if o.startswith("--")
                               and o != "--lock-wait"}
+
+
+# -- metrics for the node exporter's textfile collector -----------------------
+
+METRICS = "/run/sandbox/node-exporter/dravnik-audit.prom"
+
+
+def metrics(sb):
+    from prometheus_client.parser import text_string_to_metric_families
+    families = {f.name: f for f in text_string_to_metric_families(sb.read(METRICS))}
+    return ({s.labels["kind"]: s.value for s in families["dravnik_audit_findings"].samples}
+            if "dravnik_audit_findings" in families else None,
+            {name: f.samples[0].value for name, f in families.items()
+             if name != "dravnik_audit_findings"})
+
+
+def manual_kinds():
+    return {line.strip() for line in section(REPO / "doc" / "dravnik-audit.8", "FINDINGS")
+            if line.startswith("       ") and not line.startswith("        ")}
+
+
+def test_metrics_count_every_kind_as_the_json_report_does(sb):
+    os.makedirs(sb.path(os.path.dirname(METRICS)))
+    for kind in ("orphan-directory", "auth-orphan", "handler-orphan", "leftover-temporary",
+                 "owner-or-mode"):
+        FAULTS[kind][0](sb)
+    rc, findings = audit(sb, "--metrics=" + METRICS)
+    by_kind, values = metrics(sb)
+    assert rc == 1 and set(by_kind) == manual_kinds()
+    reported = {k: sum(1 for f in findings if f["kind"] == k) for k in by_kind}
+    assert by_kind == reported and sum(reported.values()) == len(findings) > 5
+    # example.com; john (with his alias info) and jane; only john has a mailbox.
+    assert (values["dravnik_audit_domains"], values["dravnik_audit_mailnames"],
+            values["dravnik_audit_mailboxes"]) == (1, 2, 1)
+    assert values["dravnik_audit_read_complete"] == 1
+    assert values["dravnik_audit_duration_seconds"] >= 0
+    assert abs(values["dravnik_audit_last_run_timestamp_seconds"] -
+               os.stat(sb.path(METRICS)).st_mtime) < 5
+    assert os.listdir(sb.path(os.path.dirname(METRICS))) == ["dravnik-audit.prom"]
+
+    # After a repair the file tells what is left.
+    rc, _ = audit(sb, "--repair", "--metrics=" + METRICS)
+    by_kind, _ = metrics(sb)
+    assert rc == 1 and {k for k, v in by_kind.items() if v} == {"orphan-directory"}
+
+
+def test_metrics_show_a_failed_read(sb):
+    os.makedirs(sb.path(os.path.dirname(METRICS)))
+    assert audit(sb, "--metrics=" + METRICS)[0] == 0
+    break_db(sb, AUTH_DB)
+    r = sb.run_raw([AUDIT, "--metrics=" + METRICS])
+    assert r.rc == 2 and "cannot read " + AUTH_DB in r.err, r
+    by_kind, values = metrics(sb)
+    assert values["dravnik_audit_read_complete"] == 0
+    assert values["dravnik_audit_unreadable"] == 1
+    assert set(by_kind) == manual_kinds()  # what could be read is still counted
+
+    # A run that cannot read the server at all leaves no zeros that look clean.
+    edit(sb, "/etc/passwd", lambda t: "".join(l for l in t.splitlines(True)
+                                              if not l.startswith("popuser:")))
+    r = sb.run_raw([AUDIT, "--metrics=" + METRICS])
+    by_kind, values = metrics(sb)
+    assert r.rc == 2 and by_kind is None and "dravnik_audit_domains" not in values
+    assert values["dravnik_audit_read_complete"] == 0
+
+
+def test_metrics_that_cannot_be_written_fail_the_run(sb):
+    r = sb.run_raw([AUDIT, "--metrics=/run/sandbox/missing/dravnik-audit.prom"])
+    assert r.rc == 2 and "cannot write /run/sandbox/missing/dravnik-audit.prom" in r.err, r
+    assert r.out.splitlines()[-1] == "no findings"

@@ -31,7 +31,7 @@ OPTION = re.compile(r"(?<![\w-])(--?[A-Za-z][\w-]*)")
 COMMAND_WORDS = [word for row in COMMAND_ROWS for word in row[0].split(", ")]
 OPERATING_WORDS = [c.word for c in COMMANDS]
 SETUP_OPTIONS = {"--check": False, "--force": False, "--create-accounts": False,
-                 "-h": False, "--help": False}
+                 "-h": False, "--help": False, "--version": False}
 
 
 def command_options(word):

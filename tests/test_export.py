@@ -328,7 +328,7 @@ def test_unreadable_database_exports_nothing(first):
     assert "cannot read " + AUTH_DB in r.err and not first.exists(OUT), r
 
 
-OPTIONS = {"--domain": True, "-h": False, "--help": False}
+OPTIONS = {"--domain": True, "-h": False, "--help": False, "--version": False}
 
 
 def test_help_manual_and_completion_name_exactly_the_options():
@@ -345,4 +345,5 @@ def test_help_manual_and_completion_name_exactly_the_options():
     assert offered(complete(completion, "_dravnik_export", "dravnik-export", "-")) == OPTIONS
     # --domain may come again, --help not.
     assert offered(complete(completion, "_dravnik_export", "dravnik-export", "--domain=a.test",
-                            "--help", "-")) == {"--domain": True, "-h": False}
+                            "--help", "-")) == {"--domain": True, "-h": False,
+                                              "--version": False}

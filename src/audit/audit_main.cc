@@ -4,8 +4,10 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -13,6 +15,7 @@
 #include <boost/program_options.hpp>
 
 #include "audit/checks.h"
+#include "audit/metrics.h"
 #include "audit/repair.h"
 #include "mailauth/auth_db.h"
 #include "qmail/lock.h"
@@ -20,6 +23,7 @@
 #include "util/account.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/version.h"
 
 namespace po = boost::program_options;
 using namespace tavix::audit;
@@ -29,13 +33,16 @@ namespace {
 
 const char kUsage[] =
     "Usage: dravnik-audit [--repair] [--json] [--sizes] [--drift-bytes=N]\n"
-    "                     [--lock-wait=SECONDS] [-h|--help]\n"
+    "                     [--lock-wait=SECONDS] [--metrics=FILE]\n"
+    "                     [-h|--help] [--version]\n"
     "\n"
     "Checks that qmail's control files, users/assign and its compiled users/cdb,\n"
     "the mail tree and the authentication and handlers databases agree, and\n"
     "reports each finding on one line, grouped by domain, then a summary.\n"
+    "With --metrics, also writes the counts for the node exporter's textfile\n"
+    "collector to FILE (replaced whole).\n"
     "Exit status: 0 clean, 1 findings (after --repair: findings left), 2 when\n"
-    "something could not be read or the command line is wrong.\n";
+    "something could not be read or written, or the command line is wrong.\n";
 
 struct Options {
   bool repair = false;
@@ -43,6 +50,7 @@ struct Options {
   bool sizes = false;
   long long drift_bytes = 1 << 20;
   double lock_wait = 10;
+  std::string metrics;  // file to write, "" for none
 };
 
 po::options_description Descriptions(Options* options) {
@@ -56,7 +64,11 @@ po::options_description Descriptions(Options* options) {
       ("lock-wait", po::value<double>(&options->lock_wait)->default_value(10),
        "seconds to wait for each file's lock before reading it without and "
        "reporting stale-lock")
-      ("help,h", "show this help");
+      ("metrics", po::value<std::string>(&options->metrics),
+       "also write the findings by kind and the server's counts to FILE, in the "
+       "node exporter's textfile format")
+      ("help,h", "show this help")
+      ("version", "print the version and exit");
   return d;
 }
 
@@ -81,34 +93,43 @@ bool Repairable(const std::vector<Finding>& findings) {
   return false;
 }
 
-// Tells what could not be read; true when anything.
-bool ReportUnreadable(const ServerState& state) {
-  bool any = false;
+// Tells what could not be read; their number.
+size_t ReportUnreadable(const ServerState& state) {
+  size_t count = 0;
   for (const auto* list : {&state.files.unreadable, &state.tree.unreadable,
                            &state.databases.unreadable})
     for (const std::string& what : *list) {
       std::cerr << "dravnik-audit: cannot read " << what << "\n";
-      any = true;
+      ++count;
     }
-  return any;
+  return count;
 }
 
-int Run(const Options& options) {
+// The findings of `state` as the report shows them, kept for the metrics.
+int Report(const Options& options, const ServerState& state, std::vector<Finding> findings,
+           size_t unreadable, RunMetrics* metrics) {
+  if (options.json)
+    for (const Finding& f : findings)
+      PrintJson(f, "", std::cout);
+  else
+    PrintText(findings, std::cout);
+  metrics->checked = true;
+  metrics->census = TakeCensus(state);
+  metrics->unreadable = unreadable;
+  metrics->findings = std::move(findings);
+  return unreadable ? 2 : metrics->findings.empty() ? 0 : 1;
+}
+
+int Run(const Options& options, RunMetrics* metrics) {
   if (tavix_ugid("popuser", 0) == 0) {
     std::cerr << "dravnik-audit: the account popuser is missing; run dravnik-setup\n";
     return 2;
   }
   ServerState state = Read(options);
-  bool unreadable = ReportUnreadable(state);
+  size_t unreadable = ReportUnreadable(state);
   std::vector<Finding> findings = Check(state);
-  if (!options.repair) {
-    if (options.json)
-      for (const Finding& f : findings)
-        PrintJson(f, "", std::cout);
-    else
-      PrintText(findings, std::cout);
-    return unreadable ? 2 : findings.empty() ? 0 : 1;
-  }
+  if (!options.repair)
+    return Report(options, state, std::move(findings), unreadable, metrics);
   std::vector<Repaired> repaired;
   if (Repairable(findings)) {
     // What was read without the setup lock may be a run half-way through a
@@ -135,14 +156,27 @@ int Run(const Options& options) {
   }
   // What is left is what the operator must look at.
   ServerState after = Read(options);
-  unreadable = ReportUnreadable(after) || unreadable;
+  unreadable = std::max(ReportUnreadable(after), unreadable);
   std::vector<Finding> left = Check(after);
-  if (options.json)
-    for (const Finding& f : left)
-      PrintJson(f, "", std::cout);
-  else
-    PrintText(left, std::cout);
-  return unreadable ? 2 : left.empty() ? 0 : 1;
+  return Report(options, after, std::move(left), unreadable, metrics);
+}
+
+double Seconds(clockid_t clock) {
+  struct timespec now;
+  if (clock_gettime(clock, &now) != 0) return 0;  // not for the clocks used here
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The run's status, made 2 when the metrics cannot be written: a monitor
+// that reads an old file must not be the only one to know.
+int Finish(const Options& options, int status, RunMetrics* metrics, double started) {
+  if (options.metrics.empty()) return status;
+  metrics->duration_seconds = Seconds(CLOCK_MONOTONIC) - started;
+  metrics->finished = Seconds(CLOCK_REALTIME);
+  if (WriteMetrics(options.metrics, FormatMetrics(*metrics))) return status;
+  std::cerr << "dravnik-audit: cannot write " << options.metrics << ": " << strerror(errno)
+            << "\n";
+  return 2;
 }
 
 }  // namespace
@@ -171,6 +205,10 @@ int main(int argc, char** argv) {
     std::cout << kUsage << "\n" << descriptions;
     return 0;
   }
+  if (given.count("version")) {
+    std::cout << name << " " << tavix::kVersion << "\n";
+    return 0;
+  }
   options.repair = given.count("repair") > 0;
   options.json = given.count("json") > 0;
   options.sizes = given.count("sizes") > 0;
@@ -178,11 +216,20 @@ int main(int argc, char** argv) {
     std::cerr << "dravnik-audit: --drift-bytes and --lock-wait cannot be negative\n";
     return 2;
   }
-  mailAuthDBSelectStyle(0);
-  try {
-    return Run(options);
-  } catch (const std::exception& e) {
-    std::cerr << "dravnik-audit: " << e.what() << "\n";
+  if (given.count("metrics") && options.metrics.empty()) {
+    std::cerr << "dravnik-audit: --metrics needs a file name\n";
     return 2;
   }
+  mailAuthDBSelectStyle(0);
+  double started = Seconds(CLOCK_MONOTONIC);
+  RunMetrics metrics;
+  int status;
+  try {
+    status = Run(options, &metrics);
+  } catch (const std::exception& e) {
+    std::cerr << "dravnik-audit: " << e.what() << "\n";
+    metrics = RunMetrics();  // what was read is not what the metrics must tell
+    status = 2;
+  }
+  return Finish(options, status, &metrics, started);
 }

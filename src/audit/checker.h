@@ -30,8 +30,6 @@ class Checker {
                  const std::string& mailname, uid_t uid, gid_t gid, mode_t mode);
   Home SplitHome(const std::string& home) const { return audit::SplitHome(s_.root, home); }
   const Mailbox* FindMailbox(const std::string& domain, const std::string& mailname) const;
-  // A mailbox is a mail name whose .qmail delivers into its Maildir.
-  static bool Delivers(const Mailbox& mailbox);
   // A domain as the databases name it (the domain or one of its aliases),
   // mapped to the domain whose directory holds its mail; "" when none.
   std::string Resolve(const std::string& name) const;

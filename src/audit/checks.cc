@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <sstream>
+#include <stdexcept>
 
 #include "audit/checker.h"
 #include "qmail/delivery.h"
@@ -39,6 +40,9 @@ std::vector<Finding> Checker::Run() {
 
 Finding& Checker::Add(const std::string& kind, const std::string& domain, const std::string& path,
                       const std::string& detail) {
+  // The metrics count findings by the known kinds: one missing there would
+  // be reported here and never counted.
+  if (!IsFindingKind(kind)) throw std::logic_error("finding of an unlisted kind " + kind);
   findings_.push_back(Finding());
   Finding& f = findings_.back();
   f.kind = kind;
@@ -85,6 +89,23 @@ Inventory TakeInventory(const std::string& root, const QmailFiles& files) {
   }
   inventory.known.insert(inventory.active.begin(), inventory.active.end());
   return inventory;
+}
+
+Census TakeCensus(const ServerState& state) {
+  Inventory inventory = TakeInventory(state.root, state.files);
+  Census census;
+  census.domains = inventory.known.size();
+  for (const auto& domain : inventory.homes) {
+    census.mailnames += domain.second.size();
+    auto dir = state.tree.domains.find(domain.first);
+    if (dir == state.tree.domains.end()) continue;
+    for (const std::string& mailname : domain.second) {
+      auto mailbox = dir->second.mailboxes.find(mailname);
+      if (mailbox != dir->second.mailboxes.end() && DeliversToMaildir(mailbox->second))
+        ++census.mailboxes;
+    }
+  }
+  return census;
 }
 
 // Which domains the files know, and the addresses that exist.
@@ -209,7 +230,7 @@ const Mailbox* Checker::FindMailbox(const std::string& domain, const std::string
   return m == d->second.mailboxes.end() ? nullptr : &m->second;
 }
 
-bool Checker::Delivers(const Mailbox& mailbox) {
+bool DeliversToMaildir(const Mailbox& mailbox) {
   std::istringstream lines(mailbox.dotqmail);
   for (std::string line; std::getline(lines, line);)
     if (is_delivery_line(line.c_str())) return true;
@@ -233,7 +254,7 @@ void Checker::MailNames() {
     auto dotqmail = mailbox->items.find(".qmail");
     if (dotqmail == mailbox->items.end()) missing.push_back(".qmail");
     // Only a mailbox (a delivery line) needs the Maildir.
-    for (const TreeItem* item = kMailboxItems; item->name && Delivers(*mailbox); ++item) {
+    for (const TreeItem* item = kMailboxItems; item->name && DeliversToMaildir(*mailbox); ++item) {
       std::string name = item->name;
       if (item->is_dir && name.compare(0, 7, "Maildir") == 0 &&
           name.find(".Spam") == std::string::npos && !mailbox->items.count(name))

@@ -34,6 +34,17 @@ struct ServerState {
 
 std::vector<Finding> Check(const ServerState& state);
 
+// How big the server is, as qmail's files and the mail tree say.
+struct Census {
+  size_t domains = 0;    // routed to themselves, or with users/assign lines
+  size_t mailnames = 0;  // mail name directories that "=" lines point at
+  size_t mailboxes = 0;  // of those, the ones whose .qmail delivers to Maildir
+};
+Census TakeCensus(const ServerState& state);
+
+// Whether a mail name's .qmail has a line delivering to its Maildir.
+bool DeliversToMaildir(const Mailbox& mailbox);
+
 // A home under the mail names root `root`, split into its domain and mail
 // name directories ("" where the home ends before).
 struct Home {

@@ -28,7 +28,7 @@ void Checker::AuthRecords() {
   if (!db.unreadable.empty()) return;
   for (const auto& d : s_.tree.domains) {
     for (const auto& m : d.second.mailboxes) {
-      if (!addresses_.count(d.first + "-" + m.first) || !Delivers(m.second) ||
+      if (!addresses_.count(d.first + "-" + m.first) || !DeliversToMaildir(m.second) ||
           db.auth_users.count({d.first, m.first}))
         continue;
       Finding& f = Add("auth-missing", d.first, mailAuthDB,

@@ -8,6 +8,12 @@
 namespace tavix {
 namespace audit {
 
+bool IsFindingKind(const std::string& kind) {
+  for (const char* known : kFindingKinds)
+    if (kind == known) return true;
+  return false;
+}
+
 void PrintJson(const Finding& finding, const std::string& repair, std::ostream& out) {
   const std::pair<const char*, const std::string*> fields[] = {
       {"kind", &finding.kind},     {"domain", &finding.domain}, {"mailname", &finding.mailname},

@@ -30,6 +30,32 @@ enum class Fix {
   kRemoveHandlers,    // every handler row of the address `target`
 };
 
+// Every kind of finding, in the order of dravnik-audit(8). Counts by kind
+// (the metrics) list them all, so a kind must be here to be reported.
+inline constexpr const char* kFindingKinds[] = {
+    "rcpthosts-without-virtualdomains",
+    "virtualdomains-without-rcpthosts",
+    "alias-to-missing-domain",
+    "missing-wildcard",
+    "stale-wildcard",
+    "missing-home",
+    "mailname-incomplete",
+    "orphan-directory",
+    "assign-malformed",
+    "cdb-outdated",
+    "owner-or-mode",
+    "symlink-in-tree",
+    "maildirsize-malformed",
+    "maildirsize-drift",
+    "auth-orphan",
+    "auth-missing",
+    "handler-orphan",
+    "leftover-temporary",
+    "stale-lock",
+};
+
+bool IsFindingKind(const std::string& kind);
+
 struct Finding {
   std::string kind;
   std::string domain;    // empty: the finding belongs to the server as a whole

@@ -25,6 +25,7 @@
 #include "mailauth/sqlite_db.h"
 #include "util/account.h"
 #include "util/log.h"
+#include "util/version.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ constexpr long kBusyLimitMs = 2000;
 
 const char kUsage[] =
     "Usage: dravnik-auth PROGRAM [ARGS...]\n"
+    "       dravnik-auth -h|--help|--version\n"
     "Reads \"address\\0password\\0timestamp\\0\" from descriptor 3 and runs PROGRAM\n"
     "when the password opens the address's mailbox.\n"
     "Exit status: 1 refused, 111 temporary failure, 2 misuse.\n";
@@ -85,6 +87,10 @@ bool BecomeMailboxOwner(const Answer& answer, uid_t uid, gid_t gid) {
 int Run(int argc, char** argv) {
   if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
     fputs(kUsage, stdout);
+    return 0;
+  }
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+    printf("dravnik-auth %s\n", tavix::kVersion);
     return 0;
   }
   if (argc < 2) {

@@ -10,11 +10,13 @@
 #include "commands/password.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/version.h"
 
 namespace {
 
 const char kUsage[] =
     "Usage: dravnik-batch [--stop-on-error] [--checkpoint N] FILE|-\n"
+    "       dravnik-batch -h|--help|--version\n"
     "Applies the dravnik commands of FILE (JSON Lines; - for standard input), one per line,\n"
     "with the effects of running them one after the other. See dravnik-batch(8).\n";
 
@@ -40,6 +42,9 @@ int parse_options(int argc, char** argv, tavix::batch::Options* options) {
     std::string const word = argv[i];
     if (word == "-h" || word == "--help") {
       std::cout << kUsage;
+      exit(0);
+    } else if (word == "--version") {
+      std::cout << "dravnik-batch " << tavix::kVersion << "\n";
       exit(0);
     } else if (word == "--stop-on-error") {
       options->stop_on_error = true;

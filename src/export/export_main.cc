@@ -26,6 +26,7 @@
 #include "util/idn.h"
 #include "util/log.h"
 #include "util/unique_free.h"
+#include "util/version.h"
 
 namespace po = boost::program_options;
 using namespace tavix;
@@ -33,7 +34,7 @@ using namespace tavix;
 namespace {
 
 const char kUsage[] =
-    "Usage: dravnik-export [--domain=DOMAIN]... [FILE|-] [-h|--help]\n"
+    "Usage: dravnik-export [--domain=DOMAIN]... [FILE|-] [-h|--help] [--version]\n"
     "\n"
     "Writes the mail setup of this server (or of the given domains, with their\n"
     "aliases) as JSON Lines for dravnik-batch, which rebuild it on an empty\n"
@@ -205,7 +206,8 @@ int main(int argc, char** argv) {
   described.add_options()
       ("domain", po::value<std::vector<std::string>>(&domains),
        "export only this domain with its aliases; may be repeated")
-      ("help,h", "show this help");
+      ("help,h", "show this help")
+      ("version", "print the version and exit");
   po::options_description all;
   all.add(described).add_options()("output", po::value<std::string>(&output));
   po::positional_options_description positional;
@@ -221,6 +223,10 @@ int main(int argc, char** argv) {
   }
   if (given.count("help")) {
     std::cout << kUsage << "\n" << described;
+    return 0;
+  }
+  if (given.count("version")) {
+    std::cout << name << " " << kVersion << "\n";
     return 0;
   }
   if (output.empty()) {

@@ -15,6 +15,7 @@
 #include "setup/setup.h"
 #include "util/fs.h"
 #include "util/log.h"
+#include "util/version.h"
 
 namespace po = boost::program_options;
 using namespace tavix::setup;
@@ -22,7 +23,7 @@ using namespace tavix::setup;
 namespace {
 
 const char kUsage[] =
-    "Usage: dravnik-setup [--check] [--force] [--create-accounts] [-h|--help]\n"
+    "Usage: dravnik-setup [--check] [--force] [--create-accounts] [-h|--help] [--version]\n"
     "\n"
     "Prepares this host for dravnik: the lock directory, the qmail files it edits,\n"
     "the mail names root, the authentication database with its key and the\n"
@@ -44,7 +45,8 @@ po::options_description Descriptions() {
                 "database even when they exist, keeping the old files beside them; "
                 "every stored password becomes unreadable")
       ("create-accounts", "create the group nofiles and the account popuser when missing")
-      ("help,h", "show this help");
+      ("help,h", "show this help")
+      ("version", "print the version and exit");
   return options;
 }
 
@@ -107,6 +109,10 @@ int Run(int argc, char** argv) {
   }
   if (given.count("help")) {
     std::cout << kUsage << "\n" << descriptions;
+    return 0;
+  }
+  if (given.count("version")) {
+    std::cout << kProgram << " " << tavix::kVersion << "\n";
     return 0;
   }
   Options options = {given.count("check") > 0, given.count("force") > 0,

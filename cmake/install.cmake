@@ -1,7 +1,7 @@
-# What `cmake --install` puts on a mail server, and the Debian package made of
-# exactly that (cd build && cpack -G DEB).  Only the programs and their
-# operator files are installed: the unit tests and the test drivers have no
-# install rules, so they can never end up in the package.
+# What `cmake --install` puts on a mail server; the Debian package (debian/)
+# is made of exactly that.  Only the programs and their operator files are
+# installed: the unit tests and the test drivers have no install rules, so
+# they can never end up in the package.
 
 include(GNUInstallDirs)
 
@@ -32,6 +32,17 @@ endforeach()
 add_custom_target(manpages ALL DEPENDS ${manpages})
 install(FILES ${manpages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 
+# systemd reads units from <prefix>/lib/systemd/system for /usr and
+# /usr/local alike; the Debian package puts them in /lib/systemd/system,
+# where its tools look for them.  The service runs the installed audit.
+set(DRAVNIK_SYSTEMD_UNIT_DIR lib/systemd/system
+    CACHE STRING "Where the systemd units are installed (relative: under the prefix)")
+configure_file(dist/systemd/dravnik-audit.service.in
+               ${PROJECT_BINARY_DIR}/systemd/dravnik-audit.service @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/systemd/dravnik-audit.service
+              dist/systemd/dravnik-audit.timer
+        DESTINATION ${DRAVNIK_SYSTEMD_UNIT_DIR})
+
 # /usr/lib/tmpfiles.d is where packages put their entries, whatever the
 # prefix's library directory (lib64, lib/<triplet>) is.
 install(FILES dist/tmpfiles.d/dravnik.conf DESTINATION lib/tmpfiles.d)
@@ -45,38 +56,3 @@ install(FILES dist/bash-completion/dravnik dist/bash-completion/dravnik-setup
 install(FILES dist/dovecot/auth-dravnik-checkpassword.conf.ext
               dist/dovecot/auth-dravnik-lua.conf.ext dist/dovecot/dravnik-auth.lua
         DESTINATION /etc/dovecot/conf.d)
-
-# ---------------------------------------------------------------------------
-# The Debian package
-
-set(DRAVNIK_MAINTAINER "Dravnik Maintainers <dravnik@localhost>"
-    CACHE STRING "Maintainer field of the Debian package (name <address>)")
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME dravnik)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_PACKAGE_CONTACT "${DRAVNIK_MAINTAINER}")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "mail domains, mailboxes and aliases of a qmail server for a hosting panel")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "\
-dravnik is the command a web-hosting control panel runs as root to manage
-mail: it adds, renames, enables and removes mail domains, mail names with
-their Maildir mailboxes, aliases and domain aliases, sets passwords and disk
-quotas, editing qmail's control files under its own locks and keeping the
-mail authentication and mail handlers databases.
-
-dravnik-setup prepares a host for it: the qmail files, the lock directory and
-the databases. dravnik-audit finds, and safely repairs, where qmail's files,
-the mail tree and the databases disagree.")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The Dovecot files under /etc are the operator's to edit: dpkg keeps their edits.
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/dist/debian/postinst
-    ${PROJECT_SOURCE_DIR}/dist/debian/conffiles)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# Debug information stays in the build tree; the exported dynamic symbols a
-# traceback names functions by survive stripping.
-set(CPACK_STRIP_FILES ON)
-include(CPack)
