@@ -518,8 +518,8 @@ class BenchSandbox(Sandbox):
                     entries[path] = sandbox_module._entry(host)
         return entries
 
-    def bwrap_args(self):
-        args = super().bwrap_args()
+    def bwrap_args(self, private_network=False):
+        args = super().bwrap_args(private_network)
         if self.tree_dir:
             at = args.index("--chdir")
             args[at:at] = ["--bind", str(self.tree_dir), MAILNAMES_ROOT,

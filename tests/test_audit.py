@@ -210,6 +210,27 @@ def test_unreadable_database_gives_status_2(sb):
     assert r.rc == 2 and "cannot read " + AUTH_DB in r.err, r
 
 
+def test_large_database_is_read_without_a_temporary_directory(mail_sandbox):
+    """Sorting the records of a large server spills out of SQLite's cache;
+    the sandbox, like a hardened server, offers no writable /tmp."""
+    import sqlite3
+    db = sqlite3.connect(str(mail_sandbox.path(AUTH_DB)))
+    with db:
+        db.execute("INSERT INTO domains (name) VALUES ('big.test')")
+        db.executemany("INSERT INTO users (dom_id, name, cmusaslsecretPLAIN) "
+                       "SELECT id, ?, ? FROM domains WHERE name = 'big.test'",
+                       [("u%05d" % k, "$6$%s" % ("x" * 200)) for k in range(30000)])
+    db.close()
+    rc, findings = audit(mail_sandbox)
+    assert rc == 1
+    assert ("auth-orphan", "big.test") in [(f["kind"], f.get("domain")) for f in findings]
+    # The query of the same rows without that care needs the directory.
+    r = mail_sandbox.run_raw(["sqlite3", AUTH_DB, "SELECT d.name, u.name, u.cmusaslsecretPLAIN "
+                              "FROM users u JOIN domains d ON u.dom_id = d.id "
+                              "ORDER BY d.name, u.name"])
+    assert r.rc != 0 and "disk I/O error" in r.err, r
+
+
 # {option: takes a value}, as the help, the manual and the completion name them.
 OPTIONS = {"--repair": False, "--json": False, "--sizes": False, "--drift-bytes": True,
            "--lock-wait": True, "--metrics": True, "-h": False, "--help": False,

@@ -20,11 +20,16 @@ from test_batch import AUTH_KEY, BATCH, CRYPT_HASH, run_batch
 from test_cipher import python_decrypt
 from test_docs import OPTION, complete, offered, section
 from test_domain_commands import AUTH_DB, add_handler, query
+from test_logins import run_auth
 
 EXPORT = os.environ.get("DRAVNIK_EXPORT") or str(
     Path(Sandbox.default_dravnik()).parent.parent / "export" / "dravnik-export")
 OUT = "/var/lib/tavix/export.jsonl"
 ROOT = "/var/qmail/mailnames"
+# A crypt hash whose password the tests know (openssl passwd -6 -salt
+# movedsalt cr4pt-moved), to log in with after the move.
+MOVED_HASH = ("$6$movedsalt$FLgUKAQYj.xmflJTpGVOYqa62ox2mccXcm6tVxBp9t0HnZ.sc130ztClf9zPl2L/"
+              "uINwEI00wXCoQPF2ewn1A/")
 
 
 # ---------------------------------------------------------------------------
@@ -144,6 +149,7 @@ def mixed_script():
         p.remove_alias(domain, "m0", "a0")
         p.run("--remove-mailbox", domain, "--mailname=m6")
         p.remove_mailname(domain, "m8")
+    p.run("--set-password", "alpha.test", "--mailname=m9", crypted=MOVED_HASH)
     p.run("--set-domain-disk-quota", "gamma.test", "--disk-quota=5000000")
     p.del_domain_alias("gamma.test", "gamma-old.test")
     for domain in ("delta.test", "epsilon.test"):
@@ -255,6 +261,20 @@ def test_round_trip_gives_the_same_export_and_the_same_setup(first, mail_sandbox
     assert exported(second) == text
     assert differences(mail_setup(first), mail_setup(second)) == []
     assert audit(second) == (0, [])
+    # The moved passwords open their mailboxes on the second server, one
+    # stored encrypted (a Unicode password, the domain in Unicode form) and
+    # one a crypt hash; a wrong one still does not.
+    for login, password, status in [
+            ("m0@b\u00fccher.test", "p\u00e4ss-m0-1", 0),
+            ("m9@alpha.test", "cr4pt-moved", 0),
+            ("m9@alpha.test", "cr4pt-moveD", 1),
+            ("m4@alpha.test", "p\u00e4ss-m4-4", 1)]:  # changed by --set-password
+        r = run_auth(second, b"%s\0%s\0\0" % (login.encode(), password.encode()))
+        assert r.rc == status, (login, r)
+        if status == 0:
+            home = "HOME=%s/%s/%s" % (ROOT, login.split("@")[1].encode("idna").decode(),
+                                      login.split("@")[0])
+            assert home in r.out.splitlines(), r
 
 
 def test_domain_adds_exactly_those_domains(first, mail_sandbox):

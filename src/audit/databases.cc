@@ -30,8 +30,13 @@ class Reader {
       Fail(strerror(errno));
       return;
     }
+    // Sorting the users of a large server spills out of SQLite's cache;
+    // kept in memory, since a server need not offer a writable temporary
+    // directory to a reader (and the sort is a few megabytes).
     std::string message;
-    if (db_.open_readonly(path) != 0 || db_.exec("BEGIN", &message) != SQLITE_OK)
+    if (db_.open_readonly(path) != 0 ||
+        db_.exec("PRAGMA temp_store = MEMORY", &message) != SQLITE_OK ||
+        db_.exec("BEGIN", &message) != SQLITE_OK)
       Fail(db_.errmsg());
   }
   ~Reader() {

@@ -4,6 +4,9 @@
 #include <fcntl.h>
 #include <string.h>
 #include <syslog.h>
+#include <unistd.h>
+
+#include <memory>
 
 #include "audit/qmail_files.h"
 #include "qmail/paths.h"
@@ -31,15 +34,24 @@ bool FindLineStarting(const std::string& text, const std::string& start, std::st
   return true;
 }
 
+// 1 with `*fd` open on the file, 0 when it does not exist, -1 after
+// logging.
+int Open(const std::string& path, UniqueFd* fd) {
+  *fd = open_nofollow(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (*fd)
+    return 1;
+  if (errno == ENOENT)
+    return 0;
+  tavix_log(LOG_ERR, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
+  return -1;
+}
+
 // 1 with the whole file, 0 when it does not exist, -1 after logging.
 int ReadFile(const std::string& path, std::string* text) {
-  UniqueFd fd(open_nofollow(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) {
-    if (errno == ENOENT)
-      return 0;
-    tavix_log(LOG_ERR, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
-    return -1;
-  }
+  UniqueFd fd;
+  int rc = Open(path, &fd);
+  if (rc <= 0)
+    return rc;
   if (!read_to_end(fd.get(), text)) {
     tavix_log(LOG_ERR, "Unable to read file '%s': %s", path.c_str(), strerror(errno));
     return -1;
@@ -58,15 +70,47 @@ bool FindVirtualPrefix(const std::string& virtualdomains, const std::string& dom
   return !prefix->empty();
 }
 
-bool FindAssignHome(const std::string& assign, const std::string& key, std::string* home) {
-  std::string text;
-  if (key.empty() || !FindLineStarting(assign, "=" + key + ":", &text))
-    return false;
-  audit::AssignLine line = audit::ParseAssignLine(text);
-  if (line.type != '=' || line.key != key)
-    return false;
-  *home = line.home;
-  return true;
+int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block) {
+  if (key.empty() || block == 0)
+    return 0;
+  // The line starts after a newline, or at the start of the file: the
+  // window begins with one that the file does not have.
+  const std::string wanted = "\n=" + key + ":";
+  std::string window = "\n";
+  std::unique_ptr<char[]> buffer(new char[block]);
+  size_t line_at = std::string::npos;  // in `window`, once found
+  for (;;) {
+    ssize_t n = read(fd, buffer.get(), block);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      return -1;
+    window.append(buffer.get(), static_cast<size_t>(n));
+    if (line_at == std::string::npos) {
+      const void* hit = memmem(window.data(), window.size(), wanted.data(), wanted.size());
+      if (hit != nullptr) {
+        line_at = static_cast<const char*>(hit) - window.data() + 1;
+      } else if (n == 0) {
+        return 0;
+      } else if (window.size() >= wanted.size()) {
+        // Only a tail shorter than the pattern can begin a match that the
+        // next block completes.
+        window.erase(0, window.size() - (wanted.size() - 1));
+        continue;
+      }
+    }
+    if (line_at != std::string::npos) {
+      size_t end = window.find('\n', line_at);
+      if (end != std::string::npos || n == 0) {
+        std::string text = window.substr(line_at, end == std::string::npos ? end : end - line_at);
+        audit::AssignLine line = audit::ParseAssignLine(text);
+        if (line.type != '=' || line.key != key)
+          return 0;
+        *home = line.home;
+        return 1;
+      }
+    }
+  }
 }
 
 int MailboxHome(const std::string& mailname, const std::string& domain, std::string* home) {
@@ -77,11 +121,15 @@ int MailboxHome(const std::string& mailname, const std::string& domain, std::str
   std::string prefix;
   if (!FindVirtualPrefix(virtualdomains, domain, &prefix))
     return 0;
-  std::string assign;
-  rc = ReadFile(qmail::qmail_file("/users/assign"), &assign);
+  const std::string path = qmail::qmail_file("/users/assign");
+  UniqueFd fd;
+  rc = Open(path, &fd);
   if (rc <= 0)
     return rc;
-  return FindAssignHome(assign, prefix + "-" + mailname, home) ? 1 : 0;
+  rc = FindAssignHome(fd.get(), prefix + "-" + mailname, home);
+  if (rc < 0)
+    tavix_log(LOG_ERR, "Unable to read file '%s': %s", path.c_str(), strerror(errno));
+  return rc;
 }
 
 }  // namespace auth

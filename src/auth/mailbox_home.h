@@ -16,11 +16,13 @@ namespace auth {
 bool FindVirtualPrefix(const std::string& virtualdomains, const std::string& domain,
                        std::string* prefix);
 
-// The home directory of the exact assign line for `key` ("prefix-local").
-// Only that one line is parsed: the file of a large server holds a line per
-// mail name and alias, and every login asks for one of them. False when
-// there is no such line or it breaks qmail's format.
-bool FindAssignHome(const std::string& assign, const std::string& key, std::string* home);
+// The home directory of the exact assign line for `key` ("prefix-local"),
+// from the users/assign open on `fd`. The file of a large server holds a
+// line per mail name and alias (megabytes), and every login asks for one of
+// them: it is searched `block` bytes at a time, never held whole, and only
+// that one line is parsed. 1 with `*home` set, 0 when there is no such line
+// or it breaks qmail's format, -1 on a read error (errno tells why).
+int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block = 65536);
 
 // Both look-ups on the installed files. 1 with `*home` set, 0 when the
 // address has no mailbox there, -1 after logging that a file could not be

@@ -16,7 +16,7 @@ namespace {
 // Random bytes in the form and length of a stored password. Under a real
 // key they decrypt to garbage, or more likely fail the padding check; the
 // caller throws the answer away either way.
-const char kDecoy[] =
+const char kDecoyEncrypted[] =
     "$AES-256-CBC:PKCS$q1Pf8xVd0nHk3sWm5bLz7A==$Jd2k9QmXv0aT4rLp8sWn1yBc6eHg3uZf5oKi7jMq2wE=";
 
 // A decrypted password, wiped before its memory is given back.
@@ -41,7 +41,9 @@ class Plain {
 // given password, so the work is the same.
 const char kNothing[kMaxRequest + 1] = {};
 
-bool MatchEncrypted(const char* stored, const Secret& given) {
+bool MatchEncrypted(const char* stored, const Secret& given, Work* work) {
+  if (work)
+    work->decryptions += 1;
   Plain plain(mail_aes_decrypt(stored));
   const char* other = plain.get() ? plain.get() : kNothing;
   size_t other_size = plain.get() ? strlen(plain.get()) : given.size() + 1;
@@ -49,21 +51,28 @@ bool MatchEncrypted(const char* stored, const Secret& given) {
   return equal && plain.get() != nullptr && !given.empty();
 }
 
-bool MatchHash(const std::string& hash, const Secret& given) {
+bool MatchHash(const char* hash, const Secret& given, Work* work) {
+  if (work)
+    work->crypts += 1;
   struct crypt_data data;
   memset(&data, 0, sizeof(data));
   // crypt_r() wants a NUL-terminated password; Secret keeps one after its
   // bytes. A password with a NUL inside cannot be what was hashed.
   if (memchr(given.data(), '\0', given.size()) != nullptr)
     return false;
-  const char* result = crypt_r(given.data(), hash.c_str(), &data);
+  const char* result = crypt_r(given.data(), hash, &data);
   bool equal = result != nullptr && result[0] != '*' &&
-               SecretsEqual(result, strlen(result), hash.data(), hash.size());
+               SecretsEqual(result, strlen(result), hash, strlen(hash));
   OPENSSL_cleanse(&data, sizeof(data));
   return equal && !given.empty();
 }
 
 }  // namespace
+
+// Random bytes hashed with a random salt; no password is known to match.
+const char kDecoyHash[] =
+    "$6$Qm3vT9xLp2RkW8sZ$hm4m7Q6z81YplAo5QsKGdnQd3zmN5.Nk1sEYWocAhRFdEirTeYLL/"
+    "1JDCpoDwf46bveqc1M1XrdqbR9RzXhnK/";
 
 bool SecretsEqual(const char* a, size_t a_size, const char* b, size_t b_size) {
   // Compare `a` with as much of `b` as it has, padded with the nothing
@@ -77,15 +86,26 @@ bool SecretsEqual(const char* a, size_t a_size, const char* b, size_t b_size) {
   return equal && a_size == b_size && a_size <= kMaxRequest;
 }
 
-Match MatchPassword(const MailAuthRecord& record, const Secret& given) {
-  if (record.has_encrypted && !record.encrypted.empty())
-    return MatchEncrypted(record.encrypted.c_str(), given) ? Match::kYes : Match::kNo;
-  if (record.has_raw && !record.raw.empty())
-    return MatchHash(record.raw, given) ? Match::kYes : Match::kNo;
+Match MatchPassword(const MailAuthRecord& record, const Secret& given, Work* work) {
+  // One decryption and one crypt(3) whichever form is stored; the one the
+  // record does not need runs on its decoy and its answer is dropped.
+  if (record.has_encrypted && !record.encrypted.empty()) {
+    bool match = MatchEncrypted(record.encrypted.c_str(), given, work);
+    (void)MatchHash(kDecoyHash, given, work);
+    return match ? Match::kYes : Match::kNo;
+  }
+  if (record.has_raw && !record.raw.empty()) {
+    (void)MatchEncrypted(kDecoyEncrypted, given, work);
+    return MatchHash(record.raw.c_str(), given, work) ? Match::kYes : Match::kNo;
+  }
+  DecoyMatch(given, work);
   return Match::kUnusable;
 }
 
-void DecoyMatch(const Secret& given) { (void)MatchEncrypted(kDecoy, given); }
+void DecoyMatch(const Secret& given, Work* work) {
+  (void)MatchEncrypted(kDecoyEncrypted, given, work);
+  (void)MatchHash(kDecoyHash, given, work);
+}
 
 }  // namespace auth
 }  // namespace tavix

@@ -3,6 +3,8 @@
 #include <crypt.h>
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include <cstdlib>
 #include <string>
 
@@ -100,6 +102,57 @@ TEST(SecretsEqualTest, LengthAndEveryByteCount) {
   EXPECT_FALSE(SecretsEqual("abcd", 4, "abc", 3));
   EXPECT_FALSE(SecretsEqual("abc", 3, "", 0));
   EXPECT_TRUE(SecretsEqual("", 0, "", 0));
+}
+
+// Each check costs one decryption and one crypt(3), whatever is stored and
+// whether the address has a record at all: the time of the answer must not
+// tell an unknown address from a wrong password.
+TEST_F(PasswordCheckTest, EveryCheckDoesTheSameWork) {
+  MailAuthRecord nothing;
+  struct Case {
+    const char* what;
+    MailAuthRecord record;
+    const char* given;
+  } cases[] = {
+      {"encrypted, right", Encrypted("s3cret"), "s3cret"},
+      {"encrypted, wrong", Encrypted("s3cret"), "wrong"},
+      {"hash, right", Hashed("h4sh"), "h4sh"},
+      {"hash, wrong", Hashed("h4sh"), "wrong"},
+      {"no password stored", nothing, "wrong"},
+  };
+  for (const Case& c : cases) {
+    Secret given;
+    given.assign(c.given, strlen(c.given));
+    tavix::auth::Work work;
+    MatchPassword(c.record, given, &work);
+    EXPECT_EQ(1, work.decryptions) << c.what;
+    EXPECT_EQ(1, work.crypts) << c.what;
+  }
+  Secret given;
+  given.assign("wrong", 5);
+  tavix::auth::Work work;
+  tavix::auth::DecoyMatch(given, &work);
+  EXPECT_EQ(1, work.decryptions);
+  EXPECT_EQ(1, work.crypts);
+}
+
+// A decoy setting that this system's crypt(3) refused would fail at once
+// and cost nothing; it must run the whole method, and match nothing.
+TEST(DecoyHashTest, RunsTheWholeMethodAndMatchesNothing) {
+  struct crypt_data data = {};
+  const char* result = crypt_r("s3cret", tavix::auth::kDecoyHash, &data);
+  ASSERT_NE(nullptr, result);
+  EXPECT_EQ(std::string("$6$"), std::string(result, 3));
+  EXPECT_EQ(strlen(tavix::auth::kDecoyHash), strlen(result));
+  EXPECT_STRNE(tavix::auth::kDecoyHash, result);
+  MailAuthRecord decoy;
+  decoy.has_raw = true;
+  decoy.raw = tavix::auth::kDecoyHash;
+  for (const char* guess : {"", "x", "password", "s3cret"}) {
+    Secret given;
+    given.assign(guess, strlen(guess));
+    EXPECT_NE(Match::kYes, MatchPassword(decoy, given)) << guess;
+  }
 }
 
 TEST_F(PasswordCheckTest, DecoyLogsNothing) {

@@ -83,6 +83,15 @@ class Planner {
       aliases_[alias.second].push_back(alias.first);  // sorted: the map is
     for (const AuthUser& row : s_.databases.auth_rows)
       rows_[{row.domain, row.name}] = &row;
+    // Each domain's mail name lines, in the file's order: one pass over a
+    // file that holds a line for every mail name and alias of the server.
+    for (const audit::AssignLine& line : s_.files.assign) {
+      if (line.type != '=')
+        continue;
+      audit::Home home = audit::SplitHome(s_.root, line.home);
+      if (home.under_root && !home.mailname.empty())
+        assign_by_domain_[home.domain].push_back({&line, home.mailname});
+    }
   }
 
   void Run() {
@@ -145,25 +154,26 @@ class Planner {
     std::map<std::string, Names> aliases;  // by mail name directory
     const auto& dir = s_.tree.domains.at(domain);
     std::string prefix = domain + "-";
-    for (const audit::AssignLine& line : s_.files.assign) {
-      audit::Home home = audit::SplitHome(s_.root, line.home);
-      if (line.type != '=' || !home.under_root || home.domain != domain || home.mailname.empty())
-        continue;
+    static const std::vector<HomeLine> kNone;
+    auto lines = assign_by_domain_.find(domain);
+    for (const HomeLine& home_line : lines == assign_by_domain_.end() ? kNone : lines->second) {
+      const audit::AssignLine& line = *home_line.line;
+      const std::string& mailname = home_line.mailname;
       if (line.key.compare(0, prefix.size(), prefix) != 0) {
         Omit(domain + ": not carried: the users/assign line \"" + line.text +
              "\" names another domain than its directory's");
         continue;
       }
       std::string local = line.key.substr(prefix.size());
-      auto box = dir.mailboxes.find(home.mailname);
+      auto box = dir.mailboxes.find(mailname);
       if (box == dir.mailboxes.end() || !box->second.dir.is_dir)
         continue;  // the audit names the missing directory
-      if (local == home.mailname) {
+      if (local == mailname) {
         MailName& mail = names[local];
         mail.name = local;
         mail.box = &box->second;
       } else {
-        aliases[home.mailname].push_back(local);
+        aliases[mailname].push_back(local);
       }
     }
     for (auto& entry : aliases) {
@@ -459,6 +469,13 @@ class Planner {
   Plan* plan_;
   Inventory inventory_;
   std::map<std::string, Names> aliases_;  // domain -> its aliases, sorted
+  // A users/assign line of a mail name or alias, with the mail name whose
+  // directory it points to.
+  struct HomeLine {
+    const audit::AssignLine* line;
+    std::string mailname;
+  };
+  std::map<std::string, std::vector<HomeLine>> assign_by_domain_;  // by directory's domain
   std::map<std::pair<std::string, std::string>, const AuthUser*> rows_;  // domain, name
   std::set<std::string> exported_;  // domains and their aliases
 };
