@@ -105,7 +105,9 @@ TEST_F(AuthLookupTest, LookupGivesTheStoredColumns) {
 
   EXPECT_EQ(0, mailAuthLookup("zed", "c.test", &record));
   EXPECT_EQ(0, mailAuthLookup("jack", "a.test", &record));
-  mailAuthDBSetPath(tmp_.path("missing/passwd.db").c_str());
+  // The path is kept by pointer, not copied: it must outlive the look-up.
+  const std::string missing = tmp_.path("missing/passwd.db");
+  mailAuthDBSetPath(missing.c_str());
   EXPECT_EQ(-1, mailAuthLookup("zed", "a.test", &record));
 }
 
