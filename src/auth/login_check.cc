@@ -14,22 +14,6 @@ namespace auth {
 
 namespace {
 
-// The mail cipher, set up from the key file for the length of one check.
-class CipherScope {
- public:
-  CipherScope() : held_(mail_aes_init(mailAuthKey) != 0) {}
-  ~CipherScope() {
-    if (held_)
-      mail_aes_cleanup();
-  }
-  CipherScope(const CipherScope&) = delete;
-  CipherScope& operator=(const CipherScope&) = delete;
-  bool held() const { return held_; }
-
- private:
-  bool held_;
-};
-
 Answer Refuse(const std::string& login, const char* reason) {
   tavix_log(LOG_WARNING, "Login refused for '%s': %s", Printable(login).c_str(), reason);
   return Answer();
@@ -49,7 +33,7 @@ Answer CheckLogin(const std::string& login, const Secret* password) {
   // is the same for every address, so it tells nothing about any of them.
   if (password && password->empty())
     return Refuse(login, "empty password");
-  CipherScope cipher;
+  const MailCipherReference cipher(mailAuthKey);
   if (password && !cipher.held())
     return Postpone(login, "the password key cannot be read");
 

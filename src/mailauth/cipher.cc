@@ -356,22 +356,6 @@ char* DecryptWith(CipherNode* node, const EncryptedText& parts) {
   return plain != nullptr ? strdup(plain) : nullptr;
 }
 
-// One reference to the mail cipher for the length of a scope.
-class MailCipherReference {
- public:
-  explicit MailCipherReference(const char* key_path) : held_(mail_aes_init(key_path) != 0) {}
-  ~MailCipherReference() {
-    if (held_)
-      mail_aes_cleanup();
-  }
-  MailCipherReference(const MailCipherReference&) = delete;
-  MailCipherReference& operator=(const MailCipherReference&) = delete;
-  bool held() const { return held_; }
-
- private:
-  bool held_;
-};
-
 }  // namespace
 
 // ---------------------------------------------------------------------------

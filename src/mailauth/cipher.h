@@ -63,4 +63,21 @@ void mailPasswdCipherCleanup();
 // op 0 decrypts, op 1 encrypts; returns a heap string or NULL.
 char* mailPasswdCipherOp(const char* text, int op, const char* mailname, const char* domain);
 
+// One reference to the mail cipher (mail_aes_init/mail_aes_cleanup) for
+// the length of a scope.
+class MailCipherReference {
+ public:
+  explicit MailCipherReference(const char* key_path) : held_(mail_aes_init(key_path) != 0) {}
+  ~MailCipherReference() {
+    if (held_)
+      mail_aes_cleanup();
+  }
+  MailCipherReference(const MailCipherReference&) = delete;
+  MailCipherReference& operator=(const MailCipherReference&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  bool held_;
+};
+
 #endif  // DRAVNIK_MAILAUTH_CIPHER_H_
