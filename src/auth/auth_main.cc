@@ -10,6 +10,7 @@
 // program changes to the mailbox and to popuser's ids itself.
 #include <errno.h>
 #include <grp.h>
+#include <openssl/crypto.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -144,6 +145,18 @@ int main(int argc, char** argv) {
   tavix_log_init(nullptr, 6, LOG_MAIL, LOG_PERROR, "dravnik-auth");
   if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
     tavix_log(LOG_ERR, "Unable to keep the password out of core dumps: %s", strerror(errno));
+    return kTemporary;
+  }
+  // A login waits for this program, once per login. OpenSSL is asked for
+  // no more than the one cipher and digest it is used for: not the system's
+  // configuration file (which this program has no use for), not the tables
+  // of every legacy algorithm name, and not its error texts (nothing here
+  // prints them; loading them on the first error, the padding check of a
+  // decoy decryption, also made an unknown address slower than a known one).
+  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS |
+                              OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+                          nullptr) != 1) {
+    tavix_log(LOG_ERR, "%s", "Unable to initialise OpenSSL");
     return kTemporary;
   }
   mailAuthDBSelectStyle(0);
