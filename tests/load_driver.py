@@ -40,6 +40,7 @@ import random
 import re
 import runpy
 import signal
+import struct
 import sqlite3
 import subprocess
 import sys
@@ -722,7 +723,8 @@ def burst_kill_test(prog, seed, kills_wanted, size, pause):
     `kills_wanted` runs were killed; every run seen to end with 0 must have
     its line in users/cdb, which must be a whole compile."""
     rnd = random.Random(seed)
-    compile_of = runpy.run_path("/var/qmail/bin/qmail-newu")["compiled"]
+    newu = runpy.run_path("/var/qmail/bin/qmail-newu")
+    compile_of, decompile = newu["compiled"], newu["decompiled"]
     burst_set_up(prog)
     set_pause(pause)
     report = {"seed": seed, "rounds": [], "problems": []}
@@ -730,8 +732,11 @@ def burst_kill_test(prog, seed, kills_wanted, size, pause):
 
     def compiled_body():
         cdb = open("/var/qmail/users/cdb", "rb").read()
-        body = cdb.split(b"\n", 1)[1].decode("utf-8", "surrogateescape") if b"\n" in cdb else ""
-        return body if compile_of(body + ".\n") == cdb else None
+        try:
+            text = decompile(cdb)
+        except struct.error:
+            return None
+        return text[:-len(".\n")] if compile_of(text) == cdb else None
 
     # Lines are only added, so users/cdb read just after a run ended holds
     # its line if the compile it returned on did.

@@ -12,7 +12,8 @@ import subprocess
 
 import pytest
 
-from sandbox import REPO, RECORD_DIR
+from conftest import STRACE
+from sandbox import NEWU_LOG, REPO, RECORD_DIR
 from test_domain_commands import add_domain, add_mailname, ok, session
 
 AUTH = REPO / "build" / "src" / "auth" / "dravnik-auth"
@@ -290,3 +291,41 @@ def test_unreadable_key_and_database_are_temporary(mailbox):
     assert run_auth(sb, request).rc == 0
     sb.write(DB, "not a database\n", mode=0o640)
     assert run_auth(sb, request).rc == 111
+
+
+def test_home_comes_from_users_cdb_only_while_every_edit_is_compiled(mailbox):
+    """An alias moved to another mail name while the compiles failed: the
+    users/cdb of before still gives it the old mail name's home, so the
+    home then comes from users/assign; once a compile succeeds again it
+    comes from users/cdb, without reading users/assign."""
+    sb = mailbox
+    add_mailname(sb, "mary")
+    ok(sb, "--add-mailbox", "--domain-name=" + DOMAIN, "--mailname=mary", "--wait-stdin",
+       stdin=data(name="mary", aliases=()), env={"ZON_PASSWORD": "m4ry"})
+
+    def alias(word, owner):
+        return ["--%s-alias" % word, "--domain-name=" + DOMAIN, "--mailname=" + owner,
+                "--alias=sales", "--mail-addresses", owner + ("" if word == "add" else ",sales")]
+
+    def login(password):
+        r = run_auth(sb, b"sales@example.com\0" + password + b"\0\0",
+                     wrap=[STRACE, "-f", "-o", "/dev/stderr", "-e", "trace=openat,openat2"],
+                     env={"ASAN_OPTIONS": "detect_leaks=0"})
+        assert r.rc == 0, r
+        home = [line for line in r.out.splitlines() if line.startswith("HOME=")]
+        # Files are opened by name in their directory, opened first.
+        return home, '"assign"' in r.err, '"cdb"' in r.err
+
+    ok(sb, *alias("add", "john"))
+    assert login(b"s3cret") == (["HOME=%s/john" % ROOT], False, True)
+
+    for args in (alias("remove", "john"), alias("add", "mary")):
+        calls = len(sb.path(NEWU_LOG).read_text().splitlines())
+        sb.set_newu_fail(calls + 1, "unable to write users/cdb.tmp")
+        assert sb.run(*args).rc == 1
+    sb.set_newu_fail(None, None)
+    assert login(b"m4ry") == (["HOME=%s/mary" % ROOT], True, False)
+
+    ok(sb, "--add-alias", "--domain-name=" + DOMAIN, "--mailname=mary", "--alias=info",
+       "--mail-addresses", "mary")
+    assert login(b"m4ry") == (["HOME=%s/mary" % ROOT], False, True)

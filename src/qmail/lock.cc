@@ -129,14 +129,26 @@ int open_lock_file(const char* path, int open_flags) {
 
 }  // namespace
 
-tavix::UniqueFd open_lock_state_file(const char* path) {
+namespace {
+
+tavix::UniqueFd open_state_file(const char* path, int open_flags) {
   tavix::unique_free<char> lock_file(lock_file_for(path));
   if (!lock_file) {
     errno = ENOMEM;
     return tavix::UniqueFd();
   }
   std::string name = std::string(lock_file.get()) + ".state";
-  return tavix::UniqueFd(open_lock_file(name.c_str(), O_RDWR | O_CREAT));
+  return tavix::UniqueFd(open_lock_file(name.c_str(), open_flags));
+}
+
+}  // namespace
+
+tavix::UniqueFd open_lock_state_file(const char* path) {
+  return open_state_file(path, O_RDWR | O_CREAT);
+}
+
+tavix::UniqueFd open_lock_state_file_for_reading(const char* path) {
+  return open_state_file(path, O_RDONLY);
 }
 
 void release_kept_locks() {

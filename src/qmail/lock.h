@@ -63,6 +63,10 @@ lock_handle* lock_setup_exclusive(int wait_ms, bool* held);
 // directory, under the same checks as a lock file. Unlike a lock file it
 // is never truncated. An invalid descriptor (errno set) on failure.
 tavix::UniqueFd open_lock_state_file(const char* path);
+// The same file opened for reading alone and never created, for a reader
+// that must take no lock and leave nothing behind (ENOENT when no run has
+// made it yet).
+tavix::UniqueFd open_lock_state_file_for_reading(const char* path);
 
 // 1 when `handle` holds its lock.
 int is_locked(const lock_handle* handle);

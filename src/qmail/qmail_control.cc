@@ -102,6 +102,8 @@ void qmail_note_edit(const char* path, bool locked) {
   assign_generation = locked ? compile().note_change() : 0;
 }
 
+bool qmail_users_cdb_current() { return compile().caught_up(); }
+
 int run_qmail_newu() {
   return note(&noted.newu) ? 0 : newu_now();
 }

@@ -15,6 +15,13 @@ int run_qmail_newu();
 // counts an edit of users/assign for the compile that must read it.
 void qmail_note_edit(const char* path, bool locked);
 
+// Whether users/cdb holds every counted edit of users/assign: the last
+// edit was compiled, and the compile succeeded. Takes no lock (for a
+// reader such as dravnik-auth); an edit made at that very moment is not
+// seen, and neither is one whose count failed (logged when it happened)
+// until the compile its run then starts by itself has ended.
+bool qmail_users_cdb_current();
+
 // qmail's init script with "restart" or "reload"; the script's result. Like
 // the compile and the SIGHUP, one run of it serves every run that asked for
 // it before it started.

@@ -99,18 +99,7 @@ bool parse_number(const std::string& text, uint64_t* value) {
 // set) when the read failed.
 bool read_slot(int fd, const Slot& slot, std::string* bytes) {
   bytes->assign(slot.size, '\0');
-  size_t done = 0;
-  while (done < slot.size) {
-    ssize_t n = pread(fd, &(*bytes)[done], slot.size - done, slot.offset + done);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      return false;
-    if (n == 0)
-      break;
-    done += static_cast<size_t>(n);
-  }
-  return true;
+  return read_at(fd, &(*bytes)[0], slot.size, slot.offset) >= 0;
 }
 
 // One write of the whole slot: a kill cannot leave half of it.
@@ -366,6 +355,14 @@ int SharedRun::await(uint64_t generation, const Program& program) const {
               strerror(errno));
   }
   return result;
+}
+
+bool SharedRun::caught_up() const {
+  UniqueFd state = open_lock_state_file_for_reading(run_lock_.c_str());
+  uint64_t counter = 0;
+  RunLedger ledger;
+  return state && read_counter(state.get(), &counter) == Read::kOk &&
+         read_ledger(state.get(), &ledger) == Read::kOk && counter <= ledger.succeeded();
 }
 
 int SharedRun::run_alone(const Program& program) const {

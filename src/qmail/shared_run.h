@@ -71,6 +71,8 @@ class RunLedger {
   // Enters a run that served every generation up to `through`.
   void enter(uint64_t through, bool ok, const std::string& why);
   uint64_t through() const { return through_; }
+  // The highest generation a successful run has served.
+  uint64_t succeeded() const { return succeeded_; }
 
   std::string encode() const;
   // False for text that is not a whole ledger; `*ledger` is then unchanged.
@@ -122,6 +124,13 @@ class SharedRun {
   // leader's program shows its own). With generation 0 (none could be had)
   // the program runs for this caller alone, as it always could.
   int await(uint64_t generation, const Program& program) const;
+
+  // Whether a successful run has served every change counted so far, so
+  // that what the program made (users/cdb) holds them all: read without a
+  // lock, for a reader that must not wait on the runs. A change being made
+  // at that very moment is not counted yet; false when the state file
+  // cannot be read or no run has made it yet.
+  bool caught_up() const;
 
  private:
   int run_alone(const Program& program) const;

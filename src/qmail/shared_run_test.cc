@@ -169,13 +169,18 @@ TEST(SharedRunTest, OneRunServesEveryRequestMadeBeforeItStarted) {
   EXPECT_EQ(2u, counted.runs());
 }
 
+// caught_up() is what dravnik-auth trusts users/cdb by: true only while a
+// successful run has served the last change counted.
 TEST(SharedRunTest, AFailedRunFailsEveryRequestItServedWithItsMessage) {
   tavix::test::ScratchDir dir;
   Counted counted(dir.path());
   SharedRun run = fresh_run("fails", false);
+  EXPECT_FALSE(run.caught_up());  // no run has made the state file yet
   uint64_t first = run.request(), second = run.request();
+  EXPECT_FALSE(run.caught_up());
 
   EXPECT_NE(0, run.await(second, counted.program(111, "qmail-newu: fatal: disk full")));
+  EXPECT_FALSE(run.caught_up());
   auto follower = CaptureStreams([&] { return run.await(first, counted.program()); });
   EXPECT_NE(0, follower.result);
   EXPECT_NE(std::string::npos, follower.err.find("qmail-newu: fatal: disk full"))
@@ -183,8 +188,12 @@ TEST(SharedRunTest, AFailedRunFailsEveryRequestItServedWithItsMessage) {
   EXPECT_EQ(1u, counted.runs());
 
   uint64_t third = run.request();
+  EXPECT_FALSE(run.caught_up());
   EXPECT_EQ(0, run.await(third, counted.program()));
   EXPECT_EQ(2u, counted.runs());
+  EXPECT_TRUE(run.caught_up());
+  run.request();
+  EXPECT_FALSE(run.caught_up());
   // Still the answer of the run that served it.
   EXPECT_NE(0, CaptureStreams([&] { return run.await(first, counted.program()); }).result);
 }

@@ -77,6 +77,9 @@ namespace tavix {
 bool read_to_end(int fd, std::string* text);
 // Writes all of `text` to `fd`; false on a write error (errno tells why).
 bool write_all(int fd, const std::string& text);
+// Reads up to `size` bytes at `offset` into `buffer`, stopping early only
+// at the end of the file: the count read, or -1 on a read error (errno).
+ssize_t read_at(int fd, void* buffer, size_t size, off_t offset);
 
 // Owns a file descriptor; -1 means none.
 class UniqueFd {
