@@ -20,22 +20,6 @@ namespace auth {
 
 namespace {
 
-// The line of `text` that begins with `start`, without its newline.
-bool FindLineStarting(const std::string& text, const std::string& start, std::string* line) {
-  size_t at = 0;
-  for (;;) {
-    at = text.find(start, at);
-    if (at == std::string::npos)
-      return false;
-    if (at == 0 || text[at - 1] == '\n')
-      break;
-    at += 1;
-  }
-  size_t end = text.find('\n', at);
-  *line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-  return true;
-}
-
 // 1 with `*fd` open on the file, 0 when it does not exist, -1 after
 // logging.
 int Open(const std::string& path, UniqueFd* fd) {
@@ -46,19 +30,6 @@ int Open(const std::string& path, UniqueFd* fd) {
     return 0;
   tavix_log(LOG_ERR, "Unable to open file '%s' for reading: %s", path.c_str(), strerror(errno));
   return -1;
-}
-
-// 1 with the whole file, 0 when it does not exist, -1 after logging.
-int ReadFile(const std::string& path, std::string* text) {
-  UniqueFd fd;
-  int rc = Open(path, &fd);
-  if (rc <= 0)
-    return rc;
-  if (!read_to_end(fd.get(), text)) {
-    tavix_log(LOG_ERR, "Unable to read file '%s': %s", path.c_str(), strerror(errno));
-    return -1;
-  }
-  return 1;
 }
 
 // The home of the exact assign line for `key` as qmail-newu compiled it
@@ -92,21 +63,12 @@ int CompiledHome(const std::string& key, std::string* home) {
 
 }  // namespace
 
-bool FindVirtualPrefix(const std::string& virtualdomains, const std::string& domain,
-                       std::string* prefix) {
-  std::string line;
-  if (domain.empty() || !FindLineStarting(virtualdomains, domain + ":", &line))
-    return false;
-  *prefix = line.substr(domain.size() + 1);
-  return !prefix->empty();
-}
-
-int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block) {
-  if (key.empty() || block == 0)
+int FindLineStarting(int fd, const std::string& start, std::string* line, size_t block) {
+  if (start.empty() || block == 0)
     return 0;
   // The line starts after a newline, or at the start of the file: the
   // window begins with one that the file does not have.
-  const std::string wanted = "\n=" + key + ":";
+  const std::string wanted = "\n" + start;
   std::string window = "\n";
   std::unique_ptr<char[]> buffer(new char[block]);
   size_t line_at = std::string::npos;  // in `window`, once found
@@ -133,25 +95,46 @@ int FindAssignHome(int fd, const std::string& key, std::string* home, size_t blo
     if (line_at != std::string::npos) {
       size_t end = window.find('\n', line_at);
       if (end != std::string::npos || n == 0) {
-        std::string text = window.substr(line_at, end == std::string::npos ? end : end - line_at);
-        audit::AssignLine line = audit::ParseAssignLine(text);
-        if (line.type != '=' || line.key != key)
-          return 0;
-        *home = line.home;
+        *line = window.substr(line_at, end == std::string::npos ? end : end - line_at);
         return 1;
       }
     }
   }
 }
 
+int FindVirtualPrefix(int fd, const std::string& domain, std::string* prefix, size_t block) {
+  std::string line;
+  int rc = domain.empty() ? 0 : FindLineStarting(fd, domain + ":", &line, block);
+  if (rc <= 0)
+    return rc;
+  *prefix = line.substr(domain.size() + 1);
+  return prefix->empty() ? 0 : 1;
+}
+
+int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block) {
+  std::string text;
+  int rc = key.empty() ? 0 : FindLineStarting(fd, "=" + key + ":", &text, block);
+  if (rc <= 0)
+    return rc;
+  audit::AssignLine line = audit::ParseAssignLine(text);
+  if (line.type != '=' || line.key != key)
+    return 0;
+  *home = line.home;
+  return 1;
+}
+
 int MailboxHome(const std::string& mailname, const std::string& domain, std::string* home) {
-  std::string virtualdomains;
-  int rc = ReadFile(qmail::qmail_file("/control/virtualdomains"), &virtualdomains);
+  const std::string virtualdomains = qmail::qmail_file("/control/virtualdomains");
+  UniqueFd fd;
+  int rc = Open(virtualdomains, &fd);
   if (rc <= 0)
     return rc;
   std::string prefix;
-  if (!FindVirtualPrefix(virtualdomains, domain, &prefix))
-    return 0;
+  rc = FindVirtualPrefix(fd.get(), domain, &prefix);
+  if (rc < 0)
+    tavix_log(LOG_ERR, "Unable to read file '%s': %s", virtualdomains.c_str(), strerror(errno));
+  if (rc <= 0)
+    return rc;
   const std::string key = prefix + "-" + mailname;
   // users/cdb answers in a few reads where users/assign would be searched
   // through (11 MB at 100,000 names), but only while every edit of
@@ -160,7 +143,6 @@ int MailboxHome(const std::string& mailname, const std::string& domain, std::str
   if (qmail_users_cdb_current() && CompiledHome(key, home) == 1)
     return 1;
   const std::string path = qmail::qmail_file("/users/assign");
-  UniqueFd fd;
   rc = Open(path, &fd);
   if (rc <= 0)
     return rc;

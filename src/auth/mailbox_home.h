@@ -11,17 +11,23 @@
 namespace tavix {
 namespace auth {
 
-// The prefix that the virtualdomains text maps `domain` to; false when no
-// line names it.
-bool FindVirtualPrefix(const std::string& virtualdomains, const std::string& domain,
-                       std::string* prefix);
+// The first line of the file open on `fd` that starts with `start`,
+// without its newline. The files asked (users/assign, control/
+// virtualdomains) hold a line per mail name or domain, megabytes on a large
+// server, and every login asks for one line of each: the file is searched
+// `block` bytes at a time, never read whole, and the search stops at the
+// line. 1 with `*line` set, 0 when no line starts so, -1 on a read error
+// (errno tells why).
+int FindLineStarting(int fd, const std::string& start, std::string* line, size_t block = 65536);
+
+// The prefix that the virtualdomains file open on `fd` maps `domain` to: 1
+// with `*prefix` set, 0 when no line names it, -1 on a read error.
+int FindVirtualPrefix(int fd, const std::string& domain, std::string* prefix,
+                      size_t block = 65536);
 
 // The home directory of the exact assign line for `key` ("prefix-local"),
-// from the users/assign open on `fd`. The file of a large server holds a
-// line per mail name and alias (megabytes), and every login asks for one of
-// them: it is searched `block` bytes at a time, never held whole, and only
-// that one line is parsed. 1 with `*home` set, 0 when there is no such line
-// or it breaks qmail's format, -1 on a read error (errno tells why).
+// from the users/assign open on `fd`: 1 with `*home` set, 0 when there is
+// no such line or it breaks qmail's format, -1 on a read error.
 int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block = 65536);
 
 // Both look-ups on the installed files. 1 with `*home` set, 0 when the

@@ -15,6 +15,16 @@ namespace {
 using tavix::auth::FindAssignHome;
 using tavix::auth::FindVirtualPrefix;
 
+// A descriptor open on a file holding `text`.
+tavix::UniqueFd FileOf(const std::string& text) {
+  tavix::test::TempDir tmp;
+  std::string path = tmp.path("file");
+  std::ofstream(path) << text;
+  tavix::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_TRUE(fd) << path;
+  return fd;  // the file goes with the directory, but stays open
+}
+
 TEST(FindVirtualPrefixTest, ExactDomainOnly) {
   const std::string text =
       "a.test:a.test\nalias.test:a.test\nsub.a.test:sub.a.test\nb.test:\n";
@@ -28,9 +38,9 @@ TEST(FindVirtualPrefixTest, ExactDomainOnly) {
   };
   for (const Case& c : cases) {
     std::string prefix;
-    bool found = FindVirtualPrefix(text, c.domain, &prefix);
-    EXPECT_EQ(c.prefix != nullptr, found) << c.domain;
-    if (found && c.prefix) {
+    int found = FindVirtualPrefix(FileOf(text).get(), c.domain, &prefix, 5);
+    EXPECT_EQ(c.prefix != nullptr ? 1 : 0, found) << c.domain;
+    if (found == 1 && c.prefix) {
       EXPECT_EQ(c.prefix, prefix);
     }
   }
@@ -39,12 +49,7 @@ TEST(FindVirtualPrefixTest, ExactDomainOnly) {
 // 1 and the home, 0, or -1 for `key` in a file holding `text`, read
 // `block` bytes at a time.
 int HomeIn(const std::string& text, const std::string& key, size_t block, std::string* home) {
-  tavix::test::TempDir tmp;
-  std::string path = tmp.path("assign");
-  std::ofstream(path) << text;
-  tavix::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  EXPECT_TRUE(fd) << path;
-  return FindAssignHome(fd.get(), key, home, block);
+  return FindAssignHome(FileOf(text).get(), key, home, block);
 }
 
 TEST(FindAssignHomeTest, ExactLineOfTheKey) {
