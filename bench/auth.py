@@ -8,7 +8,10 @@ The server is the one bench/run.py generates (N mail names over N/10
 domains, each with a mailbox and a password stored encrypted, checked
 against what the program itself writes); the mail names mailbox09 of the
 first hundred domains get a SHA-512-crypt hash instead, as
-ZON_CRYPTED_PASSWORD leaves it.  Inside one sandbox session, in a network
+ZON_CRYPTED_PASSWORD leaves it; then one run of the program (an alias in
+the first domain) compiles it with the sandbox's compiling qmail-newu
+stand-in, so that dravnik-auth finds homes in users/cdb as on a live
+server.  Inside one sandbox session, in a network
 namespace of its own that holds only a loopback interface, a driver
 (bench/auth_driver.py) then times, the first round of each part discarded:
 
