@@ -7,8 +7,9 @@ import tempfile
 
 import pytest
 
-from test_domain_commands import (add_domain, add_domain_alias, add_handler, add_mailbox,
-                                  auth_domains, auth_users, handlers, lines, ok, session)
+from test_domain_commands import (AUTH_DB, HANDLERS_DB, add_domain, add_domain_alias,
+                                  add_handler, add_mailbox, auth_domains, auth_users, break_db,
+                                  handlers, lines, ok, session)
 
 PLUGIN_DIR = "/usr/lib64/tavix-9.0/domain_rename"
 MAILNAMES = "/var/qmail/mailnames/"
@@ -110,6 +111,30 @@ def test_plugins_decide_whether_the_rename_completes(mail_sandbox, plugin, rc, m
     else:
         assert list(handlers(sb)) == [("spam", "john@old.example")]
         assert r.init_calls == [] and r.newu_calls == [], r
+
+
+# A database that cannot be used ends the rename with the earlier steps done
+# and qmail not restarted; no plug-in runs once the authentication database
+# failed, and the handlers stay where they were.
+@pytest.mark.parametrize("broken", [AUTH_DB, HANDLERS_DB], ids=["auth", "handlers"])
+def test_a_broken_database_stops_the_rename_before_the_restart(mail_sandbox, broken):
+    sb = mail_sandbox
+    hosted_domain(sb, "old.example")
+    install_plugin(sb, "report.so", REPORTING_PLUGIN, "-DRESULT=0")
+    break_db(sb, broken)
+
+    r = rename(sb, "old.example", "new.example")
+    assert r.rc == 1 and r.init_calls == [], r
+    assert sb.exists(MAILNAMES + "new.example/john")
+    assert lines(sb, "control/rcpthosts") == ["new.example", "alias.example"]
+    assert "=new.example-john:popuser:110:110:/var/qmail/mailnames/new.example/john:::" in \
+        lines(sb, "users/assign")
+    assert sb.exists("/var/qmail/plugin-ran") == (broken == HANDLERS_DB)
+    if broken == AUTH_DB:
+        assert list(handlers(sb)) == [("spam", "john@old.example")]
+    else:
+        assert "john@new.example" in auth_users(sb)
+        assert "Unable to move domain handlers from old.example to new.example" in r.err
 
 
 def test_rename_onto_an_existing_domain_changes_nothing(mail_sandbox):

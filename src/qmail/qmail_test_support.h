@@ -16,7 +16,6 @@
 #include <ostream>
 #include <string>
 
-#include "mailauth/auth_records.h"
 #include "util/test_support.h"
 
 namespace tavix {
@@ -62,11 +61,6 @@ inline Attributes attributes_of(const std::string& path) {
     return {0, 0, 0};
   }
   return {info.st_uid, info.st_gid, info.st_mode & 07777};
-}
-
-inline void set_attributes(const std::string& path, const Attributes& a) {
-  ASSERT_EQ(0, chown(path.c_str(), a.uid, a.gid)) << path;
-  ASSERT_EQ(0, chmod(path.c_str(), a.mode)) << path;
 }
 
 // Hides /run/lock/files while alive, as on a system whose run-time
@@ -130,18 +124,6 @@ ChildOutcome RunInChild(Body body) {
   if (pid < 0 || waitpid(pid, &outcome.status, 0) != pid)
     ADD_FAILURE() << "fork or waitpid";
   return outcome;
-}
-
-// Flags of the address's authentication record; -1 when there is none.
-inline int AuthFlags(const char* address) {
-  int flags = -1;
-  mailAuthCheck(address,
-                [](const char*, const char*, uint8_t f, void* data) {
-                  *static_cast<int*>(data) = f;
-                  return 1;
-                },
-                &flags);
-  return flags;
 }
 
 }  // namespace test
