@@ -5,11 +5,9 @@ commands alone is clean, and links planted by the mail user are reported,
 never followed."""
 
 import hashlib
-import itertools
 import json
 import os
 import shutil
-import subprocess
 from pathlib import Path
 
 import pytest
@@ -19,7 +17,7 @@ from sandbox import REPO, Sandbox
 from test_domain_commands import (AUTH_DB, DOMAIN, add_auth_user, add_domain, add_domain_alias,
                                   add_handler, add_mailbox, add_mailname, break_db, mail_state,
                                   ok, query, session)
-from test_docs import OPTION, complete, offered, section
+from test_docs import section
 from test_symlink_attacks import DECOY, decoy_listing, make_decoy, plant
 
 AUDIT = os.environ.get("DRAVNIK_AUDIT") or str(
@@ -229,31 +227,6 @@ def test_large_database_is_read_without_a_temporary_directory(mail_sandbox):
                               "FROM users u JOIN domains d ON u.dom_id = d.id "
                               "ORDER BY d.name, u.name"])
     assert r.rc != 0 and "disk I/O error" in r.err, r
-
-
-# {option: takes a value}, as the help, the manual and the completion name them.
-OPTIONS = {"--repair": False, "--json": False, "--sizes": False, "--drift-bytes": True,
-           "--lock-wait": True, "--metrics": True, "-h": False, "--help": False,
-           "--version": False}
-
-
-def test_help_manual_and_completion_name_exactly_the_options():
-    result = subprocess.run([AUDIT, "--help"], capture_output=True, text=True)
-    assert result.returncode == 0, result
-    usage = result.stdout.split("\n\n")[0]
-    assert set(OPTION.findall(usage)) == set(OPTIONS)
-    page = REPO / "doc" / "dravnik-audit.8"
-    tags = [line.strip() for line in section(page, "OPTIONS") if line.startswith("       -")]
-    names = {w.rstrip(",").split("=")[0] for tag in tags
-             for w in itertools.takewhile(lambda w: w.startswith("-"), tag.split())}
-    assert names == set(OPTIONS)
-    completion = REPO / "dist" / "bash-completion" / "dravnik-audit"
-    words = complete(completion, "_dravnik_audit", "dravnik-audit", "")
-    assert offered(words) == OPTIONS
-    # An option given is not offered again.
-    words = complete(completion, "_dravnik_audit", "dravnik-audit", "--lock-wait=3", "--")
-    assert offered(words) == {o: v for o, v in OPTIONS.items() if o.startswith("--")
-                              and o != "--lock-wait"}
 
 
 # -- metrics for the node exporter's textfile collector -----------------------

@@ -7,12 +7,14 @@ man renders it, as an operator sees it (and copies from it): the examples of
 dravnik.8 are run in a sandbox."""
 
 import functools
+import itertools
 import json
 import os
 import re
 import shlex
 import shutil
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -21,7 +23,6 @@ from test_cli_dispatch_help import COMMAND_ROWS, COMMANDS, expected_options
 from test_domain_commands import AUTH_DB, query
 
 DRAVNIK = Sandbox.default_dravnik()
-DRAVNIK_SETUP = os.environ.get("DRAVNIK_SETUP") or str(REPO / "build/src/setup/dravnik-setup")
 MANUAL = REPO / "doc" / "dravnik.8"
 COMPLETION = REPO / "dist" / "bash-completion" / "dravnik"
 
@@ -30,8 +31,24 @@ OPTION = re.compile(r"(?<![\w-])(--?[A-Za-z][\w-]*)")
 
 COMMAND_WORDS = [word for row in COMMAND_ROWS for word in row[0].split(", ")]
 OPERATING_WORDS = [c.word for c in COMMANDS]
-SETUP_OPTIONS = {"--check": False, "--force": False, "--create-accounts": False,
-                 "-h": False, "--help": False, "--version": False}
+
+# The package's other programs: {option: takes a value}, as their help,
+# manual and completion name them.
+STANDARD = {"-h": False, "--help": False, "--version": False}
+PROGRAMS = {
+    "dravnik-setup": {"--check": False, "--force": False, "--create-accounts": False,
+                      **STANDARD},
+    "dravnik-audit": {"--repair": False, "--json": False, "--sizes": False,
+                      "--drift-bytes": True, "--lock-wait": True, "--metrics": True, **STANDARD},
+    "dravnik-export": {"--domain": True, **STANDARD},
+}
+
+
+def program(name):
+    """The built program, or the one the environment names (DRAVNIK_SETUP, ...)."""
+    variable = name.upper().replace("-", "_")
+    return os.environ.get(variable) or str(
+        Path(DRAVNIK).parent.parent / name.split("-")[1] / name)
 
 
 def command_options(word):
@@ -43,15 +60,6 @@ def command_options(word):
         if short:
             options["-" + short] = takes_value
     return options
-
-
-def test_setup_help_names_exactly_the_setup_options():
-    result = subprocess.run([DRAVNIK_SETUP, "--help"], capture_output=True, text=True)
-    assert result.returncode == 0, result
-    assert set(OPTION.findall(result.stdout.splitlines()[0])) == set(SETUP_OPTIONS)
-    listing = re.findall(r"^  ((?:-\w \[ )?--[\w-]+)(?: \])?( arg)?", result.stdout, re.M)
-    assert set(OPTION.findall(" ".join(n for n, _ in listing))) == set(SETUP_OPTIONS)
-    assert not [n for n, arg in listing if arg]
 
 
 # -- the manual pages -------------------------------------------------------
@@ -162,3 +170,30 @@ def test_completion_offers_each_commands_options(word):
     words = complete(COMPLETION, "_dravnik", "dravnik", word, "")
     assert len(words) == len(set(words))
     assert offered(words) == command_options(word)
+
+
+# An option given is not offered again, unless it may come again, nor one
+# that cannot go with it.
+@pytest.mark.parametrize("name, given, left", [
+    ("dravnik-setup", ("--check", "--"), {"--help", "--version"}),
+    ("dravnik-audit", ("--lock-wait=3", "--"), {"--repair", "--json", "--sizes", "--drift-bytes",
+                                                "--metrics", "--help", "--version"}),
+    ("dravnik-export", ("--domain=a.test", "--help", "-"), {"--domain", "-h", "--version"}),
+])
+def test_help_manual_and_completion_name_exactly_the_options(name, given, left):
+    options = PROGRAMS[name]
+    result = subprocess.run([program(name), "--help"], capture_output=True, text=True)
+    assert result.returncode == 0, result
+    usage, listing = result.stdout.split("\n\n")[0], result.stdout.split("Options:\n")[1]
+    assert set(OPTION.findall(usage)) == set(options)
+    entries = re.findall(r"^  (?:-\w \[ )?(--[\w-]+)(?: \])?( arg)?", listing, re.M)
+    assert {n: bool(arg) for n, arg in entries} == {o: v for o, v in options.items()
+                                                    if o.startswith("--")}
+    tags = [line.strip() for line in section(REPO / "doc" / (name + ".8"), "OPTIONS")
+            if line.startswith("       -")]
+    assert {w.rstrip(",").split("=")[0] for tag in tags
+            for w in itertools.takewhile(lambda w: w.startswith("-"), tag.split())} == set(options)
+    completion = REPO / "dist" / "bash-completion" / name
+    function = "_" + name.replace("-", "_")
+    assert offered(complete(completion, function, name, "-")) == options
+    assert offered(complete(completion, function, name, *given)) == {o: options[o] for o in left}

@@ -4,21 +4,17 @@ gives the same export and the same mail setup; --domain carries exactly the
 domains named; the export file is never given away; and what no command can
 carry is named while the rest is still written."""
 
-import itertools
 import json
 import os
-import subprocess
 from pathlib import Path
 
 import pytest
 
-import sandbox as sandbox_module
 from conftest import sandbox_copy
-from sandbox import REPO, Sandbox
-from test_audit import AUDIT, audit, kinds
-from test_batch import AUTH_KEY, BATCH, CRYPT_HASH, run_batch
+from sandbox import Sandbox
+from test_audit import audit
+from test_batch import AUTH_KEY, CRYPT_HASH, run_batch
 from test_cipher import python_decrypt
-from test_docs import OPTION, complete, offered, section
 from test_domain_commands import AUTH_DB, add_handler, query
 from test_logins import run_auth
 
@@ -346,24 +342,3 @@ def test_unreadable_database_exports_nothing(first):
     first.write(AUTH_DB, "not a database\n", mode=0o640)
     r = export(first, expect=2)
     assert "cannot read " + AUTH_DB in r.err and not first.exists(OUT), r
-
-
-OPTIONS = {"--domain": True, "-h": False, "--help": False, "--version": False}
-
-
-def test_help_manual_and_completion_name_exactly_the_options():
-    result = subprocess.run([EXPORT, "--help"], capture_output=True, text=True)
-    assert result.returncode == 0, result
-    usage = result.stdout.split("\n\n")[0]
-    assert set(OPTION.findall(usage)) == set(OPTIONS)
-    page = REPO / "doc" / "dravnik-export.8"
-    tags = [line.strip() for line in section(page, "OPTIONS") if line.startswith("       -")]
-    names = {w.rstrip(",").split("=")[0] for tag in tags
-             for w in itertools.takewhile(lambda w: w.startswith("-"), tag.split())}
-    assert names == set(OPTIONS)
-    completion = REPO / "dist" / "bash-completion" / "dravnik-export"
-    assert offered(complete(completion, "_dravnik_export", "dravnik-export", "-")) == OPTIONS
-    # --domain may come again, --help not.
-    assert offered(complete(completion, "_dravnik_export", "dravnik-export", "--domain=a.test",
-                            "--help", "-")) == {"--domain": True, "-h": False,
-                                              "--version": False}
