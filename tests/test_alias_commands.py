@@ -2,11 +2,9 @@
 
 import pytest
 
-from sandbox import changed_files
-from test_domain_commands import (AUTH_DB, NOT_SPECIFIED, add_auth_user, add_domain,
-                                  add_domain_alias, add_handler, add_mailname, auth_domains,
-                                  auth_users, break_db, handlers, lines, mail_state, ok,
-                                  qmail_effects)
+from test_domain_commands import (AUTH_DB, add_auth_user, add_domain, add_domain_alias,
+                                  add_handler, add_mailname, auth_domains, auth_users, break_db,
+                                  handlers, lines, ok, qmail_effects)
 
 JD_LINE = "=example.com-jd:popuser:110:110:/var/qmail/mailnames/example.com/john:::"
 ALIAS_SESSION = ("--domain-aliases=a1.example,a2.example", "--mail-addresses=john")
@@ -103,36 +101,3 @@ def test_rename_domain_alias(domain):
     moved = handlers(sb)
     assert ("spam", "john@b.example") in moved and ("wide", "b.example") in moved
     assert ("wide", "a.example") not in moved
-
-
-# Whatever happened to the databases, the qmail files were changed and
-# qmail has to hear about it.
-@pytest.mark.parametrize("command, args", [
-    ("--del-domain-alias", ("--domain-alias-name=a.example",)),
-    ("--rename-domain-alias", ("--old-domain-alias-name=a.example",
-                               "--new-domain-alias-name=b.example", "--set-bounce")),
-])
-def test_domain_alias_auth_failure_still_refreshes_qmail(domain, command, args):
-    sb = domain
-    add_domain_alias(sb, "a.example")
-    break_db(sb, AUTH_DB)
-    r = sb.run(command, "--domain-name=example.com", *args, "--mail-addresses=john")
-    assert r.rc == 1, r
-    assert "Unable to remove domain aliases" in r.err
-    assert qmail_effects(r) == (1, 1)
-    assert "a.example:example.com" not in lines(sb, "control/virtualdomains")
-
-
-@pytest.mark.parametrize("args", [
-    ("--add-domain-alias", "--domain-alias-name=a.example"),
-    ("--rename-domain-alias", "--old-domain-alias-name=a.example",
-     "--new-domain-alias-name=b.example"),
-], ids=["add", "rename"])
-def test_domain_alias_without_action_is_refused_before_any_change(domain, args):
-    sb = domain
-    before = mail_state(sb)
-    r = sb.run(args[0], "--domain-name=example.com", *args[1:], "--mail-addresses=john")
-    assert r.rc == 1, r
-    assert NOT_SPECIFIED in r.err
-    assert qmail_effects(r) == (0, 0)
-    assert changed_files(before, mail_state(sb)) == []

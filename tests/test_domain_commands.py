@@ -261,17 +261,23 @@ def test_turn_on_action_decides_whether_aliases_are_rejected(mail_sandbox, actio
 # ---------------------------------------------------------------------------
 # Failures
 
-@pytest.mark.parametrize("action, message", [
-    ((), NOT_SPECIFIED),
-    (("--phrase=gone", "--email=all@example.org"), NOT_SPECIFIED),
-    (("--set-catchall", "--email", ""), 'mandatory option "--email" is not specified'),
-], ids=["none", "values-without-switch", "empty-email"])
-def test_turn_on_without_usable_action_changes_nothing(mail_sandbox, action, message):
+# Without a usable action for names that do not exist, nothing is changed.
+@pytest.mark.parametrize("args, message", [
+    (("--turn-on-domain",), NOT_SPECIFIED),
+    (("--turn-on-domain", "--phrase=gone", "--email=all@example.org"), NOT_SPECIFIED),
+    (("--turn-on-domain", "--set-catchall", "--email", ""),
+     'mandatory option "--email" is not specified'),
+    (("--add-domain-alias", "--domain-alias-name=b.example"), NOT_SPECIFIED),
+    (("--rename-domain-alias", "--old-domain-alias-name=a.example",
+      "--new-domain-alias-name=b.example"), NOT_SPECIFIED),
+], ids=["none", "values-without-switch", "empty-email", "add-alias", "rename-alias"])
+def test_without_usable_action_nothing_changes(mail_sandbox, args, message):
     sb = mail_sandbox
     add_domain(sb)
+    add_domain_alias(sb, "a.example", mails="")
     before = mail_state(sb)
-    r = sb.run("--turn-on-domain", "--domain-name=example.com", "--domain-aliases=a.example",
-               "--mail-addresses", "", *action)
+    r = sb.run(args[0], "--domain-name=example.com", *args[1:], "--domain-aliases=a.example",
+               "--mail-addresses", "")
     assert r.rc == 1, r
     assert message in r.out and message in r.err
     assert (NO_ACTION_LOG in r.err) == (message == NOT_SPECIFIED)
@@ -281,19 +287,26 @@ def test_turn_on_without_usable_action_changes_nothing(mail_sandbox, action, mes
 
 # The databases are changed after qmail's files: a database that cannot be
 # used fails the command, but qmail has already been told about the change.
-@pytest.mark.parametrize("command, message", [
-    ("--turn-off-domain", "Unable to disable auth records for domain example.com"),
-    ("--remove-domain", "Unable to remove auth record for domain example.com"),
-])
-def test_auth_failure_after_qmail_changes(mail_sandbox, command, message):
+@pytest.mark.parametrize("args, message, gone", [
+    (("--turn-off-domain",), "Unable to disable auth records for domain example.com",
+     "example.com"),
+    (("--remove-domain",), "Unable to remove auth record for domain example.com", "example.com"),
+    (("--del-domain-alias", "--domain-alias-name=a.example"), "Unable to remove domain aliases",
+     "a.example"),
+    (("--rename-domain-alias", "--old-domain-alias-name=a.example",
+      "--new-domain-alias-name=b.example", "--set-bounce"), "Unable to remove domain aliases",
+     "a.example"),
+], ids=["turn-off", "remove-domain", "del-alias", "rename-alias"])
+def test_auth_failure_after_qmail_changes(mail_sandbox, args, message, gone):
     sb = mail_sandbox
     add_domain(sb)
+    add_domain_alias(sb, "a.example", mails="")
     break_db(sb, AUTH_DB)
-    r = sb.run(command, "--domain-name=example.com", "--mail-addresses", "")
+    r = sb.run(args[0], "--domain-name=example.com", *args[1:], "--mail-addresses", "")
     assert r.rc == 1, r
     assert message in r.err
     assert qmail_effects(r) == (1, 1)
-    assert "example.com" not in lines(sb, "control/rcpthosts")
+    assert gone + ":example.com" not in lines(sb, "control/virtualdomains")
 
 
 def test_turn_on_enables_auth_records_even_when_handlers_fail(mail_sandbox):
