@@ -11,7 +11,6 @@ and prints one JSON list of {"imap": ..., "pop3": ...}, each either
 """
 import imaplib
 import json
-import os
 import poplib
 import socket
 import subprocess

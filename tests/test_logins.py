@@ -6,8 +6,6 @@ holds only a loopback interface; the IMAP and POP3 clients (Python's imaplib
 and poplib, tests/login_driver.py) run beside it in the same sandbox run."""
 
 import json
-import os
-import sqlite3
 import subprocess
 
 import pytest
