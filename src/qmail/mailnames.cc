@@ -350,6 +350,10 @@ bool renamed_dotqmail_text(const std::string& path, const std::string& old_addre
 void rename_in_dotqmail(const char* old_name, const char* domain, const char* new_name,
                         const MailUser& user) {
   const std::string path = mailname_dir(domain, new_name) + "/.qmail";
+  // The file is read from disk: one whose reset is only noted is written
+  // first.
+  if (dotqmail_write_held() != 0)
+    return;
   tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
   if (!lock.locked()) {
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
