@@ -15,6 +15,7 @@
 #include <string>
 
 #include "qmail/qmail_test_support.h"
+#include "util/fs.h"
 
 namespace {
 
@@ -249,6 +250,27 @@ TEST(WriteMaildirsizeTest, HeldWritesLandOnceWithTheLastLimits) {
   // No longer held: written at once.
   ASSERT_EQ(1, write_maildirpp_maildirsize(read.path.c_str(), 0, 0, 400, 0));
   EXPECT_EQ(400, read_usage(read.path, 1).size_limit);
+}
+
+// A held Maildir is found again by its name alone, but a link that the mail
+// user planted at the name is not taken for the held Maildir it points to.
+TEST(WriteMaildirsizeTest, HeldMaildirFoundByItsNameButNotThroughALink) {
+  const ScratchMaildir own, other;
+  // The mail user's directory: a link in it is never followed.
+  ASSERT_EQ(0, chown(own.dir.path().c_str(), 110, 110));
+  tavix::UniqueFd saved(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(0, chdir(own.dir.path().c_str()));
+  maildirsize_hold();
+  EXPECT_EQ(1, store_maildirpp_quota_raw(other.path.c_str(), 500));
+  EXPECT_EQ(1, store_maildirpp_quota_raw("./Maildir", 100));
+  EXPECT_EQ(1, store_maildirpp_quota_raw("Maildir", 200));
+  fs::rename(own.path, own.dir.path("Kept"));
+  fs::create_directory_symlink(other.path, own.path);
+  EXPECT_EQ(0, store_maildirpp_quota_raw("./Maildir", 300));
+  EXPECT_EQ(0, maildirsize_write_held());
+  ASSERT_EQ(0, fchdir(saved.get()));
+  EXPECT_EQ("200S,0C\n           0           0\n", read_file(own.dir.path("Kept/maildirsize")));
+  EXPECT_EQ("500S,0C\n           0           0\n", read_file(other.size_file()));
 }
 
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {
