@@ -1,7 +1,10 @@
 #include "batch/checkpoint.h"
 
+#include <unistd.h>
+
 #include <vector>
 
+#include "mailauth/auth_db.h"
 #include "mailauth/sqlite_db.h"
 #include "qmail/delivery.h"
 #include "qmail/line_file.h"
@@ -40,6 +43,9 @@ void Checkpoint::open() {
   dotqmail_hold();
   qmail_defer(true);
   sqlite::begin_transactions();
+  // Without a key to read, each command that needs one says so itself.
+  if (access(mailAuthKey, R_OK) == 0)
+    cipher_ = std::make_unique<MailCipherReference>(mailAuthKey);
   open_ = true;
 }
 
@@ -50,6 +56,7 @@ Checkpoint::Result Checkpoint::close() {
   if (!open_)
     return result;
   open_ = false;
+  cipher_.reset();
   // The mailboxes' own files first: the compile below opens the new
   // mailboxes to mail, which must find their limits and delivery lines.
   result.quotas_failed = maildirsize_write_held() != 0;

@@ -23,8 +23,10 @@
 #ifndef DRAVNIK_BATCH_CHECKPOINT_H_
 #define DRAVNIK_BATCH_CHECKPOINT_H_
 
+#include <memory>
 #include <string>
 
+#include "mailauth/cipher.h"
 #include "qmail/qmail_control.h"
 
 namespace tavix {
@@ -66,6 +68,10 @@ class Checkpoint {
 
  private:
   bool open_ = false;
+  // The mail password cipher, set up once for the checkpoint instead of
+  // once per password: a new key comes with the databases' passwords
+  // encrypted anew, which waits for the checkpoint's write locks anyway.
+  std::unique_ptr<MailCipherReference> cipher_;
 };
 
 }  // namespace batch
