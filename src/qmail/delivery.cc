@@ -319,18 +319,25 @@ bool write_noted(const std::string& path, const HeldDotqmail& held) {
   }
   // A file not placed leaves the old one: the checkpoint whose write
   // failed is undone, and the old file goes with what it restores.
-  return write_locked(path.c_str(), held.tidy, [&] {
-           switch (write_dotqmail(path.c_str(), home.get(), held.text)) {
-             case Written::kDone:
-               return 0;
-             case Written::kNotPlaced:
-               tavix_log(kLogError, "Unable to write to '%s': %s", path.c_str(),
-                         strerror(errno));
-               return -1;
-             default:
-               return -1;
-           }
-         }) == 0;
+  auto write = [&] {
+    switch (write_dotqmail(path.c_str(), home.get(), held.text)) {
+      case Written::kDone:
+        return 0;
+      case Written::kNotPlaced:
+        tavix_log(kLogError, "Unable to write to '%s': %s", path.c_str(), strerror(errno));
+        return -1;
+      default:
+        return -1;
+    }
+  };
+  // In a directory this run made, no killed run left a temporary, and
+  // there was no file for an edit of another run to read and rewrite while
+  // this one is renamed into place (the only other writer, a reset, comes
+  // with an edit of users/assign, which the hold keeps locked): the lock
+  // would keep nothing apart. A new mailbox thus costs no lock file.
+  if (!held.tidy)
+    return write() == 0;
+  return write_locked(path.c_str(), true, write) == 0;
 }
 
 }  // namespace

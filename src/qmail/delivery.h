@@ -57,8 +57,10 @@ int dotqmail_reset_new(const char* path);
 // dotqmail_hold() on, a reset only notes the fresh contents, and the
 // delivery line edits of a noted file change the note instead of the file;
 // dotqmail_write_held() writes each noted file once, as a reset writes it
-// (under the file's lock, popuser, mode 0600, renamed into place), skipping
-// one whose directory is gone since, and forgets the notes. Edits of files
+// (popuser, mode 0600, renamed into place; under the file's lock unless
+// its directory was made by this run), skipping one whose directory is gone
+// since, and forgets the notes. For a run that holds users/assign as well
+// (qmail/line_file.h) until the write. Edits of files
 // that no reset noted go to disk as always. Until the write, the file on
 // disk is the one of before its reset (none for a new mail name): a run
 // killed meanwhile leaves it whole. 0, or 1 after reporting a file that

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -597,13 +598,15 @@ struct QuotaFile {
 
 // Writes the maildirsize of the Maildir that is the current directory,
 // open as `dir`; `maildir` names it in messages.
-bool write_here(int dir, const char* maildir, const QuotaFile& quota, const Writer& writer) {
+bool write_here(int dir, const char* maildir, const QuotaFile& quota, const Writer& writer,
+                bool tidy = true) {
   tavix::ScopedLock lock(lock_maildirsize());
   if (!lock.locked()) {
     say("unable to lock %s/maildirsize: %s", maildir, strerror(errno));
     return false;
   }
-  remove_stale_maildirsize_temps(maildir, writer.host);
+  if (tidy)
+    remove_stale_maildirsize_temps(maildir, writer.host);
   tavix::AtomicFile temp;
   if (!create_maildirsize(dir, writer, &temp))
     return false;
@@ -663,9 +666,13 @@ struct HeldQuota {
 // Few enough to stay far from the descriptor limit.
 const size_t kMaxHeldQuotas = 256;
 
+using DirId = std::pair<dev_t, ino_t>;
+
 struct QuotaHolding {
   bool active = false;
-  std::map<std::pair<dev_t, ino_t>, HeldQuota> files;
+  std::map<DirId, HeldQuota> files;
+  // Maildirs made by this run (maildirsize_note_new()), until written.
+  std::set<DirId> made;
 };
 
 QuotaHolding& quota_holding() {
@@ -696,7 +703,8 @@ bool write_held_quotas() {
     }
     if (info.st_nlink == 0)
       continue;  // removed since: nothing left to write
-    ok = write_here(held.dir.get(), held.name.c_str(), held.quota, writer) && ok;
+    bool const made = state.made.erase(entry.first) != 0;
+    ok = write_here(held.dir.get(), held.name.c_str(), held.quota, writer, !made) && ok;
   }
   state.files.clear();
   if (fchdir(saved.get()) != 0) {
@@ -771,6 +779,13 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 
 void maildirsize_hold() { quota_holding().active = true; }
 
+void maildirsize_note_new(int maildir) {
+  QuotaHolding& state = quota_holding();
+  struct stat info;
+  if (state.active && fstat(maildir, &info) == 0)
+    state.made.insert(std::make_pair(info.st_dev, info.st_ino));
+}
+
 bool maildirsize_holds_descriptor(int fd) {
   for (const auto& entry : quota_holding().files) {
     if (entry.second.dir.get() == fd)
@@ -782,6 +797,7 @@ bool maildirsize_holds_descriptor(int fd) {
 int maildirsize_write_held() {
   QuotaHolding& state = quota_holding();
   bool ok = write_held_quotas();
+  state.made.clear();
   state.active = false;
   return ok ? 0 : 1;
 }

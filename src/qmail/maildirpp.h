@@ -47,6 +47,10 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 // failed write.
 void maildirsize_hold();
 int maildirsize_write_held();
+// Tells a hold that the Maildir open as `maildir` was just made by this
+// run: its held write does not look in tmp/ for the temporaries of killed
+// runs. Does nothing unless a hold is active.
+void maildirsize_note_new(int maildir);
 // Whether `fd` is the directory of a noted Maildir, kept open on purpose
 // until its write.
 bool maildirsize_holds_descriptor(int fd);

@@ -252,6 +252,25 @@ TEST(WriteMaildirsizeTest, HeldWritesLandOnceWithTheLastLimits) {
   EXPECT_EQ(400, read_usage(read.path, 1).size_limit);
 }
 
+// A Maildir noted as just made is not searched for the temporaries of
+// killed runs; every other held one still is.
+TEST(WriteMaildirsizeTest, HeldWriteTidiesAllButTheMaildirsJustMade) {
+  char host[HOST_NAME_MAX + 1] = {};
+  ASSERT_EQ(0, gethostname(host, HOST_NAME_MAX));
+  const std::string stale = "/tmp/123.45." + std::string(host) + "-maildirsize";
+  const ScratchMaildir made, old;
+  for (const ScratchMaildir* m : {&made, &old}) write_file(m->path + stale, "");
+  maildirsize_hold();
+  tavix::UniqueFd dir(open(made.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  maildirsize_note_new(dir.get());
+  for (const ScratchMaildir* m : {&made, &old})
+    ASSERT_EQ(1, write_maildirpp_maildirsize(m->path.c_str(), 0, 0, 100, 0));
+  EXPECT_EQ(0, maildirsize_write_held());
+  EXPECT_TRUE(exists(made.path + stale));
+  EXPECT_FALSE(exists(old.path + stale));
+  EXPECT_EQ("100S,0C\n           0           0\n", read_file(made.size_file()));
+}
+
 // A held Maildir is found again by its name alone, but a link that the mail
 // user planted at the name is not taken for the held Maildir it points to.
 TEST(WriteMaildirsizeTest, HeldMaildirFoundByItsNameButNotThroughALink) {

@@ -201,8 +201,13 @@ void make_mailbox_dirs(const char* mailname, const char* domain, const std::stri
     for (const char* other : kMailboxDirs)
       has_children |= strncmp(other, sub, strlen(sub)) == 0 && other[strlen(sub)] == '/';
     tavix::UniqueFd opened;
+    bool made = false;
     make_popuser_dir(mailname, domain, home, sub, parent, name.c_str(), user,
-                     has_children ? &opened : nullptr);
+                     has_children ? &opened : nullptr, &made);
+    // A Maildir made here has a tmp/ that no killed run can have left a
+    // temporary maildirsize in.
+    if (made && strcmp(sub, "Maildir") == 0)
+      maildirsize_note_new(opened.get());
     if (has_children)
       parents.emplace_back(sub, std::move(opened));
   }
