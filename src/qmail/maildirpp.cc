@@ -578,9 +578,13 @@ int store_mbox_quota(const char* domain, const char* mailname, int64_t quota) {
     say("unable to change to mbox folder %s: %s", mailbox.c_str(), strerror(errno));
     return 0;
   }
-  if (quota >= 0 && !subtract_attachments(home.get(), &quota))
+  return store_mbox_quota_in(home.get(), quota);
+}
+
+int store_mbox_quota_in(int home, int64_t quota) {
+  if (quota >= 0 && !subtract_attachments(home, &quota))
     return 0;
-  return store_quota_at(home.get(), "./Maildir", quota);
+  return store_quota_at(home, "./Maildir", quota);
 }
 
 int store_maildirpp_quota_raw(const char* maildir, int64_t quota) {

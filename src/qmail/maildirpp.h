@@ -23,6 +23,9 @@
 // directory already holds, so that attachments kept beside the Maildir count
 // against the same limit. Non-zero on success, 0 after reporting a failure.
 int store_mbox_quota(const char* domain, const char* mailname, int64_t quota);
+// The same for the mailbox directory open as `home` (opened without
+// following links), which a caller that has just made it has at hand.
+int store_mbox_quota_in(int home, int64_t quota);
 
 // Writes `maildir`/maildirsize for a quota of `quota` bytes: a positive
 // quota is the limit, 0 blocks every delivery (written as the limit 1, since

@@ -433,7 +433,8 @@ int add_mailname(const char* mailname, const char* domain) {
       (made ? dotqmail_reset_new(dotqmail) : dotqmail_reset(dotqmail)) != 0)
     return -1;
   make_mailbox_dirs(mailname, ascii, home, home_fd.get(), user);
-  if (rm_mbox_quota(ascii, mailname) == 0)
+  // Through the directory just made rather than its path again.
+  if (rm_mbox_quota_in(ascii, home_fd.get()) == 0)
     undo_add(mailname, ascii, "Unable to initialize quota settings for %s@%s", mailname, ascii);
   if (chdir(saved_cwd) != 0)
     undo_add(mailname, ascii, "Unable to chdir %s: %s", saved_cwd, strerror(errno));
