@@ -120,8 +120,9 @@ int format_mail_path(char* buffer, size_t size, const char* mailname,
 enum class Written { kDone, kNotMade, kNotPlaced };
 
 // Writes `text` as the .qmail `path`, owned by popuser with mode 0600; the
-// caller holds its lock. `home`, when not -1, is the file's directory,
-// already open. Reports a file not made; errno tells why one was not placed.
+// caller holds its lock where one is needed (see write_noted()). `home`,
+// when not -1, is the file's directory, already open. Reports a file not
+// made; errno tells why one was not placed.
 Written write_dotqmail(const char* path, int home, const std::string& text) {
   // Written beside the old one and renamed over it, so that the mail user
   // cannot have it written through a link planted at the name.
@@ -262,7 +263,9 @@ int write_locked(const char* path, bool tidy, const std::function<int()>& write)
 
 struct HeldDotqmail {
   std::string text;   // whole lines, as the edits on disk would leave them
-  bool tidy = false;  // as the reset that noted it would have tidied
+  // Its directory was not made by this run: the write looks for the
+  // temporaries of killed resets, under the lock.
+  bool tidy = false;
 };
 
 struct DotqmailHolding {

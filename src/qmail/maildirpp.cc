@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <set>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
