@@ -51,6 +51,8 @@ TABLE = [
     ("once", ["--add-alias", "--mailname=m8", "--alias=bad name"], None),
     ("once", ["--remove-mailname", "--mailname=nobody"], None),
     ("once", ["--add-mailbox"], "x"),
+    # The help of a command run before prints its whole option list again.
+    ("once", ["--set-mailbox-disk-quota", "--help"], None),
     ("once", ["--del-domain-alias", "--domain-alias-name=alias-{d}"], None),
 ]
 MAILS = 21

@@ -1,8 +1,12 @@
 #include "batch/checkpoint.h"
 
+#include <unistd.h>
+
 #include <vector>
 
+#include "mailauth/auth_db.h"
 #include "mailauth/sqlite_db.h"
+#include "qmail/delivery.h"
 #include "qmail/line_file.h"
 #include "qmail/maildirpp.h"
 #include "qmail/paths.h"
@@ -13,7 +17,8 @@ namespace batch {
 namespace {
 
 // The files every server-wide change rewrites as a whole: worth holding.
-// A mail name's own .qmail files are small and edited on disk.
+// A mail name's own .qmail is held apart (qmail/delivery.h), without a
+// lock or a descriptor per file.
 const char* const kSharedFiles[] = {
     "/users/assign",           "/control/rcpthosts", "/control/virtualdomains",
     "/control/locals",         "/control/rejectnonexist",
@@ -35,8 +40,12 @@ void Checkpoint::open() {
   list.push_back(nullptr);
   line_files_hold(list.data());
   maildirsize_hold();
+  dotqmail_hold();
   qmail_defer(true);
   sqlite::begin_transactions();
+  // Without a key to read, each command that needs one says so itself.
+  if (access(mailAuthKey, R_OK) == 0)
+    cipher_ = std::make_unique<MailCipherReference>(mailAuthKey);
   open_ = true;
 }
 
@@ -47,16 +56,21 @@ Checkpoint::Result Checkpoint::close() {
   if (!open_)
     return result;
   open_ = false;
-  // The quota files first: the compile below opens the new mailboxes to mail.
+  cipher_.reset();
+  // The mailboxes' own files first: the compile below opens the new
+  // mailboxes to mail, which must find their limits and delivery lines.
   result.quotas_failed = maildirsize_write_held() != 0;
-  if (result.quotas_failed)
+  if (!result.quotas_failed)
+    result.dotqmails_failed = dotqmail_write_held() != 0;
+  dotqmail_end_hold();
+  if (result.quotas_failed || result.dotqmails_failed)
     line_files_drop_held();
   else
     result.files_failed = line_files_write_held() != 0;
   qmail_defer(false);
   // Also after a failed write: other files may have been written.
   result.failed = qmail_run_deferred();
-  if (result.quotas_failed || result.files_failed) {
+  if (result.quotas_failed || result.dotqmails_failed || result.files_failed) {
     result.databases_undone = true;
     result.databases_failed = sqlite::rollback_transactions() != 0;
   } else {
@@ -71,6 +85,8 @@ std::string Checkpoint::Result::message() const {
     text += "dravnik-batch: the qmail files of this checkpoint could not be written\n";
   if (quotas_failed)
     text += "dravnik-batch: the quota files of this checkpoint's mailboxes could not all be written\n";
+  if (dotqmails_failed)
+    text += "dravnik-batch: the .qmail files of this checkpoint's mail names could not all be written\n";
   if (databases_undone)
     text += "dravnik-batch: the database changes of this checkpoint were undone\n";
   else if (databases_failed)

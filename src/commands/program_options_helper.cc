@@ -51,23 +51,45 @@ std::string lowerCased(std::string word) {
 
 }  // namespace
 
+// The value semantics kept in them hold no state of a command's run: they
+// only convert the words given.
+std::map<std::string, std::shared_ptr<ProgramOptionsHelper::Declared>>&
+ProgramOptionsHelper::declared_commands() {
+  static std::map<std::string, std::shared_ptr<Declared>> commands;
+  return commands;
+}
+
+ProgramOptionsHelper::Declared::Declared(std::string const& caption)
+    : description(caption, po::options_description::m_default_line_length,
+                  po::options_description::m_default_line_length / 2) {}
+
 ProgramOptionsHelper::ProgramOptionsHelper(std::string const& purpose,
                                            std::string const& usageLine)
-    : description_("Allowed options to " + purpose,
-                   po::options_description::m_default_line_length,
-                   po::options_description::m_default_line_length / 2),
-      purpose_(purpose),
-      usageLine_(usageLine) {}
+    : purpose_(purpose), usageLine_(usageLine) {
+  auto found = declared_commands().find(purpose + '\n' + usageLine);
+  if (found != declared_commands().end()) {
+    declared_options_ = found->second;
+    declared_ = true;
+    scratch_ = std::make_unique<po::options_description>();
+  } else {
+    declared_options_ = std::make_shared<Declared>("Allowed options to " + purpose);
+  }
+}
 
 ProgramOptionsHelper::OptionAppender& ProgramOptionsHelper::OptionAppender::operator()(
     char const* name, po::value_semantic const* semantic, char const* description,
     bool mandatory) {
+  if (helper_->declared_) {
+    delete semantic;  // the options description would have owned it
+    return *this;
+  }
+  Declared& declared = helper_->declared_options();
   if (mandatory) {
-    helper_->mandatory_.push_front(name);
-    helper_->description_.add_options()(name, semantic,
-                                        (std::string(description) + " (mandatory)").c_str());
+    declared.mandatory.push_front(name);
+    declared.description.add_options()(name, semantic,
+                                       (std::string(description) + " (mandatory)").c_str());
   } else {
-    helper_->description_.add_options()(name, semantic, description);
+    declared.description.add_options()(name, semantic, description);
   }
   return *this;
 }
@@ -81,16 +103,22 @@ ProgramOptionsHelper::OptionAppender& ProgramOptionsHelper::OptionAppender::oper
 }
 
 void ProgramOptionsHelper::parse(int argc, char** argv) {
-  description_.add_options()("help,h", "displays this help message");
+  Declared& declared = declared_options();
+  if (!declared_) {
+    declared.description.add_options()("help,h", "displays this help message");
+    declared_commands()[purpose_ + '\n' + usageLine_] = declared_options_;
+    declared_ = true;
+    scratch_ = std::make_unique<po::options_description>();
+  }
 
   std::vector<std::string> args(argv + 1, argv + argc);
-  po::store(po::command_line_parser(args).options(description_).style(kParseStyle).run(),
+  po::store(po::command_line_parser(args).options(declared.description).style(kParseStyle).run(),
             variables_);
   po::notify(variables_);
 
   if (variables_.count("help"))
     usage(0, std::cout);
-  for (std::string const& name : mandatory_) {
+  for (std::string const& name : declared.mandatory) {
     if (!variables_.count(name))
       throw MissingMandatoryOption(name);
   }
@@ -99,7 +127,7 @@ void ProgramOptionsHelper::parse(int argc, char** argv) {
 void ProgramOptionsHelper::usage(int status, std::ostream& os) {
   os << purpose_ << "\n"
      << "Usage: " << usageLine_ << "\n"
-     << description_ << "\n"
+     << declared_options().description << "\n"
      << std::flush;
   tavix_exit(status);
 }

@@ -10,6 +10,8 @@
 #define DRAVNIK_COMMANDS_PROGRAM_OPTIONS_HELPER_H_
 
 #include <forward_list>
+#include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -47,7 +49,12 @@ class ProgramOptionsHelper {
   ProgramOptionsHelper(std::string const& purpose, std::string const& usageLine);
 
   OptionAppender addOptions() { return OptionAppender(this); }
-  boost::program_options::options_description& description() { return description_; }
+  // Where options are declared. Once a helper of the same purpose and usage
+  // has parsed, in this process, the options are known: what is declared
+  // here again is set aside unused.
+  boost::program_options::options_description& description() {
+    return declared_ ? *scratch_ : declared_options().description;
+  }
   boost::program_options::variables_map const& variables() const { return variables_; }
 
   // Parses argv[1..argc-1] (argv[0] is the command word). Ends the process
@@ -60,11 +67,26 @@ class ProgramOptionsHelper {
   [[noreturn]] void usage(int status, std::ostream& os);
 
  private:
-  boost::program_options::options_description description_;
+  // A command's options, declared once per process: a batch runs the same
+  // command thousands of times, and building the options cost about as
+  // much as parsing them.
+  struct Declared {
+    explicit Declared(std::string const& caption);
+    boost::program_options::options_description description;
+    // Newest first, so that with several missing the last declared is
+    // reported.
+    std::forward_list<std::string> mandatory;
+  };
+  Declared& declared_options() { return *declared_options_; }
+  // Those of the commands that have parsed so far, by purpose and usage
+  // line.
+  static std::map<std::string, std::shared_ptr<Declared>>& declared_commands();
+
+  std::shared_ptr<Declared> declared_options_;
+  bool declared_ = false;  // by an earlier helper of the same command
+  std::unique_ptr<boost::program_options::options_description> scratch_;
   boost::program_options::variables_map variables_;
   std::string purpose_;
-  // Newest first, so that with several missing the last declared is reported.
-  std::forward_list<std::string> mandatory_;
   std::string usageLine_;
 };
 

@@ -60,10 +60,20 @@ int rm_default_mbox_quota(const char* domain) {
   return store_default_mbox_quota(domain, kUnlimited);
 }
 
-int rm_mbox_quota(const char* domain, const char* mailname) {
-  // Commands run without session data have no domain default: unlimited.
+namespace {
+
+// Commands run without session data have no domain default: unlimited.
+int64_t default_mbox_quota(const char* domain) {
   const mail_db_data_t* session = session_mail_db_info;
-  int64_t quota = session && describes(session, domain) ? session->mbox_quota
-                                                         : kUnlimited;
-  return store_mbox_quota(domain, mailname, quota) != 0;
+  return session && describes(session, domain) ? session->mbox_quota : kUnlimited;
+}
+
+}  // namespace
+
+int rm_mbox_quota(const char* domain, const char* mailname) {
+  return store_mbox_quota(domain, mailname, default_mbox_quota(domain)) != 0;
+}
+
+int rm_mbox_quota_in(const char* domain, int home) {
+  return store_mbox_quota_in(home, default_mbox_quota(domain)) != 0;
 }

@@ -21,5 +21,7 @@ int rm_default_mbox_quota(const char* domain);
 // session mail data; unlimited when the session says nothing about the
 // domain.
 int rm_mbox_quota(const char* domain, const char* mailname);
+// The same for a mailbox of `domain` whose directory is open as `home`.
+int rm_mbox_quota_in(const char* domain, int home);
 
 #endif  // DRAVNIK_MAILDATA_SESSION_QUOTA_H_

@@ -50,8 +50,9 @@ int do_main(int argc, char** argv) {
   std::string const word = argv[1];
 
   // Some command words differ from the functions behind them
-  // ("--turn-on-domain" runs enableDomain); both names are public.
-  std::map<std::string, CommandFunction> const commands = {
+  // ("--turn-on-domain" runs enableDomain); both names are public. Built
+  // once: a batch runs a command per line.
+  static std::map<std::string, CommandFunction> const commands = {
       {"--add-mailname", cmd::addMailname},
       {"--remove-mailname", cmd::removeMailname},
       {"--rename-mailname", cmd::renameMailname},

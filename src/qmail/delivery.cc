@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+#include <map>
 #include <string>
 
 #include "qmail/line_file.h"
@@ -113,29 +115,51 @@ int format_mail_path(char* buffer, size_t size, const char* mailname,
   return 0;
 }
 
-// Writes the reset contents of `path`; the caller holds its lock.
-int write_reset(const char* path) {
+// How writing a .qmail ended: done, nothing made, or a new file made but
+// not put in place.
+enum class Written { kDone, kNotMade, kNotPlaced };
+
+// Writes `text` as the .qmail `path`, owned by popuser with mode 0600; the
+// caller holds its lock where one is needed (see write_noted()). `home`,
+// when not -1, is the file's directory, already open. Reports a file not
+// made; errno tells why one was not placed.
+Written write_dotqmail(const char* path, int home, const std::string& text) {
   // Written beside the old one and renamed over it, so that the mail user
   // cannot have it written through a link planted at the name.
   tavix::AtomicFile file;
-  if (!file.create(path, tavix::name_beside(path, std::string(kResetTempInfix) + "XXXXXX"),
-                   tavix::AtomicFile::Temp::kUnique, kDotqmailMode)) {
+  std::string const temp = tavix::name_beside(path, std::string(kResetTempInfix) + "XXXXXX");
+  bool const made =
+      home == -1 ? file.create(path, temp, tavix::AtomicFile::Temp::kUnique, kDotqmailMode)
+                 : file.create_in(home, tavix::name_beside(path, ""), temp,
+                                  tavix::AtomicFile::Temp::kUnique, kDotqmailMode);
+  if (!made) {
     tavix_log(kLogError, "Unable to open '%s': %s", path, strerror(errno));
-    return -1;
+    return Written::kNotMade;
   }
   // The owner and mode are the new file's before it takes the name.
   if (fd_set_user_mode(file.fd(), path, kMailboxOwner, kDotqmailMode) != 0)
-    return -1;
-  if (!file.write(std::string(kDiscardLine) + "\n") || !file.commit()) {
-    // No .qmail at all is better than a wrong one: qmail then delivers by
-    // its default instead of to whatever the old file said.
-    int write_errno = errno;
-    tavix::unlink_nofollow(path);
-    tavix_log(kLogError, "Unable to write to '%s': %s", path,
-              strerror(write_errno));
-    return -1;
+    return Written::kNotMade;
+  if (!file.write(text) || !file.commit())
+    return Written::kNotPlaced;
+  return Written::kDone;
+}
+
+// Writes the reset contents of `path`; the caller holds its lock.
+int write_reset(const char* path) {
+  switch (write_dotqmail(path, -1, std::string(kDiscardLine) + "\n")) {
+    case Written::kDone:
+      return 0;
+    case Written::kNotMade:
+      return -1;
+    case Written::kNotPlaced:
+      break;
   }
-  return 0;
+  // No .qmail at all is better than a wrong one: qmail then delivers by
+  // its default instead of to whatever the old file said.
+  int write_errno = errno;
+  tavix::unlink_nofollow(path);
+  tavix_log(kLogError, "Unable to write to '%s': %s", path, strerror(write_errno));
+  return -1;
 }
 
 int give_to_mailbox_owner(const char* path) {
@@ -205,7 +229,8 @@ int get_dotqmail_path(char* buffer, size_t size, const char* mailname,
 
 namespace {
 
-int reset_locked(const char* path, bool tidy) {
+// Runs `write` on the .qmail `path` under its lock.
+int write_locked(const char* path, bool tidy, const std::function<int()>& write) {
   // The lock the delivery line edits take (qmail/line_file.h): a reset
   // does not race them, and every temporary beside the file is written
   // under it.
@@ -218,7 +243,7 @@ int reset_locked(const char* path, bool tidy) {
   // temporary file behind; under the file's lock none of them is in use.
   if (tidy)
     tavix::tidy_stale_temps(path, kResetTempInfix);
-  int result = write_reset(path);
+  int result = write();
   if (lock.release() != 0) {
     tavix_log(kLogError, "Error occurred while unlocking the file %s: %s", path,
               strerror(errno));
@@ -227,7 +252,115 @@ int reset_locked(const char* path, bool tidy) {
   return result;
 }
 
+// --- Held .qmail files ------------------------------------------------------
+//
+// A batch adds a mail name (its .qmail reset) and its mailbox (the delivery
+// line) in separate commands, each of which would lock, read and replace
+// the file. While held, a reset only notes the new contents, and the later
+// edits of that file change the note; the file is written once, as a reset
+// then writes it. No descriptor is kept per note: a checkpoint may note
+// tens of thousands of them.
+
+struct HeldDotqmail {
+  std::string text;   // whole lines, as the edits on disk would leave them
+  // Its directory was not made by this run: the write looks for the
+  // temporaries of killed resets, under the lock.
+  bool tidy = false;
+};
+
+struct DotqmailHolding {
+  bool active = false;
+  std::map<std::string, HeldDotqmail> files;  // by path
+};
+
+DotqmailHolding& dotqmail_holding() {
+  static DotqmailHolding state;
+  return state;
+}
+
+HeldDotqmail* held_dotqmail(const char* path) {
+  DotqmailHolding& state = dotqmail_holding();
+  if (!state.active)
+    return nullptr;
+  auto found = state.files.find(path);
+  return found == state.files.end() ? nullptr : &found->second;
+}
+
+// Takes the lines equal to one of `drop` out of `held`, as an exact
+// removal from the file would.
+void drop_held_lines(HeldDotqmail* held, const char* const* drop) {
+  std::string kept;
+  for (size_t start = 0, end; start < held->text.size(); start = end + 1) {
+    end = held->text.find('\n', start);
+    std::string const line = held->text.substr(start, end - start);
+    bool dropped = false;
+    for (const char* const* given = drop; *given && !dropped; ++given)
+      dropped = line == *given;
+    if (!dropped)
+      kept += line + "\n";
+  }
+  held->text = std::move(kept);
+}
+
+int note_reset(const char* path, bool tidy) {
+  dotqmail_holding().files[path] = HeldDotqmail{std::string(kDiscardLine) + "\n", tidy};
+  return 0;
+}
+
+// Writes a noted file through its directory, opened once. A directory gone
+// since (its mail name removed by a later command) leaves nothing to write.
+bool write_noted(const std::string& path, const HeldDotqmail& held) {
+  std::string dir;
+  std::string name;
+  tavix::split_path(path.c_str(), &dir, &name);
+  tavix::UniqueFd home(tavix::open_dir_nofollow(dir.c_str()));
+  if (!home) {
+    if (errno == ENOENT)
+      return true;
+    tavix_log(kLogError, "Unable to open '%s': %s", path.c_str(), strerror(errno));
+    return false;
+  }
+  // A file not placed leaves the old one: the checkpoint whose write
+  // failed is undone, and the old file goes with what it restores.
+  auto write = [&] {
+    switch (write_dotqmail(path.c_str(), home.get(), held.text)) {
+      case Written::kDone:
+        return 0;
+      case Written::kNotPlaced:
+        tavix_log(kLogError, "Unable to write to '%s': %s", path.c_str(), strerror(errno));
+        return -1;
+      default:
+        return -1;
+    }
+  };
+  // In a directory this run made, no killed run left a temporary, and
+  // there was no file for an edit of another run to read and rewrite while
+  // this one is renamed into place (the only other writer, a reset, comes
+  // with an edit of users/assign, which the hold keeps locked): the lock
+  // would keep nothing apart. A new mailbox thus costs no lock file.
+  if (!held.tidy)
+    return write() == 0;
+  return write_locked(path.c_str(), true, write) == 0;
+}
+
 }  // namespace
+
+void dotqmail_hold() { dotqmail_holding().active = true; }
+
+int dotqmail_write_held() {
+  DotqmailHolding& state = dotqmail_holding();
+  bool ok = true;
+  for (const auto& entry : state.files)
+    ok = write_noted(entry.first, entry.second) && ok;
+  state.files.clear();
+  return ok ? 0 : 1;
+}
+
+void dotqmail_end_hold() {
+  DotqmailHolding& state = dotqmail_holding();
+  state.files.clear();
+  state.active = false;
+}
 
 const char kDiscardLine[] = "| true";
 
@@ -238,11 +371,23 @@ int is_delivery_line(const char* line) {
   return 0;
 }
 
-int dotqmail_reset(const char* path) { return reset_locked(path, true); }
+int dotqmail_reset(const char* path) {
+  if (dotqmail_holding().active)
+    return note_reset(path, true);
+  return write_locked(path, true, [path] { return write_reset(path); });
+}
 
-int dotqmail_reset_new(const char* path) { return reset_locked(path, false); }
+int dotqmail_reset_new(const char* path) {
+  if (dotqmail_holding().active)
+    return note_reset(path, false);
+  return write_locked(path, false, [path] { return write_reset(path); });
+}
 
 int dotqmail_remove_delivery_strings(const char* path) {
+  if (HeldDotqmail* held = held_dotqmail(path)) {
+    drop_held_lines(held, kDeliveryLines);
+    return 0;
+  }
   if (file_strings(path, kDeliveryLines, kLinesRemove, 1) != 0) {
     tavix_log(kLogWarning, "Unable to remove old delivery strings from '%s'",
               path);
@@ -256,6 +401,12 @@ int dotqmail_add_delivery(const char* path) {
   if (server == nullptr)
     return -1;
   const char* const lines[] = {server->delivery_line, nullptr};
+  // A noted file is written with the mailbox owner and mode anyway.
+  if (HeldDotqmail* held = held_dotqmail(path)) {
+    drop_held_lines(held, kDeliveryLines);
+    held->text += std::string(server->delivery_line) + "\n";
+    return 0;
+  }
   switch (file_remove_append(path, kDeliveryLines, lines)) {
     case 0:
       return give_to_mailbox_owner(path);
@@ -271,7 +422,7 @@ int dotqmail_add_delivery(const char* path) {
 int dotqmail_remove_delivery(const char* path) {
   if (dotqmail_remove_delivery_strings(path) != 0)
     return -1;
-  return give_to_mailbox_owner(path);
+  return held_dotqmail(path) ? 0 : give_to_mailbox_owner(path);
 }
 
 int add_mailname_delivery(const char* mailname, const char* domain) {

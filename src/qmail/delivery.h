@@ -53,6 +53,24 @@ int dotqmail_reset(const char* path);
 // can have left a temporary beside the file, so none is looked for.
 int dotqmail_reset_new(const char* path);
 
+// Held .qmail files, for a run that applies many commands in a row. From
+// dotqmail_hold() on, a reset only notes the fresh contents, and the
+// delivery line edits of a noted file change the note instead of the file;
+// dotqmail_write_held() writes each noted file once, as a reset writes it
+// (popuser, mode 0600, renamed into place; under the file's lock unless
+// its directory was made by this run), skipping one whose directory is gone
+// since, and forgets the notes. For a run that holds users/assign as well
+// (qmail/line_file.h) until the write. Edits of files
+// that no reset noted go to disk as always. Until the write, the file on
+// disk is the one of before its reset (none for a new mail name): a run
+// killed meanwhile leaves it whole. 0, or 1 after reporting a file that
+// could not be written (the others are written; a file not written keeps
+// its old contents).
+void dotqmail_hold();
+int dotqmail_write_held();
+// Forgets the notes not written and ends the hold.
+void dotqmail_end_hold();
+
 // Makes the detected server's delivery line the only one in the existing
 // .qmail at `path`, which then belongs to popuser with mode 0600.
 // 0 or -1 (logged).

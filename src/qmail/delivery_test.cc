@@ -114,4 +114,66 @@ TEST(DeliveryTest, ResetRemovesTheTemporariesOfKilledResets) {
   for (const auto& t : temps) EXPECT_EQ(!t.removed, exists(dir.path(t.name))) << t.name;
 }
 
+// Held .qmail edits leave what the same edits leave on disk, owner and
+// mode included, and leave the disk alone until the write.
+TEST(DeliveryTest, HeldEditsEndAsTheEditsOnDisk) {
+  using Edit = int (*)(const char* path);
+  const struct {
+    const char* title;
+    std::vector<Edit> edits;
+  } cases[] = {
+      {"a new mailbox", {dotqmail_reset_new, dotqmail_add_delivery}},
+      {"a mail name alone", {dotqmail_reset_new}},
+      {"a mailbox made twice", {dotqmail_reset, dotqmail_add_delivery, dotqmail_add_delivery}},
+      {"a mailbox made and unmade",
+       {dotqmail_reset, dotqmail_add_delivery, dotqmail_remove_delivery}},
+      {"reset again after its mailbox", {dotqmail_reset, dotqmail_add_delivery, dotqmail_reset}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.title);
+    const ScratchDir on_disk, held;
+    for (const ScratchDir* dir : {&on_disk, &held}) {
+      write_file(dir->path(".qmail"), "| old\n");
+      ASSERT_EQ(0, chmod(dir->path(".qmail").c_str(), 0644));
+    }
+    const std::string disk_path = on_disk.path(".qmail"), held_path = held.path(".qmail");
+    for (Edit edit : c.edits) ASSERT_EQ(0, edit(disk_path.c_str()));
+
+    dotqmail_hold();
+    for (Edit edit : c.edits) EXPECT_EQ(0, edit(held_path.c_str()));
+    EXPECT_EQ("| old\n", read_file(held_path)) << "written before the write";
+    EXPECT_EQ(0, dotqmail_write_held());
+    dotqmail_end_hold();
+    EXPECT_EQ(read_file(disk_path), read_file(held_path));
+    EXPECT_TRUE(attributes_of(disk_path) == attributes_of(held_path));
+  }
+}
+
+// A note whose mail name was removed since writes nothing; ending the hold
+// without the write forgets the notes; an edit of a file no reset noted
+// goes to disk at once.
+TEST(DeliveryTest, HeldNotesOfGoneOrDroppedFiles) {
+  const ScratchDir dir;
+  const std::string gone = dir.path("gone"), dropped = dir.path("dropped/.qmail");
+  const std::string unnoted = dir.path(".qmail");
+  ASSERT_EQ(0, mkdir(gone.c_str(), 0700));
+  ASSERT_EQ(0, mkdir(dir.path("dropped").c_str(), 0700));
+  write_file(unnoted, "| true\n");
+
+  dotqmail_hold();
+  ASSERT_EQ(0, dotqmail_reset_new((gone + "/.qmail").c_str()));
+  ASSERT_EQ(0, rmdir(gone.c_str()));
+  ASSERT_EQ(0, dotqmail_add_delivery(unnoted.c_str()));
+  EXPECT_TRUE(contains(read_file(unnoted), "deliverquota")) << "an unnoted file waited";
+  EXPECT_EQ(0, dotqmail_write_held());
+  EXPECT_FALSE(exists(gone));
+
+  ASSERT_EQ(0, dotqmail_reset_new(dropped.c_str()));
+  dotqmail_end_hold();
+  EXPECT_FALSE(exists(dropped));
+  // The hold has ended: a reset writes at once.
+  ASSERT_EQ(0, dotqmail_reset_new(dropped.c_str()));
+  EXPECT_EQ("| true\n", read_file(dropped));
+}
+
 }  // namespace

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -97,11 +98,15 @@ class DirVisit {
       return false;
     }
     saved_ = std::move(here);
+    there_ = std::move(there);
     return true;
   }
+  // The directory entered.
+  int dir() const { return there_.get(); }
 
  private:
   UniqueFd saved_;
+  UniqueFd there_;
 };
 
 bool is_dot_or_dotdot(const char* name) {
@@ -270,22 +275,42 @@ void outdate_if_changed(const char* maildir, time_t scanned) {
     say("unable to date back %s/maildirsize: %s", maildir, strerror(errno));
 }
 
-// Starts a new maildirsize in the Maildir's tmp/, like any delivery. Time,
-// process and host in the name keep concurrent writers apart; the file is
-// created exclusively and never through a link. A name that is taken is
-// tried again after a pause.
-bool create_maildirsize(const char* host, tavix::AtomicFile* file) {
+// What names a writer's temporary files and sets their mode: looked up
+// once for all the Maildirs written in a row.
+struct Writer {
+  char host[HOST_NAME_MAX + 1];
+  pid_t pid;
+  mode_t umask;
+
+  bool look_up() {
+    if (gethostname(host, sizeof(host)) != 0) {
+      say("Unable to receive hostname");
+      return false;
+    }
+    host[HOST_NAME_MAX] = '\0';
+    pid = getpid();
+    umask = ::umask(022);
+    ::umask(umask);
+    return true;
+  }
+};
+
+// Starts a new maildirsize in tmp/ of the Maildir `maildir` (open), like
+// any delivery. Time, process and host in the name keep concurrent writers
+// apart; the file is created exclusively and never through a link. A name
+// that is taken is tried again after a pause.
+bool create_maildirsize(int maildir, const Writer& writer, tavix::AtomicFile* file) {
   for (int attempt = 1;; ++attempt) {
     char name[kMaxPath];
     int length = snprintf(name, sizeof(name), "tmp/%lu.%u.%s%s",
                           static_cast<unsigned long>(time(nullptr)),
-                          static_cast<unsigned>(getpid()), host, kTempSuffix);
+                          static_cast<unsigned>(writer.pid), writer.host, kTempSuffix);
     if (length < 0 || static_cast<size_t>(length) >= sizeof(name)) {
       errno = ENAMETOOLONG;
       say("host name is too long to be used in filename");
       return false;
     }
-    if (file->create("maildirsize", name, tavix::AtomicFile::Temp::kExclusive, 0644))
+    if (file->create_in(maildir, "maildirsize", name, tavix::AtomicFile::Temp::kExclusive, 0644))
       return true;
     if (attempt == kCreateAttempts)
       break;
@@ -553,9 +578,13 @@ int store_mbox_quota(const char* domain, const char* mailname, int64_t quota) {
     say("unable to change to mbox folder %s: %s", mailbox.c_str(), strerror(errno));
     return 0;
   }
-  if (quota >= 0 && !subtract_attachments(home.get(), &quota))
+  return store_mbox_quota_in(home.get(), quota);
+}
+
+int store_mbox_quota_in(int home, int64_t quota) {
+  if (quota >= 0 && !subtract_attachments(home, &quota))
     return 0;
-  return store_quota_at(home.get(), "./Maildir", quota);
+  return store_quota_at(home, "./Maildir", quota);
 }
 
 int store_maildirpp_quota_raw(const char* maildir, int64_t quota) {
@@ -571,26 +600,24 @@ struct QuotaFile {
   int64_t count_limit;
 };
 
-// Writes the maildirsize of the Maildir that is the current directory;
-// `maildir` names it in messages.
-bool write_here(const char* maildir, const QuotaFile& quota) {
-  char host[HOST_NAME_MAX + 1];
-  if (gethostname(host, sizeof(host)) != 0) {
-    say("Unable to receive hostname");
-    return false;
-  }
-  host[HOST_NAME_MAX] = '\0';
-
+// Writes the maildirsize of the Maildir that is the current directory,
+// open as `dir`; `maildir` names it in messages.
+bool write_here(int dir, const char* maildir, const QuotaFile& quota, const Writer& writer,
+                bool tidy = true) {
   tavix::ScopedLock lock(lock_maildirsize());
   if (!lock.locked()) {
     say("unable to lock %s/maildirsize: %s", maildir, strerror(errno));
     return false;
   }
-  remove_stale_maildirsize_temps(maildir, host);
+  if (tidy)
+    remove_stale_maildirsize_temps(maildir, writer.host);
   tavix::AtomicFile temp;
-  if (!create_maildirsize(host, &temp))
+  if (!create_maildirsize(dir, writer, &temp))
     return false;
-  if (!temp.set_owner(quota.uid, quota.gid) || !temp.set_mode(0644)) {
+  // The mode asked for at the creation is the file's unless the umask took
+  // some of it away.
+  if (!temp.set_owner(quota.uid, quota.gid) ||
+      ((0644 & ~writer.umask) != 0644 && !temp.set_mode(0644))) {
     say("unable to set owner and mode of %s/%s: %s", maildir,
         temp.temp_path().c_str(), strerror(errno));
     return false;
@@ -643,9 +670,13 @@ struct HeldQuota {
 // Few enough to stay far from the descriptor limit.
 const size_t kMaxHeldQuotas = 256;
 
+using DirId = std::pair<dev_t, ino_t>;
+
 struct QuotaHolding {
   bool active = false;
-  std::map<std::pair<dev_t, ino_t>, HeldQuota> files;
+  std::map<DirId, HeldQuota> files;
+  // Maildirs made by this run (maildirsize_note_new()), until written.
+  std::set<DirId> made;
 };
 
 QuotaHolding& quota_holding() {
@@ -662,6 +693,9 @@ bool write_held_quotas() {
     say("unable to get current working directory");
     return false;
   }
+  Writer writer;
+  if (!writer.look_up())
+    return false;
   bool ok = true;
   for (auto& entry : state.files) {
     HeldQuota& held = entry.second;
@@ -673,7 +707,8 @@ bool write_held_quotas() {
     }
     if (info.st_nlink == 0)
       continue;  // removed since: nothing left to write
-    ok = write_here(held.name.c_str(), held.quota) && ok;
+    bool const made = state.made.erase(entry.first) != 0;
+    ok = write_here(held.dir.get(), held.name.c_str(), held.quota, writer, !made) && ok;
   }
   state.files.clear();
   if (fchdir(saved.get()) != 0) {
@@ -683,9 +718,34 @@ bool write_held_quotas() {
   return ok;
 }
 
+// The held entry of `maildir`, a single name in `at` (a mailbox's
+// "./Maildir"), found by a look at the name alone: the commands that give a
+// new mailbox its file, its password and its quota each reach it. Null
+// when it is not held, or is not a directory there (a link is looked at,
+// not followed).
+HeldQuota* held_in(int at, const char* maildir) {
+  QuotaHolding& state = quota_holding();
+  const char* name = maildir;
+  while (strncmp(name, "./", 2) == 0)
+    name += 2;
+  if (state.files.empty() || *name == '\0' || strchr(name, '/') != nullptr)
+    return nullptr;
+  struct stat info;
+  if (fstatat(at, name, &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(info.st_mode))
+    return nullptr;
+  auto found = state.files.find(std::make_pair(info.st_dev, info.st_ino));
+  return found == state.files.end() ? nullptr : &found->second;
+}
+
 // Holds the write of `maildir`, opened as entering it would.
 bool hold_quota(int at, const char* maildir, const QuotaFile& quota) {
   QuotaHolding& state = quota_holding();
+  // Held already: its descriptor is that directory.
+  if (HeldQuota* held = held_in(at, maildir)) {
+    held->name = maildir;
+    held->quota = quota;
+    return true;
+  }
   UniqueFd dir(tavix::open_dir_nofollow(maildir, at));
   struct stat info;
   if (!dir || fstat(dir.get(), &info) != 0) {
@@ -705,10 +765,13 @@ int write_maildirsize_at(int at, const char* maildir, uid_t uid, gid_t gid,
   QuotaFile quota{uid, gid, size_limit, count_limit};
   if (quota_holding().active)
     return hold_quota(at, maildir, quota) ? 1 : 0;
+  Writer writer;
+  if (!writer.look_up())
+    return 0;
   DirVisit visit;
   if (!visit.enter(maildir, "Maildir folder", at))
     return 0;
-  return write_here(maildir, quota) ? 1 : 0;
+  return write_here(visit.dir(), maildir, quota, writer) ? 1 : 0;
 }
 
 }  // namespace
@@ -719,6 +782,13 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 }
 
 void maildirsize_hold() { quota_holding().active = true; }
+
+void maildirsize_note_new(int maildir) {
+  QuotaHolding& state = quota_holding();
+  struct stat info;
+  if (state.active && fstat(maildir, &info) == 0)
+    state.made.insert(std::make_pair(info.st_dev, info.st_ino));
+}
 
 bool maildirsize_holds_descriptor(int fd) {
   for (const auto& entry : quota_holding().files) {
@@ -731,6 +801,7 @@ bool maildirsize_holds_descriptor(int fd) {
 int maildirsize_write_held() {
   QuotaHolding& state = quota_holding();
   bool ok = write_held_quotas();
+  state.made.clear();
   state.active = false;
   return ok ? 0 : 1;
 }

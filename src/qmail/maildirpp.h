@@ -23,6 +23,9 @@
 // directory already holds, so that attachments kept beside the Maildir count
 // against the same limit. Non-zero on success, 0 after reporting a failure.
 int store_mbox_quota(const char* domain, const char* mailname, int64_t quota);
+// The same for the mailbox directory open as `home` (opened without
+// following links), which a caller that has just made it has at hand.
+int store_mbox_quota_in(int home, int64_t quota);
 
 // Writes `maildir`/maildirsize for a quota of `quota` bytes: a positive
 // quota is the limit, 0 blocks every delivery (written as the limit 1, since
@@ -47,6 +50,10 @@ int write_maildirpp_maildirsize(const char* maildir, uid_t uid, gid_t gid,
 // failed write.
 void maildirsize_hold();
 int maildirsize_write_held();
+// Tells a hold that the Maildir open as `maildir` was just made by this
+// run: its held write does not look in tmp/ for the temporaries of killed
+// runs. Does nothing unless a hold is active.
+void maildirsize_note_new(int maildir);
 // Whether `fd` is the directory of a noted Maildir, kept open on purpose
 // until its write.
 bool maildirsize_holds_descriptor(int fd);

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "qmail/qmail_test_support.h"
+#include "util/fs.h"
 
 namespace {
 
@@ -249,6 +250,46 @@ TEST(WriteMaildirsizeTest, HeldWritesLandOnceWithTheLastLimits) {
   // No longer held: written at once.
   ASSERT_EQ(1, write_maildirpp_maildirsize(read.path.c_str(), 0, 0, 400, 0));
   EXPECT_EQ(400, read_usage(read.path, 1).size_limit);
+}
+
+// A Maildir noted as just made is not searched for the temporaries of
+// killed runs; every other held one still is.
+TEST(WriteMaildirsizeTest, HeldWriteTidiesAllButTheMaildirsJustMade) {
+  char host[HOST_NAME_MAX + 1] = {};
+  ASSERT_EQ(0, gethostname(host, HOST_NAME_MAX));
+  const std::string stale = "/tmp/123.45." + std::string(host) + "-maildirsize";
+  const ScratchMaildir made, old;
+  for (const ScratchMaildir* m : {&made, &old}) write_file(m->path + stale, "");
+  maildirsize_hold();
+  tavix::UniqueFd dir(open(made.path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  maildirsize_note_new(dir.get());
+  for (const ScratchMaildir* m : {&made, &old})
+    ASSERT_EQ(1, write_maildirpp_maildirsize(m->path.c_str(), 0, 0, 100, 0));
+  EXPECT_EQ(0, maildirsize_write_held());
+  EXPECT_TRUE(exists(made.path + stale));
+  EXPECT_FALSE(exists(old.path + stale));
+  EXPECT_EQ("100S,0C\n           0           0\n", read_file(made.size_file()));
+}
+
+// A held Maildir is found again by its name alone, but a link that the mail
+// user planted at the name is not taken for the held Maildir it points to.
+TEST(WriteMaildirsizeTest, HeldMaildirFoundByItsNameButNotThroughALink) {
+  const ScratchMaildir own, other;
+  // The mail user's directory: a link in it is never followed.
+  ASSERT_EQ(0, chown(own.dir.path().c_str(), 110, 110));
+  tavix::UniqueFd saved(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(0, chdir(own.dir.path().c_str()));
+  maildirsize_hold();
+  EXPECT_EQ(1, store_maildirpp_quota_raw(other.path.c_str(), 500));
+  EXPECT_EQ(1, store_maildirpp_quota_raw("./Maildir", 100));
+  EXPECT_EQ(1, store_maildirpp_quota_raw("Maildir", 200));
+  fs::rename(own.path, own.dir.path("Kept"));
+  fs::create_directory_symlink(other.path, own.path);
+  EXPECT_EQ(0, store_maildirpp_quota_raw("./Maildir", 300));
+  EXPECT_EQ(0, maildirsize_write_held());
+  ASSERT_EQ(0, fchdir(saved.get()));
+  EXPECT_EQ("200S,0C\n           0           0\n", read_file(own.dir.path("Kept/maildirsize")));
+  EXPECT_EQ("500S,0C\n           0           0\n", read_file(other.size_file()));
 }
 
 TEST(OverquotaTest, ComparesUsagePlusTheNewMessageWithTheLimits) {

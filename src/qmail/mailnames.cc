@@ -201,8 +201,13 @@ void make_mailbox_dirs(const char* mailname, const char* domain, const std::stri
     for (const char* other : kMailboxDirs)
       has_children |= strncmp(other, sub, strlen(sub)) == 0 && other[strlen(sub)] == '/';
     tavix::UniqueFd opened;
+    bool made = false;
     make_popuser_dir(mailname, domain, home, sub, parent, name.c_str(), user,
-                     has_children ? &opened : nullptr);
+                     has_children ? &opened : nullptr, &made);
+    // A Maildir made here has a tmp/ that no killed run can have left a
+    // temporary maildirsize in.
+    if (made && strcmp(sub, "Maildir") == 0)
+      maildirsize_note_new(opened.get());
     if (has_children)
       parents.emplace_back(sub, std::move(opened));
   }
@@ -350,6 +355,10 @@ bool renamed_dotqmail_text(const std::string& path, const std::string& old_addre
 void rename_in_dotqmail(const char* old_name, const char* domain, const char* new_name,
                         const MailUser& user) {
   const std::string path = mailname_dir(domain, new_name) + "/.qmail";
+  // The file is read from disk: one whose reset is only noted is written
+  // first.
+  if (dotqmail_write_held() != 0)
+    return;
   tavix::ScopedLock lock(mk_lock(path.c_str(), 1));
   if (!lock.locked()) {
     tavix_log(3, "Error occurred while locking %s file", path.c_str());
@@ -424,7 +433,8 @@ int add_mailname(const char* mailname, const char* domain) {
       (made ? dotqmail_reset_new(dotqmail) : dotqmail_reset(dotqmail)) != 0)
     return -1;
   make_mailbox_dirs(mailname, ascii, home, home_fd.get(), user);
-  if (rm_mbox_quota(ascii, mailname) == 0)
+  // Through the directory just made rather than its path again.
+  if (rm_mbox_quota_in(ascii, home_fd.get()) == 0)
     undo_add(mailname, ascii, "Unable to initialize quota settings for %s@%s", mailname, ascii);
   if (chdir(saved_cwd) != 0)
     undo_add(mailname, ascii, "Unable to chdir %s: %s", saved_cwd, strerror(errno));

@@ -60,20 +60,38 @@ bool AtomicFile::create(const std::string& path, const std::string& temp, Temp k
   if (!open_parent_nofollow(path.c_str(), &parent))
     return false;
   dir_ = std::move(parent.dir);
+  borrowed_dir_ = -1;
   name_ = std::move(parent.name);
+  if (!create_beside(temp, kind, mode))
+    return false;
+  temp_path_ = dir_prefix(path) + temp_path_;
+  return true;
+}
 
+bool AtomicFile::create_in(int dir, const std::string& name, const std::string& temp,
+                           Temp kind, mode_t mode) {
+  discard();
+  temp_dir_.reset();
+  temp_path_.clear();
+  dir_.reset();
+  borrowed_dir_ = dir;
+  name_ = name;
+  return create_beside(temp, kind, mode);
+}
+
+bool AtomicFile::create_beside(const std::string& temp, Temp kind, mode_t mode) {
   // A temporary file in a sub-directory (a Maildir's tmp/) is still reached
   // from the target's directory without following links.
   std::string temp_dir = dir_prefix(temp);
   std::string temp_name = temp.substr(temp_dir.size());
   if (!temp_dir.empty()) {
-    temp_dir_ = open_dir_nofollow(temp_dir.c_str(), dir_.get());
+    temp_dir_ = open_dir_nofollow(temp_dir.c_str(), dir_fd());
     if (!temp_dir_)
       return false;
   }
   if (!create_temp(temp_name, kind, mode))
     return false;
-  temp_path_ = dir_prefix(path) + temp_dir + temp_name_;
+  temp_path_ = temp_dir + temp_name_;
   return true;
 }
 
@@ -166,11 +184,11 @@ bool AtomicFile::commit() {
   }
   if (!sync())
     return false;
-  if (renameat(temp_dir_fd(), temp_name_.c_str(), dir_.get(), name_.c_str()) != 0)
+  if (renameat(temp_dir_fd(), temp_name_.c_str(), dir_fd(), name_.c_str()) != 0)
     return false;
   pending_ = false;
   // The new name is only safe from a power loss once the directory is.
-  return fsync(dir_.get()) == 0;
+  return fsync(dir_fd()) == 0;
 }
 
 void AtomicFile::abandon() {

@@ -44,10 +44,17 @@ class AtomicFile {
   // created with `mode` (the umask applies). False with errno set.
   bool create(const std::string& path, const std::string& temp, Temp kind,
               mode_t mode);
+  // create() for the target `name` in the directory `dir`, already open
+  // (without following links) and kept open by the caller until the file
+  // is committed or discarded: a caller that reached the directory once
+  // does not have every component of its path looked up again. `temp` is
+  // relative to `dir`; temp_path() is then too.
+  bool create_in(int dir, const std::string& name, const std::string& temp, Temp kind,
+                 mode_t mode);
 
   int fd() const { return fd_.get(); }
   // The directory that holds the target.
-  int dir_fd() const { return dir_.get(); }
+  int dir_fd() const { return dir_ ? dir_.get() : borrowed_dir_; }
   // The temporary file's path, as the target's path would be spelled.
   const std::string& temp_path() const { return temp_path_; }
   // A stream on the temporary file, made on first use; commit() flushes it.
@@ -73,9 +80,13 @@ class AtomicFile {
 
  private:
   bool create_temp(const std::string& name, Temp kind, mode_t mode);
-  int temp_dir_fd() const { return temp_dir_ ? temp_dir_.get() : dir_.get(); }
+  int temp_dir_fd() const { return temp_dir_ ? temp_dir_.get() : dir_fd(); }
+  // The temporary file's directory (`temp`'s leading part) opened from the
+  // target's, and the file created there.
+  bool create_beside(const std::string& temp, Temp kind, mode_t mode);
 
   UniqueFd dir_;       // holds the target
+  int borrowed_dir_ = -1;  // holds it instead, the caller's (create_in())
   UniqueFd temp_dir_;  // holds the temporary file
   UniqueFd fd_;
   UniqueFile stream_;  // on a duplicate of fd_

@@ -1,5 +1,6 @@
 #include "util/atomic_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -81,6 +82,29 @@ TEST(AtomicFileTest, TemporaryFileInASubdirectory) {
   ASSERT_TRUE(file.commit());
   EXPECT_EQ("0S,0C\n", read_file(tmp.path("maildirsize")));
   EXPECT_TRUE(Entries(tmp.path("tmp")).empty());
+}
+
+// Through a directory the caller opened: the file lands in that directory
+// wherever it has moved since, and the caller's descriptor stays its own.
+TEST(AtomicFileTest, CreateInAnOpenDirectory) {
+  TempDir tmp;
+  ASSERT_EQ(0, mkdir(tmp.path("box").c_str(), 0700));
+  ASSERT_EQ(0, mkdir(tmp.path("box/tmp").c_str(), 0700));
+  tavix::UniqueFd box(open(tmp.path("box").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_TRUE(box);
+  ASSERT_EQ(0, rename(tmp.path("box").c_str(), tmp.path("moved").c_str()));
+  {
+    AtomicFile file;
+    ASSERT_TRUE(file.create_in(box.get(), "maildirsize", "tmp/1.2.host-maildirsize",
+                               Temp::kExclusive, 0644));
+    EXPECT_EQ("tmp/1.2.host-maildirsize", file.temp_path());
+    ASSERT_TRUE(file.write("0S,0C\n"));
+    ASSERT_TRUE(file.commit());
+  }
+  EXPECT_EQ("0S,0C\n", read_file(tmp.path("moved/maildirsize")));
+  EXPECT_TRUE(Entries(tmp.path("moved/tmp")).empty());
+  struct stat info;
+  EXPECT_EQ(0, fstat(box.get(), &info)) << "the caller's descriptor was closed";
 }
 
 }  // namespace

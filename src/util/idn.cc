@@ -36,8 +36,24 @@ int run_idna(IdnaFunction function, const char* input, std::string* output) {
   return rc;
 }
 
+// The last conversion is kept: a batch converts its domain for every
+// command of each of its mail names, and libidn's conversion depends on
+// nothing but its input.
 int to_ascii(const char* domain, std::string* output) {
-  return run_idna(idna_to_ascii_8z, domain, output);
+  static std::string last_input;
+  static std::string last_output;
+  static int last_rc = IDNA_INVALID_LENGTH;
+  static bool known = false;
+  if (domain == nullptr)
+    return run_idna(idna_to_ascii_8z, domain, output);
+  if (!known || last_input != domain) {
+    last_rc = run_idna(idna_to_ascii_8z, domain, &last_output);
+    last_input = domain;
+    known = true;
+  }
+  if (last_rc == IDNA_SUCCESS)
+    *output = last_output;
+  return last_rc;
 }
 
 int to_utf8(const char* domain, std::string* output) {

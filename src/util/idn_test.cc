@@ -51,6 +51,20 @@ TEST(IdnTest, Conversions) {
             take(idn_email_toascii((std::string("info@") + kUnicode).c_str())));
 }
 
+// The same conversion asked for again, after others and after a failure,
+// gives the same result each time.
+TEST(IdnTest, RepeatedConversionsAgree) {
+  for (int round = 0; round < 2; ++round) {
+    for (const char* domain : {kUnicode, kUnicode, kLongLabel.c_str(), kUnicode, kAscii}) {
+      SCOPED_TRACE(domain);
+      int rc = -1;
+      std::string const converted = take(idn_toascii(domain, &rc));
+      EXPECT_EQ(domain == kLongLabel.c_str() ? IDNA_INVALID_LENGTH : IDNA_SUCCESS, rc);
+      EXPECT_EQ(domain == kLongLabel.c_str() ? "(null)" : kAscii, converted);
+    }
+  }
+}
+
 TEST(IdnTest, SafeConversionsFallBackToTheInput) {
   EXPECT_EQ(kAscii, take(idn_toascii_safe(kUnicode)));
   EXPECT_EQ(kLongLabel, quietly([] { return take(idn_toascii_safe(kLongLabel.c_str())); }));
