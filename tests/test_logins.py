@@ -327,3 +327,17 @@ def test_home_comes_from_users_cdb_only_while_every_edit_is_compiled(mailbox):
     ok(sb, "--add-alias", "--domain-name=" + DOMAIN, "--mailname=mary", "--alias=info",
        "--mail-addresses", "mary")
     assert login(b"m4ry") == (["HOME=%s/mary" % ROOT], False, True)
+
+
+def test_a_compiled_line_is_judged_as_the_line_in_users_assign(mailbox):
+    """A home that breaks qmail's format (not an absolute path) is no
+    mailbox, whether it comes from users/cdb or from users/assign."""
+    sb = mailbox
+    assign = "/var/qmail/users/assign"
+    sb.write(assign, sb.read(assign).replace(":%s/john:" % ROOT, ":relative/john:"))
+    # A counted edit and its compile: users/cdb holds the line and is current.
+    ok(sb, "--add-alias", "--domain-name=" + DOMAIN, "--mailname=john", "--alias=info",
+       "--mail-addresses", "john")
+    r = run_auth(sb, b"john@example.com\0s3cret\0\0", env={"SERVICE": "imap"})
+    assert r.rc == 1, r
+    assert "HOME=" not in r.out

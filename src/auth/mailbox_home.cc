@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "audit/qmail_files.h"
@@ -32,11 +33,22 @@ int Open(const std::string& path, UniqueFd* fd) {
   return -1;
 }
 
+// The home that the assign line `text` gives `key`: 1, or 0 when the line
+// is not the exact line of `key` or breaks qmail's format.
+int HomeOfLine(const std::string& text, const std::string& key, std::string* home) {
+  audit::AssignLine line = audit::ParseAssignLine(text);
+  if (line.type != '=' || line.key != key)
+    return 0;
+  *home = line.home;
+  return 1;
+}
+
 // The home of the exact assign line for `key` as qmail-newu compiled it
-// into users/cdb: under "!key\0", the line's fields after the key split at
-// their colons ("user\0uid\0gid\0home\0dash\0ext"). 1 with `*home` set,
-// 0 when the database has no such line or cannot be read (the caller then
-// searches users/assign).
+// into users/cdb: under "!key\0", the line's fields after the key with
+// NULs for their colons. The line is put together again and judged as the
+// one in users/assign would be. 1 with `*home` set, 0 when the database
+// has no such line or cannot be read (the caller then searches
+// users/assign).
 int CompiledHome(const std::string& key, std::string* home) {
   const std::string path = qmail::qmail_file("/users/cdb");
   UniqueFd fd;
@@ -49,16 +61,8 @@ int CompiledHome(const std::string& key, std::string* home) {
               path.c_str(), strerror(errno));
   if (rc <= 0)
     return 0;
-  size_t at = 0;
-  for (int field = 0; field < 3 && at != std::string::npos; ++field) {
-    at = fields.find('\0', at);
-    if (at != std::string::npos)
-      ++at;
-  }
-  if (at == std::string::npos)
-    return 0;
-  *home = fields.substr(at, fields.find('\0', at) - at);
-  return home->empty() ? 0 : 1;
+  std::replace(fields.begin(), fields.end(), '\0', ':');
+  return HomeOfLine("=" + key + ":" + fields + ":", key, home);
 }
 
 }  // namespace
@@ -114,13 +118,7 @@ int FindVirtualPrefix(int fd, const std::string& domain, std::string* prefix, si
 int FindAssignHome(int fd, const std::string& key, std::string* home, size_t block) {
   std::string text;
   int rc = key.empty() ? 0 : FindLineStarting(fd, "=" + key + ":", &text, block);
-  if (rc <= 0)
-    return rc;
-  audit::AssignLine line = audit::ParseAssignLine(text);
-  if (line.type != '=' || line.key != key)
-    return 0;
-  *home = line.home;
-  return 1;
+  return rc <= 0 ? rc : HomeOfLine(text, key, home);
 }
 
 int MailboxHome(const std::string& mailname, const std::string& domain, std::string* home) {
