@@ -311,9 +311,12 @@ int SharedRun::await(uint64_t generation, const Program& program) const {
     return run_alone(program);
   RunLedger ledger;
   std::string why;
-  RunLedger::Verdict verdict = RunLedger::Verdict::kPending;
-  if (read_ledger(state.get(), &ledger) == Read::kOk)
-    verdict = ledger.judge(generation, &why);
+  // What the ledger says of this generation now; kPending when unread.
+  auto judged = [&] {
+    return read_ledger(state.get(), &ledger) == Read::kOk ? ledger.judge(generation, &why)
+                                                          : RunLedger::Verdict::kPending;
+  };
+  RunLedger::Verdict verdict = judged();
   if (verdict != RunLedger::Verdict::kPending)
     return report(verdict, why);
 
@@ -323,8 +326,7 @@ int SharedRun::await(uint64_t generation, const Program& program) const {
     return -1;
   }
   // The run this one waited for may have served it.
-  if (read_ledger(state.get(), &ledger) == Read::kOk)
-    verdict = ledger.judge(generation, &why);
+  verdict = judged();
   if (verdict != RunLedger::Verdict::kPending)
     return report(verdict, why);
 
